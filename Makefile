@@ -1,0 +1,52 @@
+# Everyday entry points. CMake does the real work; these pick the build folder and options.
+BUILD_DIR   ?= build
+ASAN_DIR    ?= build-asan
+BENCH_DIR   ?= build-bench
+PREFIX      ?= $(HOME)/.local
+WERROR      ?= OFF
+JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
+GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
+CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR)
+
+.PHONY: all build test test-asan bench install uninstall bootstrap clean
+
+all: build
+
+build:
+	cmake -S . -B $(BUILD_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
+
+test-asan:
+	cmake -S . -B $(ASAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DVEERLINE_SANITIZE=ON $(CMAKE_FLAGS)
+	cmake --build $(ASAN_DIR) -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+		ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
+
+bench:
+	cmake -S . -B $(BENCH_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVEERLINE_BENCH=ON -DVEERLINE_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build $(BENCH_DIR) -j $(JOBS)
+	@for script in bench/*.sh; do [ -f "$$script" ] && BUILD_DIR=$(BENCH_DIR) bash "$$script" || exit 1; done
+
+bootstrap:
+	scripts/bootstrap
+
+install: bootstrap build
+	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
+	@echo
+	@echo "Veerline is installed in $(PREFIX)."
+	@echo "Next steps:"
+	@echo "  veerline profile add Work --color blue"
+	@echo "  veerline profile add Personal --color green"
+	@echo "  veerline rule add ~/work Work"
+	@echo "  veerline shell install"
+	@echo "(Make sure $(PREFIX)/bin is on your PATH.)"
+
+uninstall:
+	rm -f $(PREFIX)/bin/veerline $(PREFIX)/libexec/veerline/veerline-resolve
+	-rmdir $(PREFIX)/libexec/veerline 2>/dev/null
+
+clean:
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)

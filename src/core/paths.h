@@ -1,0 +1,48 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "core/environment.h"
+#include "core/profile.h"
+
+namespace veerline {
+
+// Operations on absolute, "/"-separated path strings. None of them fails.
+namespace PathUtil {
+
+std::string normalize(const std::string& path, const std::optional<std::string>& base = std::nullopt);
+std::string parent(const std::string& path);
+std::optional<std::string> realPath(const std::string& path) noexcept;
+std::string expandTilde(const std::string& path, const std::string& home);
+std::size_t componentCount(const std::string& path) noexcept;
+bool isSameOrInside(const std::string& path, const std::string& base, bool caseSensitive);
+bool isCaseSensitiveVolume(const std::string& path) noexcept;
+bool isExecutableFile(const std::string& path) noexcept;
+bool isRegularFile(const std::string& path) noexcept;
+bool isDirectory(const std::string& path) noexcept;
+
+}  // namespace PathUtil
+
+// The current user's folders and every per-user location derived from them.
+struct Paths {
+    std::string home;
+    std::string applicationsDirectory;
+
+    Paths(const std::string& homeFolder, std::string applicationsFolder);
+
+    static Paths forCurrentUser(const Environment& environment);
+
+    std::string supportDirectory() const { return home + "/Library/Application Support/Veerline"; }
+    std::string profilesFile() const { return supportDirectory() + "/profiles.json"; }
+    std::string lockFile() const { return supportDirectory() + "/.profiles.lock"; }
+    std::string shimDirectory() const { return home + "/.veerline/bin"; }
+
+    std::string dataDirectory(ToolKind tool, const ProfileID& profile) const;
+    std::string abbreviate(const std::string& path) const;
+    bool isInsideSupportDirectory(const std::string& path) const;
+
+    bool operator==(const Paths&) const = default;
+};
+
+}  // namespace veerline

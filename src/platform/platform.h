@@ -1,0 +1,31 @@
+#pragma once
+
+// The few operating-system services that differ between macOS and Linux. Everything else in
+// Veerline is plain POSIX.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace veerline::platform {
+
+// Full path of the running executable, or nothing when the system won't say.
+std::optional<std::string> executablePath() noexcept;
+
+// Whether names in the folder (or file) at `path` compare case-sensitively; nothing when the
+// path cannot be asked (for example because it does not exist).
+std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept;
+
+// A uniformly drawn number in [0, bound) from the system's cryptographically strong source.
+std::uint32_t secureRandomBelow(std::uint32_t bound) noexcept;
+
+// Human text of a Keychain (Security framework) status code, when there is one.
+std::optional<std::string> securityStatusMessage(std::int32_t status);
+
+// The home folder when neither HOME nor the password database gives one.
+std::string fallbackHomeDirectory();
+
+// The per-user temporary folder, without a trailing "/".
+std::string temporaryDirectory();
+
+}  // namespace veerline::platform

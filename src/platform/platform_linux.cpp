@@ -1,0 +1,131 @@
+#include "platform/platform.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <linux/magic.h>
+#include <sys/ioctl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <unordered_map>
+
+#ifndef FS_CASEFOLD_FL
+#define FS_CASEFOLD_FL 0x40000000
+#endif
+
+namespace veerline::platform {
+
+namespace {
+
+// File systems that compare names without case whatever the folder says.
+bool isCaseInsensitiveFileSystem(long type) {
+    switch (static_cast<unsigned long>(type)) {
+        case MSDOS_SUPER_MAGIC:
+        case 0x2011BAB0UL:  // exfat
+        case 0x5346544EUL:  // ntfs (ntfs-3g)
+        case 0x7366746EUL:  // ntfs3
+        case SMB_SUPER_MAGIC:
+        case 0xFE534D42UL:  // smb2
+        case 0xFF534D42UL:  // cifs
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+std::optional<std::string> executablePath() noexcept {
+    try {
+        std::string buffer(4096, '\0');
+        ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
+        if (length <= 0 || static_cast<size_t>(length) >= buffer.size()) return std::nullopt;
+        buffer.resize(static_cast<size_t>(length));
+        return buffer;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept {
+    struct statfs fs {};
+    if (statfs(path.c_str(), &fs) != 0) return std::nullopt;
+    if (isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type))) return false;
+
+    // ext4 and f2fs can fold case per folder; a file takes the answer of its folder.
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return std::nullopt;
+    std::string folder = path;
+    if (!S_ISDIR(st.st_mode)) {
+        auto slash = folder.find_last_of('/');
+        folder = (slash == std::string::npos || slash == 0) ? "/" : folder.substr(0, slash);
+    }
+    int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return true;
+    int flags = 0;
+    bool folded = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_CASEFOLD_FL) != 0;
+    close(fd);
+    return !folded;
+}
+
+std::uint32_t secureRandomBelow(std::uint32_t bound) noexcept {
+    if (bound <= 1) return 0;
+    // Reject the top partial range so every value is equally likely.
+    const std::uint32_t limit = UINT32_MAX - (UINT32_MAX % bound);
+    for (;;) {
+        std::uint32_t value = 0;
+        ssize_t got = getrandom(&value, sizeof value, 0);
+        if (got != static_cast<ssize_t>(sizeof value)) {
+            if (got < 0 && errno == EINTR) continue;
+            // getrandom only fails on kernels older than 3.17; /dev/urandom is the same source.
+            int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+            if (fd < 0 || read(fd, &value, sizeof value) != static_cast<ssize_t>(sizeof value)) {
+                if (fd >= 0) close(fd);
+                std::abort();
+            }
+            close(fd);
+        }
+        if (value < limit) return value % bound;
+    }
+}
+
+std::optional<std::string> securityStatusMessage(std::int32_t status) {
+    // The Security framework's texts for the statuses a generic-password store meets.
+    static const std::unordered_map<std::int32_t, const char*> messages = {
+        {0, "No error."},
+        {-4, "Function or operation not implemented."},
+        {-50, "One or more parameters passed to a function were not valid."},
+        {-108, "Failed to allocate memory."},
+        {-128, "User canceled the operation."},
+        {-25291, "No keychain is available. You may need to restart your computer."},
+        {-25292, "This keychain cannot be modified."},
+        {-25293, "The user name or passphrase you entered is not correct."},
+        {-25294, "The specified keychain could not be found."},
+        {-25295, "The specified keychain is not a valid keychain file."},
+        {-25299, "The specified item already exists in the keychain."},
+        {-25300, "The specified item could not be found in the keychain."},
+        {-25308, "User interaction is not allowed."},
+        {-26276, "The function failed because of an internal error."},
+        {-34018, "A required entitlement isn't present."},
+    };
+    auto found = messages.find(status);
+    if (found == messages.end()) return std::nullopt;
+    return std::string(found->second);
+}
+
+std::string fallbackHomeDirectory() {
+    return "/";
+}
+
+std::string temporaryDirectory() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string folder = (tmp != nullptr && tmp[0] == '/') ? tmp : "/tmp";
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    return folder;
+}
+
+}  // namespace veerline::platform

@@ -1,0 +1,145 @@
+// veerline-resolve: stands in front of `claude` and `codex` as a shim, and answers the shell
+// prompt with --prompt. It runs before every tool start, so it does the least it can: read the
+// environment, find the real tool, adjust the environment, execve.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/binary_locator.h"
+#include "core/environment.h"
+#include "core/paths.h"
+#include "platform/platform.h"
+
+using namespace veerline;
+
+namespace {
+
+constexpr const char* kVersion = "veerline-resolve 0.1.0";
+constexpr const char* kOwnName = "veerline-resolve";
+constexpr std::int64_t kDepthLimit = 3;
+constexpr const char* kUsage =
+    "this is Veerline's shim. Run it as `claude` or `codex` (via ~/.veerline/bin), or with --prompt.";
+
+[[noreturn]] void fail(const std::string& message, int code) {
+    std::string line = "veerline: " + message + "\n";
+    ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+    (void)ignored;
+    std::exit(code);
+}
+
+std::string lastComponent(const std::string& path) {
+    auto end = path.find_last_not_of('/');
+    if (end == std::string::npos) return "";
+    auto slash = path.rfind('/', end);
+    return path.substr(slash == std::string::npos ? 0 : slash + 1, end - (slash == std::string::npos ? 0 : slash + 1) + 1);
+}
+
+// An optional sign, then ASCII digits only, within the signed 64-bit range; anything else is 0.
+std::int64_t parseDepth(const std::string& text) {
+    std::size_t pos = 0;
+    bool negative = false;
+    if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) negative = text[pos++] == '-';
+    if (pos == text.size()) return 0;
+    std::uint64_t magnitude = 0;
+    const std::uint64_t limit = negative ? std::uint64_t(INT64_MAX) + 1 : std::uint64_t(INT64_MAX);
+    for (; pos < text.size(); ++pos) {
+        char c = text[pos];
+        if (c < '0' || c > '9') return 0;
+        auto digit = static_cast<std::uint64_t>(c - '0');
+        if (magnitude > (limit - digit) / 10) return 0;
+        magnitude = magnitude * 10 + digit;
+    }
+    if (negative) return magnitude == std::uint64_t(INT64_MAX) + 1 ? INT64_MIN : -static_cast<std::int64_t>(magnitude);
+    return static_cast<std::int64_t>(magnitude);
+}
+
+struct Run {
+    std::vector<std::string> argv;
+    std::string invokedAs;
+    Environment env;
+    Paths paths;
+
+    // The logical working folder: PWD when it names the same place as getcwd, which keeps the
+    // user's path through symbolic links.
+    std::string workingDirectory() const {
+        char buffer[1025];
+        std::string cwd = ::getcwd(buffer, sizeof buffer) != nullptr ? buffer : "/";
+        if (auto pwd = lookup(env, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
+            if (PathUtil::realPath(*pwd) == PathUtil::realPath(cwd)) return *pwd;
+        }
+        return cwd;
+    }
+};
+
+[[noreturn]] void promptMode(const Run&) {
+    std::exit(0);
+}
+
+[[noreturn]] void shimMode(const Run& run) {
+    std::int64_t depth = 0;
+    if (auto value = lookup(run.env, "VEERLINE_SHIM_DEPTH")) depth = parseDepth(*value);
+    if (depth > kDepthLimit) {
+        fail("`" + run.invokedAs + "` keeps resolving to a shim. Run `veerline doctor`.", 127);
+    }
+
+    std::vector<std::string> excluded{run.paths.home + "/.veerline/bin"};
+    if (run.argv[0].find('/') != std::string::npos) {
+        excluded.push_back(PathUtil::normalize(PathUtil::parent(run.argv[0]), run.workingDirectory()));
+    }
+    if (auto exe = platform::executablePath()) excluded.push_back(PathUtil::parent(*exe));
+
+    const std::string* path = lookup(run.env, "PATH");
+    BinaryLocator locator(path != nullptr ? *path : "/usr/bin:/bin", std::move(excluded));
+    std::optional<std::string> found = locator.find(run.invokedAs);
+    if (!found) {
+        fail("couldn't find the real `" + run.invokedAs + "` on your PATH. Is it installed?", 127);
+    }
+
+    Environment newEnv = run.env;
+    newEnv["VEERLINE_SHIM_DEPTH"] = std::to_string(depth + 1);
+
+    // The strings live until execve; if it fails the process exits straight after.
+    std::vector<std::string> argStrings;
+    argStrings.push_back(*found);
+    argStrings.insert(argStrings.end(), run.argv.begin() + 1, run.argv.end());
+    std::vector<char*> cArgs;
+    for (auto& arg : argStrings) cArgs.push_back(arg.data());
+    cArgs.push_back(nullptr);
+    std::vector<std::string> envStrings;
+    envStrings.reserve(newEnv.size());
+    for (const auto& [name, value] : newEnv) envStrings.push_back(name + "=" + value);
+    std::vector<char*> cEnv;
+    for (auto& entry : envStrings) cEnv.push_back(entry.data());
+    cEnv.push_back(nullptr);
+
+    ::execve(found->c_str(), cArgs.data(), cEnv.data());
+    fail("couldn't run " + *found + ": " + std::strerror(errno), 126);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 1 || argv[0] == nullptr) fail(kUsage, 2);
+    Environment env = currentEnvironment();
+    Paths paths = Paths::forCurrentUser(env);
+    Run run{std::vector<std::string>(argv, argv + argc), lastComponent(argv[0]), std::move(env),
+            std::move(paths)};
+
+    if (run.invokedAs != kOwnName) shimMode(run);
+
+    if (run.argv.size() < 2) fail(kUsage, 2);
+    if (run.argv[1] == "--prompt") promptMode(run);
+    if (run.argv[1] == "--version") {
+        std::printf("%s\n", kVersion);
+        return 0;
+    }
+    fail(kUsage, 2);
+}
