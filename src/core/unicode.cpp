@@ -78,24 +78,22 @@ std::string lowercased(std::string_view text) {
 
 std::string uppercased(std::string_view text) {
     return mapEach(text, [](std::string& out, utf8proc_int32_t c) {
-        auto upper = utf8proc_toupper(c);
-        if (upper != c) {
-            appendUTF8(out, static_cast<char32_t>(upper));
-            return;
+        // Where upper-casing expands ("ß" to "SS"), case folding spells the expansion out in
+        // lower case ("ss"); upper-casing that letter by letter gives the full upper-case form.
+        // Capitals that fold to several letters (U+1E9E, U+0130) are already upper case.
+        if (utf8proc_category(c) != UTF8PROC_CATEGORY_LU) {
+            std::string single;
+            appendUTF8(single, static_cast<char32_t>(c));
+            bool ok = false;
+            std::u32string folded = decode(mapWithOptions(single, UTF8PROC_CASEFOLD, ok));
+            if (ok && folded.size() > 1) {
+                for (char32_t part : folded) {
+                    appendUTF8(out, static_cast<char32_t>(utf8proc_toupper(static_cast<utf8proc_int32_t>(part))));
+                }
+                return;
+            }
         }
-        // No simple mapping: case folding spells out the expansion ("ß" folds to "ss"), which
-        // upper-cased letter by letter gives the full upper-case form.
-        std::string single;
-        appendUTF8(single, static_cast<char32_t>(c));
-        bool ok = false;
-        std::string folded = mapWithOptions(single, UTF8PROC_CASEFOLD, ok);
-        if (!ok || folded == single || decode(folded).size() < 2) {
-            out += single;
-            return;
-        }
-        for (char32_t part : decode(folded)) {
-            appendUTF8(out, static_cast<char32_t>(utf8proc_toupper(static_cast<utf8proc_int32_t>(part))));
-        }
+        appendUTF8(out, static_cast<char32_t>(utf8proc_toupper(c)));
     });
 }
 
@@ -103,7 +101,7 @@ std::string foldedForSlug(std::string_view text) {
     std::string lower = lowercased(repairUTF8(text));
     bool ok = false;
     std::string stripped =
-        mapWithOptions(lower, UTF8PROC_DECOMPOSE | UTF8PROC_STRIPMARK | UTF8PROC_COMPOSE, ok);
+        mapWithOptions(lower, UTF8PROC_COMPOSE | UTF8PROC_STRIPMARK, ok);
     return ok ? stripped : lower;
 }
 
