@@ -73,6 +73,8 @@ nlohmann::json profileToJSON(const Profile& profile);
 Profile profileFromJSON(const nlohmann::json& json);
 nlohmann::json ruleToJSON(const FolderRule& rule);
 nlohmann::json documentToJSON(const ProfileDocument& document);
+// The document from JSON already parsed; throws DocumentDecodeError.
+ProfileDocument documentFromJSON(const nlohmann::json& root);
 
 // Any JSON value laid out the way Veerline stores JSON files (as `encodeDocument` does).
 std::string encodeStoredJSON(const nlohmann::json& json);
