@@ -1,0 +1,247 @@
+#include "core/rule_resolver.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+
+#include "core/paths.h"
+#include "core/unicode.h"
+
+namespace veerline {
+
+namespace {
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// Length of the line break starting at `i`, or 0: LF, VT, FF, CR (CR LF as one), NEL, LS, PS.
+std::size_t newlineLength(std::string_view text, std::size_t i) {
+    switch (static_cast<unsigned char>(text[i])) {
+        case '\n':
+        case '\v':
+        case '\f':
+            return 1;
+        case '\r':
+            return i + 1 < text.size() && text[i + 1] == '\n' ? 2 : 1;
+        case 0xC2:
+            return i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) == 0x85 ? 2 : 0;
+        case 0xE2:
+            if (i + 2 < text.size() && static_cast<unsigned char>(text[i + 1]) == 0x80) {
+                auto third = static_cast<unsigned char>(text[i + 2]);
+                if (third == 0xA8 || third == 0xA9) return 3;
+            }
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+std::string_view trimSpacesAndTabs(std::string_view line) {
+    auto first = line.find_first_not_of(" \t");
+    if (first == std::string_view::npos) return {};
+    return line.substr(first, line.find_last_not_of(" \t") - first + 1);
+}
+
+// Case-insensitive volumes compare lower-cased paths. Folding each path once up front keeps the
+// comparisons themselves free of allocations; on case-sensitive volumes nothing is copied.
+class ComparisonKeys {
+public:
+    ComparisonKeys(const std::vector<std::string>& paths, bool caseSensitive) : keys_(&paths) {
+        if (caseSensitive) return;
+        folded_.reserve(paths.size());
+        for (const auto& path : paths) folded_.push_back(unicode::lowercased(path));
+        keys_ = &folded_;
+    }
+    ComparisonKeys(const ComparisonKeys&) = delete;
+    ComparisonKeys& operator=(const ComparisonKeys&) = delete;
+
+    const std::vector<std::string>& get() const { return *keys_; }
+
+private:
+    std::vector<std::string> folded_;
+    const std::vector<std::string>* keys_;
+};
+
+std::optional<Profile> copyOf(const Profile* profile) {
+    return profile != nullptr ? std::optional<Profile>(*profile) : std::nullopt;
+}
+
+bool anyInside(const std::vector<std::string>& paths, const std::string& base) {
+    return std::any_of(paths.begin(), paths.end(),
+                       [&](const std::string& path) { return PathUtil::isSameOrInside(path, base, true); });
+}
+
+}  // namespace
+
+RuleResolver::RuleResolver(ProfileDocument profiles, std::string homeFolder, CaseSensitivity caseSensitivity)
+    : document(std::move(profiles)), home(std::move(homeFolder)), caseSensitivity_(std::move(caseSensitivity)) {}
+
+Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd) const {
+    std::string normalized = PathUtil::normalize(PathUtil::expandTilde(path, home), cwd);
+    std::optional<std::string> real = PathUtil::realPath(normalized);
+    const std::string& volumePath = real ? *real : normalized;
+    const bool caseSensitive =
+        caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
+
+    std::size_t firstReal = real ? (*real == normalized ? 0 : 1) : 1;
+    std::vector<std::string> targets = real ? unique({normalized, *real}) : std::vector<std::string>{normalized};
+    const ComparisonKeys targetKeys(targets, caseSensitive);
+
+    struct Best {
+        const FolderRule* rule;
+        std::vector<std::string> forms;
+        std::size_t depth;
+    };
+    std::optional<Best> best;
+    for (const FolderRule& rule : document.rules) {
+        if (!document.profile(rule.profileID)) continue;
+        std::string folder = PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), home));
+        std::optional<std::string> realFolder = PathUtil::realPath(folder);
+        std::vector<std::string> forms =
+            realFolder ? unique({folder, std::move(*realFolder)}) : std::vector<std::string>{std::move(folder)};
+        const ComparisonKeys formKeys(forms, caseSensitive);
+        for (std::size_t i = 0; i < forms.size(); ++i) {
+            if (!anyInside(targetKeys.get(), formKeys.get()[i])) continue;
+            std::size_t depth = PathUtil::componentCount(forms[i]);
+            if (!best || best->depth < depth) best = Best{&rule, forms, depth};
+        }
+    }
+
+    std::vector<std::string> warnings;
+    if (std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal)) {
+        if (auto named = document.profile(std::string_view(dotfile->reference))) {
+            if (!best) return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
+
+            // The dotfile only wins from strictly inside the rule's folder.
+            std::string folder = PathUtil::parent(dotfile->path);
+            std::vector<std::string> dotfileForms{folder};
+            if (!dotfile->inRealChain) {
+                if (auto realFolder = PathUtil::realPath(folder)) dotfileForms = unique({folder, *realFolder});
+            }
+            const ComparisonKeys dotfileKeys(dotfileForms, caseSensitive);
+            const ComparisonKeys ruleKeys(best->forms, caseSensitive);
+            for (std::size_t f = 0; f < best->forms.size(); ++f) {
+                std::size_t ruleDepth = PathUtil::componentCount(best->forms[f]);
+                for (std::size_t d = 0; d < dotfileForms.size(); ++d) {
+                    if (PathUtil::isSameOrInside(dotfileKeys.get()[d], ruleKeys.get()[f], true) &&
+                        ruleDepth < PathUtil::componentCount(dotfileForms[d])) {
+                        return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
+                    }
+                }
+            }
+            return {copyOf(document.profile(best->rule->profileID)), Resolution::Source::folderRule(*best->rule), {}};
+        }
+        warnings.push_back(dotfile->path + " names \u201C" + dotfile->reference +
+                           "\u201D, but there's no profile with that name.");
+    }
+
+    if (best) {
+        return {copyOf(document.profile(best->rule->profileID)), Resolution::Source::folderRule(*best->rule),
+                std::move(warnings)};
+    }
+    if (document.cliDefault) {
+        if (auto fallback = document.profile(*document.cliDefault)) {
+            return {*fallback, Resolution::Source::cliDefault(), std::move(warnings)};
+        }
+    }
+    return {std::nullopt, Resolution::Source::none(), std::move(warnings)};
+}
+
+std::optional<RuleResolver::Dotfile> RuleResolver::nearestDotfile(const std::vector<std::string>& starts,
+                                                                  std::size_t firstReal) const {
+    std::string candidate;
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        const std::string& start = starts[i];
+        std::size_t length = start.size();
+        for (;;) {
+            std::string_view folder(start.data(), length);
+            // An earlier walk already went through this folder and everything above it.
+            bool walked = std::any_of(starts.begin(), starts.begin() + static_cast<std::ptrdiff_t>(i),
+                                      [&](const std::string& earlier) {
+                                          return folder == "/" || earlier == folder ||
+                                                 (earlier.starts_with(folder) && earlier[folder.size()] == '/');
+                                      });
+            if (walked) break;
+
+            candidate.assign(folder == "/" ? std::string_view() : folder);
+            candidate += '/';
+            candidate += dotfileName;
+            struct stat info {};
+            if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+                if (auto reference = readReference(candidate)) {
+                    return Dotfile{std::move(candidate), std::move(*reference), i >= firstReal};
+                }
+            }
+            if (length <= 1) break;
+            std::size_t slash = start.rfind('/', length - 1);
+            length = slash == 0 || slash == std::string::npos ? 1 : slash;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> RuleResolver::readReference(const std::string& path) noexcept {
+    try {
+        char buffer[maxDotfileSize + 1];
+        std::size_t size = 0;
+        {
+            // Non-blocking so that a FIFO under that name cannot stall the prompt.
+            FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+            if (file.get() < 0) return std::nullopt;
+            while (size < sizeof buffer) {
+                ssize_t got = ::read(file.get(), buffer + size, sizeof buffer - size);
+                if (got < 0) {
+                    if (errno == EINTR) continue;
+                    return std::nullopt;
+                }
+                if (got == 0) break;
+                size += static_cast<std::size_t>(got);
+            }
+        }
+        if (size > maxDotfileSize) return std::nullopt;
+        std::string_view text(buffer, size);
+        if (!unicode::isValidUTF8(text)) return std::nullopt;
+
+        std::size_t lineStart = 0;
+        for (std::size_t i = 0; i <= text.size();) {
+            std::size_t breakLength = i < text.size() ? newlineLength(text, i) : 1;
+            if (breakLength == 0) {
+                ++i;
+                continue;
+            }
+            std::string_view line = trimSpacesAndTabs(text.substr(lineStart, i - lineStart));
+            if (!line.empty() && line.front() != '#') return std::string(line);
+            i += breakLength;
+            lineStart = i;
+        }
+        return std::nullopt;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+std::vector<std::string> RuleResolver::unique(std::vector<std::string> list) {
+    std::vector<std::string> kept;
+    kept.reserve(list.size());
+    for (auto& item : list) {
+        if (std::find(kept.begin(), kept.end(), item) == kept.end()) kept.push_back(std::move(item));
+    }
+    return kept;
+}
+
+}  // namespace veerline
