@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string_view>
+#include <unordered_map>
 
 #include "core/paths.h"
 #include "core/unicode.h"
@@ -77,6 +78,35 @@ private:
     const std::vector<std::string>* keys_;
 };
 
+// Real paths of normalised paths for the length of one resolution. Rules mostly share leading
+// folders (the home folder above all), so each folder is looked at once: one lstat per new
+// folder instead of a readlink per component of every path. Symbolic links are left to the
+// system's realpath.
+class RealPaths {
+public:
+    std::optional<std::string> of(const std::string& path) {
+        if (path == "/") return path;
+        auto known = memo_.find(path);
+        if (known != memo_.end()) return known->second;
+
+        std::optional<std::string> real;
+        std::size_t slash = path.rfind('/');
+        if (std::optional<std::string> parent = of(slash == 0 ? std::string("/") : path.substr(0, slash))) {
+            std::string candidate = *parent == "/" ? std::string() : std::move(*parent);
+            candidate.append(path, slash, std::string::npos);
+            struct stat info {};
+            if (::lstat(candidate.c_str(), &info) == 0) {
+                real = S_ISLNK(info.st_mode) ? PathUtil::realPath(candidate) : std::move(candidate);
+            }
+        }
+        memo_.emplace(path, real);
+        return real;
+    }
+
+private:
+    std::unordered_map<std::string, std::optional<std::string>> memo_;
+};
+
 std::optional<Profile> copyOf(const Profile* profile) {
     return profile != nullptr ? std::optional<Profile>(*profile) : std::nullopt;
 }
@@ -93,7 +123,8 @@ RuleResolver::RuleResolver(ProfileDocument profiles, std::string homeFolder, Cas
 
 Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd) const {
     std::string normalized = PathUtil::normalize(PathUtil::expandTilde(path, home), cwd);
-    std::optional<std::string> real = PathUtil::realPath(normalized);
+    RealPaths realPaths;
+    std::optional<std::string> real = realPaths.of(normalized);
     const std::string& volumePath = real ? *real : normalized;
     const bool caseSensitive =
         caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
@@ -111,7 +142,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     for (const FolderRule& rule : document.rules) {
         if (!document.profile(rule.profileID)) continue;
         std::string folder = PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), home));
-        std::optional<std::string> realFolder = PathUtil::realPath(folder);
+        std::optional<std::string> realFolder = realPaths.of(folder);
         std::vector<std::string> forms =
             realFolder ? unique({folder, std::move(*realFolder)}) : std::vector<std::string>{std::move(folder)};
         const ComparisonKeys formKeys(forms, caseSensitive);
@@ -131,7 +162,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
             std::string folder = PathUtil::parent(dotfile->path);
             std::vector<std::string> dotfileForms{folder};
             if (!dotfile->inRealChain) {
-                if (auto realFolder = PathUtil::realPath(folder)) dotfileForms = unique({folder, *realFolder});
+                if (auto realFolder = realPaths.of(folder)) dotfileForms = unique({folder, *realFolder});
             }
             const ComparisonKeys dotfileKeys(dotfileForms, caseSensitive);
             const ComparisonKeys ruleKeys(best->forms, caseSensitive);

@@ -121,6 +121,30 @@ TEST_F(RuleResolverTest, SymbolicLinksOnEitherSide) {
     EXPECT_EQ(resolve(home + "/projects/other").profile, std::nullopt);
 }
 
+TEST_F(RuleResolverTest, RealFormsThroughChainedRelativeAndDanglingLinks) {
+    makeDirs(root / "a/b/c/d");
+    makeSymlink("../a/b", root / "x/up");
+    makeSymlink(root / "x/up", root / "chain");
+    addRule(root / "chain/c", "work");
+    EXPECT_EQ(resolve(root / "a/b/c/d").profile, work);
+
+    document.rules = {FolderRule{root / "a/b/c", ProfileID("client")}};
+    EXPECT_EQ(resolve(root / "chain/c/d").profile, client);
+    EXPECT_EQ(resolve(root / "x/up/c").profile, client);
+    EXPECT_EQ(resolve(root / "x/up").profile, std::nullopt);
+
+    // A dangling link has no real form, even once its target's name is asked about.
+    makeSymlink(root / "later", root / "dangling");
+    document.rules = {FolderRule{root / "dangling", ProfileID("work")}};
+    EXPECT_EQ(resolve(root / "later/x").profile, std::nullopt);
+
+    // Below a file nothing is real; the rule still matches as written.
+    writeFile(root / "a/file", "");
+    document.rules = {FolderRule{root / "a/file/sub", ProfileID("personal")}};
+    EXPECT_EQ(resolve(root / "a/file/sub/x").profile, personal);
+    EXPECT_EQ(resolve(root / "chain/file/sub").profile, std::nullopt);
+}
+
 TEST_F(RuleResolverTest, DotfileWinsOnlyStrictlyInsideTheRuleFolder) {
     FolderRule rule = addRule("~/code", "work");
     makeDirs(home + "/code/sub/deeper");
