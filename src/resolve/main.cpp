@@ -14,8 +14,10 @@
 #include <vector>
 
 #include "core/binary_locator.h"
+#include "core/document_loading.h"
 #include "core/environment.h"
 #include "core/paths.h"
+#include "core/rule_resolver.h"
 #include "platform/platform.h"
 
 using namespace veerline;
@@ -79,7 +81,16 @@ struct Run {
     }
 };
 
-[[noreturn]] void promptMode(const Run&) {
+// Prints the working folder's profile name, or nothing; never fails, so a prompt never breaks.
+[[noreturn]] void promptMode(const Run& run) {
+    if (std::optional<ProfileDocument> document = loadDocument(run.env, run.paths)) {
+        std::string cwd = run.workingDirectory();
+        Resolution resolution = RuleResolver(std::move(*document), run.paths.home).resolve(cwd, cwd);
+        if (resolution.profile) {
+            std::string line = resolution.profile->name + "\n";
+            std::fwrite(line.data(), 1, line.size(), stdout);
+        }
+    }
     std::exit(0);
 }
 
