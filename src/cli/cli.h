@@ -1,0 +1,66 @@
+#pragma once
+
+// The pieces every `veerline` command shares: what it knows about the run, how it reports a
+// mistake in the command line, and how each group of commands is added to the parser.
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "core/environment.h"
+#include "core/paths.h"
+#include "core/profile.h"
+#include "core/profile_document.h"
+
+namespace CLI {
+class App;
+}
+
+namespace veerline::cli {
+
+inline constexpr const char* kVersion = "veerline 0.1.0";
+
+// The run's environment, the user's folders and what the terminal can take.
+struct Context {
+    Environment environment;
+    Paths paths;
+    bool outputIsTerminal = false;
+    bool inputIsTerminal = false;
+    // 24-bit colour on standard output: a terminal, and neither NO_COLOR nor TERM=dumb.
+    bool colour = false;
+
+    static Context current();
+
+    // The folder the user is in as the shell names it: PWD when it is the same folder as
+    // getcwd, which keeps a path taken through symbolic links.
+    std::string workingDirectory() const;
+};
+
+// A command typed wrongly (bad value, missing argument); reported like a parse error, exit 2.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The chosen command's work, set while parsing and run afterwards so that main reports its
+// failures. Returns the exit status.
+using Action = std::function<int()>;
+
+// Makes `action` the command to run when `command` is chosen on the command line.
+void onSelected(CLI::App* command, Action& chosen, Action action);
+
+void addProfileCommands(CLI::App& app, const Context& context, Action& chosen);
+void addRuleCommands(CLI::App& app, const Context& context, Action& chosen);
+void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
+void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
+
+// Deletes a removed profile's data folders through the command-line tools' adapters (each signs
+// its tool out first), reporting each folder deleted.
+void removeProfileData(const Context& context, const Profile& profile);
+
+// A profile typed by the user: by name as the document's look-up finds it, else by id.
+// Throws VeerlineError::profileNotFound with the text as typed.
+const Profile& findProfile(const ProfileDocument& document, const std::string& nameOrID);
+Profile& findProfile(ProfileDocument& document, const std::string& nameOrID);
+
+}  // namespace veerline::cli

@@ -1,0 +1,206 @@
+// `veerline profile ...`: list, add, rename, change and remove profiles. Every change goes
+// through ProfileStore::update, so the document is validated by the library before it is saved.
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "cli/cli.h"
+#include "cli/options.h"
+#include "cli/output.h"
+#include "core/error.h"
+#include "core/profile_store.h"
+#include "core/unicode.h"
+
+namespace veerline::cli {
+
+namespace {
+
+struct ProfileOptions {
+    std::string name;
+    std::string newName;
+    std::optional<std::string> color;
+    std::optional<std::string> badge;
+    std::optional<std::string> tools;
+    std::optional<std::string> storage;
+    bool json = false;
+    bool keepData = false;
+};
+
+// New profiles take the first colour no other profile wears, so that they are told apart.
+ProfileColor freeColor(const ProfileDocument& document) {
+    for (ProfileColor color : profilecolor::allCases) {
+        bool taken = std::any_of(document.profiles.begin(), document.profiles.end(),
+                                 [color](const Profile& profile) { return profile.color == color; });
+        if (!taken) return color;
+    }
+    return profilecolor::allCases[document.profiles.size() % profilecolor::allCases.size()];
+}
+
+int listProfiles(const Context& context, const ProfileOptions& options) {
+    ProfileDocument document = ProfileStore(context.paths).load();
+    if (options.json) {
+        nlohmann::json profiles = nlohmann::json::array();
+        for (const Profile& profile : document.profiles) profiles.push_back(profileToJSON(profile));
+        std::cout << encodeStoredJSON(profiles);
+        return 0;
+    }
+    if (document.profiles.empty()) {
+        std::cout << "No profiles yet. Add one with `veerline profile add NAME`.\n";
+        return 0;
+    }
+    std::vector<std::string> headings = {"NAME", "ID", "BADGE", "COLOR", "TOOLS", "STORAGE"};
+    if (context.colour) headings.insert(headings.begin(), "");
+    Table table(headings);
+    for (const Profile& profile : document.profiles) {
+        std::vector<Table::Cell> row = {{profile.name},
+                                        {profile.id.rawValue},
+                                        {profile.badge},
+                                        {std::string(profilecolor::rawValue(profile.color))},
+                                        {describeTools(profile.tools())},
+                                        {std::string(Profile::storageRawValue(profile.storage))}};
+        if (context.colour) row.insert(row.begin(), swatch(profile.color, true));
+        table.addRow(std::move(row));
+    }
+    table.print(std::cout);
+    if (document.cliDefault) {
+        const Profile* fallback = document.profile(*document.cliDefault);
+        std::cout << "\nTerminal default: " << (fallback ? fallback->name : document.cliDefault->rawValue) << "\n";
+    }
+    return 0;
+}
+
+int addProfile(const Context& context, const ProfileOptions& options) {
+    std::string name = unicode::trimmed(options.name);
+    auto color = options.color ? std::optional(parseColor(*options.color)) : std::nullopt;
+    auto tools = options.tools ? std::optional(parseTools(*options.tools)) : std::nullopt;
+    auto storage = options.storage ? parseStorage(*options.storage) : Profile::Storage::managed;
+
+    ProfileID id = ProfileStore(context.paths).update([&](ProfileDocument& document) {
+        std::set<ProfileID> taken;
+        for (const Profile& profile : document.profiles) taken.insert(profile.id);
+        Profile profile(ProfileID::generate(name, taken), name, color.value_or(freeColor(document)), options.badge,
+                        tools.value_or(std::vector<ToolKind>(toolkind::allCases.begin(), toolkind::allCases.end())),
+                        storage);
+        document.profiles.push_back(profile);
+        return profile.id;
+    });
+    std::cout << id.rawValue << "\n";
+    return 0;
+}
+
+int renameProfile(const Context& context, const ProfileOptions& options) {
+    std::string newName = unicode::trimmed(options.newName);
+    std::string oldName = ProfileStore(context.paths).update([&](ProfileDocument& document) {
+        Profile& profile = findProfile(document, options.name);
+        std::string previous = profile.name;
+        // A badge that was only ever the default follows the new name.
+        if (profile.badge == Profile::defaultBadge(profile.name)) profile.badge = Profile::defaultBadge(newName);
+        profile.name = newName;
+        return previous;
+    });
+    std::cout << "Renamed " << curlyQuoted(oldName) << " to " << curlyQuoted(newName) << ".\n";
+    return 0;
+}
+
+int setProfile(const Context& context, const ProfileOptions& options) {
+    if (!options.color && !options.badge && !options.tools && !options.storage) {
+        throw UsageError("Nothing to change. Give --color, --badge, --tools or --storage.");
+    }
+    auto color = options.color ? std::optional(parseColor(*options.color)) : std::nullopt;
+    auto tools = options.tools ? std::optional(parseTools(*options.tools)) : std::nullopt;
+    auto storage = options.storage ? std::optional(parseStorage(*options.storage)) : std::nullopt;
+
+    std::string name = ProfileStore(context.paths).update([&](ProfileDocument& document) {
+        Profile& profile = findProfile(document, options.name);
+        if (color) profile.color = *color;
+        if (options.badge) profile.badge = *options.badge;
+        if (tools) profile.setTools(*tools);
+        if (storage) profile.storage = *storage;
+        return profile.name;
+    });
+    std::cout << "Updated " << curlyQuoted(name) << ".\n";
+    return 0;
+}
+
+struct Removal {
+    Profile profile;
+    std::size_t rules = 0;
+    bool wasDefault = false;
+};
+
+int removeProfile(const Context& context, const ProfileOptions& options) {
+    Removal removal = ProfileStore(context.paths).update([&](ProfileDocument& document) {
+        Removal result{findProfile(document, options.name)};
+        const ProfileID id = result.profile.id;
+        std::erase_if(document.profiles, [&](const Profile& profile) { return profile.id == id; });
+        result.rules = std::erase_if(document.rules, [&](const FolderRule& rule) { return rule.profileID == id; });
+        if (document.cliDefault == id) {
+            document.cliDefault.reset();
+            result.wasDefault = true;
+        }
+        return result;
+    });
+
+    std::cout << "Removed " << curlyQuoted(removal.profile.name);
+    if (removal.rules > 0) {
+        std::cout << " and its " << removal.rules << (removal.rules == 1 ? " folder rule" : " folder rules");
+    }
+    std::cout << ".\n";
+    if (removal.wasDefault) std::cout << "There's no terminal default now.\n";
+    if (!options.keepData) removeProfileData(context, removal.profile);
+    return 0;
+}
+
+}  // namespace
+
+void addProfileCommands(CLI::App& app, const Context& context, Action& chosen) {
+    CLI::App* group = app.add_subcommand("profile", "List, add, rename, change and remove profiles");
+    group->require_subcommand(0, 1);
+    auto options = std::make_shared<ProfileOptions>();
+    const std::string nameHelp = "The profile's name (any case) or id";
+
+    CLI::App* list = group->add_subcommand("list", "List the profiles");
+    list->add_flag("--json", options->json, "Print the profiles as a JSON array, as they are stored");
+    onSelected(list, chosen, [&context, options] { return listProfiles(context, *options); });
+
+    auto addAppearance = [&](CLI::App* command) {
+        command->add_option("--color", options->color, "blue, green, orange, purple, pink or graphite");
+        command->add_option("--badge", options->badge, "A short label for prompts, such as W");
+        command->add_option("--tools", options->tools,
+                            "The tools the profile covers, comma-separated: claude-code, codex, claude-desktop, "
+                            "chatgpt-app (or claude, desktop, chatgpt, codex-app); \"none\" for none");
+        command->add_option("--storage", options->storage,
+                            "managed (a data folder of the profile's own) or system (the tools' default setup)");
+    };
+
+    CLI::App* add = group->add_subcommand("add", "Add a profile and print its new id");
+    add->add_option("name", options->name, "The new profile's name")->required();
+    addAppearance(add);
+    add->footer("Defaults: the first colour no other profile has, the name's initials as badge, all tools, "
+                "managed storage.");
+    onSelected(add, chosen, [&context, options] { return addProfile(context, *options); });
+
+    CLI::App* rename = group->add_subcommand("rename", "Give a profile a new name (its id stays)");
+    rename->add_option("name", options->name, nameHelp)->required();
+    rename->add_option("new-name", options->newName, "The new name")->required();
+    onSelected(rename, chosen, [&context, options] { return renameProfile(context, *options); });
+
+    CLI::App* set = group->add_subcommand("set", "Change a profile's colour, badge, tools or storage");
+    set->add_option("name", options->name, nameHelp)->required();
+    addAppearance(set);
+    onSelected(set, chosen, [&context, options] { return setProfile(context, *options); });
+
+    CLI::App* remove = group->add_subcommand(
+        "remove", "Remove a profile, its folder rules and, unless --keep-data, its tools' data folders");
+    remove->add_option("name", options->name, nameHelp)->required();
+    remove->add_flag("--keep-data", options->keepData, "Keep the profile's data folders on disk");
+    onSelected(remove, chosen, [&context, options] { return removeProfile(context, *options); });
+}
+
+}  // namespace veerline::cli

@@ -1,0 +1,200 @@
+// `veerline env`, `veerline run` and `veerline login`: a profile's environment printed, handed
+// to a command, or used to sign a tool in.
+
+#include <CLI/CLI.hpp>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <set>
+
+#include "cli/cli.h"
+#include "cli/options.h"
+#include "cli/output.h"
+#include "core/error.h"
+#include "core/claude_code_adapter.h"
+#include "core/codex_adapter.h"
+#include "core/profile_store.h"
+#include "core/shell_quote.h"
+#include "core/tool_registry.h"
+
+extern char** environ;
+
+namespace veerline::cli {
+
+namespace {
+
+struct RunOptions {
+    std::string profile;
+    std::string tool;
+    std::vector<std::string> command;
+    bool print = false;
+};
+
+ToolContext toolContext(const Context& context) {
+    return ToolContext{context.paths, context.environment};
+}
+
+// The data folders must exist before a tool is pointed at them, as the shims make sure too.
+void prepareTools(const Context& context, const Profile& profile) {
+    for (const auto& adapter : ToolRegistry::cliAdapters(toolContext(context))) {
+        if (profile.uses(adapter->kind())) adapter->prepare(profile);
+    }
+}
+
+std::vector<std::string> splitNames(const std::string& list) {
+    std::vector<std::string> names;
+    std::size_t start = 0;
+    while (start <= list.size()) {
+        std::size_t comma = list.find(',', start);
+        if (comma == std::string::npos) comma = list.size();
+        if (comma > start) names.push_back(list.substr(start, comma - start));
+        start = comma + 1;
+    }
+    return names;
+}
+
+// Replaces this process with `file`; on failure prints why and returns the shell's status
+// for it (127 not found, 126 otherwise).
+int execute(const std::string& file, const std::vector<std::string>& arguments, const Environment& environment,
+            bool searchPath) {
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
+    std::vector<char*> envp;
+    for (auto& entry : entries) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> args = arguments;
+    std::vector<char*> argv;
+    for (auto& argument : args) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    std::cout.flush();
+    std::cerr.flush();
+    if (searchPath) {
+        // execvp searches the PATH of `environ`, which is the new environment's PATH.
+        environ = envp.data();
+        ::execvp(file.c_str(), argv.data());
+    } else {
+        ::execve(file.c_str(), argv.data(), envp.data());
+    }
+    int error = errno;
+    std::cerr << "veerline: Couldn't run " << curlyQuoted(file) << ": " << std::strerror(error) << "\n";
+    return error == ENOENT ? 127 : 126;
+}
+
+int printEnvironment(const Context& context, const RunOptions& options) {
+    ProfileDocument document = ProfileStore(context.paths).load();
+    const Profile& profile = findProfile(document, options.profile);
+    prepareTools(context, profile);
+    for (const auto& [name, value] : ToolRegistry::environment(profile, toolContext(context))) {
+        std::cout << "export " << name << "=" << ShellQuote::quote(value) << "\n";
+    }
+    return 0;
+}
+
+int runWithProfile(const Context& context, const RunOptions& options) {
+    ProfileDocument document = ProfileStore(context.paths).load();
+    const Profile& profile = findProfile(document, options.profile);
+    prepareTools(context, profile);
+    Environment variables = ToolRegistry::environment(profile, toolContext(context));
+
+    Environment environment = context.environment;
+    const std::string* managedList = lookup(environment, "VEERLINE_MANAGED_VARS");
+    std::vector<std::string> managed = managedList ? splitNames(*managedList) : std::vector<std::string>{};
+    // A tool variable that an earlier shim set and this profile doesn't (system storage, or a
+    // tool it doesn't cover) would point the tool at another profile's data.
+    for (std::string_view name : ToolRegistry::managedVariables) {
+        std::string variable(name);
+        if (!variables.contains(variable) && std::find(managed.begin(), managed.end(), variable) != managed.end()) {
+            environment.erase(variable);
+        }
+    }
+    for (const auto& [name, value] : variables) environment[name] = value;
+    environment.erase("VEERLINE_MANAGED_VARS");
+    // Shims started inside pass this environment through instead of choosing a profile by folder.
+    environment["VEERLINE_DISABLE"] = "1";
+    return execute(options.command.front(), options.command, environment, true);
+}
+
+int login(const Context& context, const RunOptions& options) {
+    ToolKind kind = parseTool(options.tool);
+    ProfileDocument document = ProfileStore(context.paths).load();
+    const Profile& profile = findProfile(document, options.profile);
+
+    std::shared_ptr<const ToolAdapter> adapter;
+    for (const auto& candidate : ToolRegistry::cliAdapters(toolContext(context))) {
+        if (candidate->kind() == kind) adapter = candidate;
+    }
+    std::string toolName(toolkind::displayName(kind));
+    if (!adapter) {
+        throw VeerlineError::unsupported(toolName + " is an app: sign in inside the app, not in the terminal.");
+    }
+    if (!profile.uses(kind)) {
+        throw VeerlineError::unsupported(curlyQuoted(profile.name) + " doesn't use " + toolName + ". Add it with `veerline profile set " +
+                                         ShellQuote::quote(profile.name) + " --tools ...` first.");
+    }
+    auto command = adapter->setUp(profile);
+    if (!command) {
+        throw VeerlineError::unsupported(toolName + " isn't installed: there's no `" +
+                                         std::string(kind == ToolKind::codex ? CodexAdapter::binaryName : ClaudeCodeAdapter::binaryName) +
+                                         "` on your PATH.");
+    }
+    if (options.print) {
+        std::cout << command->shellLine() << "\n";
+        return 0;
+    }
+
+    Environment environment = context.environment;
+    for (const auto& name : command->unset) environment.erase(name);
+    for (const auto& [name, value] : command->environment) environment[name] = value;
+    std::vector<std::string> arguments = {command->executable};
+    arguments.insert(arguments.end(), command->arguments.begin(), command->arguments.end());
+    std::cerr << "Signing in to " << toolName << " for " << curlyQuoted(profile.name) << ": " << command->shellLine()
+              << "\n";
+    return execute(command->executable, arguments, environment, false);
+}
+
+}  // namespace
+
+void removeProfileData(const Context& context, const Profile& profile) {
+    if (profile.storage == Profile::Storage::system) {
+        std::cout << "Its tools use their default setup, so no data folder was deleted.\n";
+        return;
+    }
+    for (const auto& adapter : ToolRegistry::cliAdapters(toolContext(context))) {
+        auto folder = adapter->dataDirectory(profile);
+        bool existed = folder && PathUtil::isDirectory(*folder);
+        adapter->removeData(profile);
+        if (existed) std::cout << "Deleted " << context.paths.abbreviate(*folder) << "\n";
+    }
+}
+
+void addRunCommands(CLI::App& app, const Context& context, Action& chosen) {
+    auto options = std::make_shared<RunOptions>();
+    const std::string profileHelp = "The profile's name (any case) or id";
+
+    CLI::App* env = app.add_subcommand("env", "Print a profile's environment as export lines for a shell");
+    env->add_option("profile", options->profile, profileHelp)->required();
+    env->footer("Example: eval \"$(veerline env Work)\". Creates the profile's data folders when missing.");
+    onSelected(env, chosen, [&context, options] { return printEnvironment(context, *options); });
+
+    CLI::App* run = app.add_subcommand("run", "Run a command with a profile's environment");
+    run->add_option("profile", options->profile, profileHelp)->required();
+    run->add_option("command", options->command, "The command and its arguments, after --")->required();
+    run->footer("Write it as: veerline run PROFILE -- COMMAND [ARGS...]\nThe command gets your environment plus the profile's variables (those of `veerline env`); "
+                "shims started inside it keep that profile whatever the folder.");
+    onSelected(run, chosen, [&context, options] { return runWithProfile(context, *options); });
+
+    CLI::App* signIn = app.add_subcommand("login", "Sign a profile in to claude or codex");
+    signIn->add_option("profile", options->profile, profileHelp)->required();
+    signIn->add_option("tool", options->tool, "claude-code (or claude) or codex")->required();
+    signIn->add_flag("--print", options->print, "Print the sign-in command instead of running it");
+    signIn->footer("Prepares the profile's data folder, then runs the tool's own sign-in command in this "
+                   "terminal.");
+    onSelected(signIn, chosen, [&context, options] { return login(context, *options); });
+}
+
+}  // namespace veerline::cli
