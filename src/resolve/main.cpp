@@ -14,10 +14,12 @@
 #include <vector>
 
 #include "core/binary_locator.h"
+#include "core/codex_adapter.h"
 #include "core/document_loading.h"
 #include "core/environment.h"
 #include "core/paths.h"
 #include "core/rule_resolver.h"
+#include "core/shim_plan.h"
 #include "platform/platform.h"
 
 using namespace veerline;
@@ -110,11 +112,19 @@ struct Run {
     const std::string* path = lookup(run.env, "PATH");
     BinaryLocator locator(path != nullptr ? *path : "/usr/bin:/bin", std::move(excluded));
     std::optional<std::string> found = locator.find(run.invokedAs);
+    // Codex also ships inside the desktop apps; use that copy when none is on PATH.
+    if (!found && run.invokedAs == CodexAdapter::binaryName) found = CodexAdapter::bundledCodex(run.paths);
     if (!found) {
         fail("couldn't find the real `" + run.invokedAs + "` on your PATH. Is it installed?", 127);
     }
 
     Environment newEnv = run.env;
+    if (std::optional<ProfileDocument> document = loadDocument(run.env, run.paths)) {
+        ShimPlan::Changes changes =
+            ShimPlan::changes(run.invokedAs, run.env, run.workingDirectory(), *document, run.paths);
+        ShimPlan::prepare(changes, run.invokedAs, run.paths, run.env);
+        newEnv = changes.applied(run.env);
+    }
     newEnv["VEERLINE_SHIM_DEPTH"] = std::to_string(depth + 1);
 
     // The strings live until execve; if it fails the process exits straight after.

@@ -1,0 +1,165 @@
+// The installed shims in a temporary HOME with a real profiles file: what the real tool receives
+// in folders covered by rules, dotfiles and the terminal default.
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "support/test_support.h"
+
+namespace veerline::testing {
+namespace {
+
+class ResolverLaunchTest : public ::testing::Test {
+protected:
+    TempDir root{"veerline-launch"};
+    std::string home = root / "home";
+    std::string shims = home + "/.veerline/bin";
+    std::string tools = root / "tools";
+    std::string support = home + "/Library/Application Support/Veerline";
+
+    void SetUp() override {
+        makeSymlink(VEERLINE_RESOLVE_BINARY, shims + "/claude");
+        makeSymlink(VEERLINE_RESOLVE_BINARY, shims + "/codex");
+        writeFakeTool(tools + "/claude");
+        writeFakeTool(tools + "/codex");
+        makeDirs(home + "/work/app/src");
+        makeDirs(home + "/personal/notes");
+        makeDirs(home + "/elsewhere");
+        writeFile(home + "/personal/notes/.veerline", "# which account\nwork\n");
+        writeProfiles(R"("cliDefault": "home",)");
+    }
+
+    void writeProfiles(const std::string& extra) {
+        writeFile(support + "/profiles.json", R"({
+  )" + extra + R"(
+  "profiles": [
+    {"id": "work", "name": "Work"},
+    {"id": "home", "name": "Home", "tools": ["claude-code"], "storage": "system"},
+    {"id": "codexy", "name": "Codexy", "tools": ["codex"]}
+  ],
+  "rules": [
+    {"path": "~/work", "profileID": "work"},
+    {"path": "~/personal", "profileID": "codexy"}
+  ],
+  "version": 1
+}
+)",
+                  0600);
+    }
+
+    FakeToolReport runTool(const std::string& tool, const std::string& cwd,
+                           std::map<std::string, std::string> extraEnv = {}) {
+        RunOptions options;
+        options.environment = {{"HOME", home}, {"PATH", shims + ":" + tools + ":/usr/bin:/bin"}, {"PWD", cwd}};
+        for (auto& [name, value] : extraEnv) options.environment[name] = value;
+        options.cwd = cwd;
+        options.argv0 = tool;
+        auto result = run(shims + "/" + tool, {"--flag"}, options);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        return parseFakeToolReport(result.out);
+    }
+};
+
+TEST_F(ResolverLaunchTest, FolderRuleSetsManagedClaudeProfile) {
+    auto report = runTool("claude", home + "/work/app/src");
+    EXPECT_EQ(report.argv0, tools + "/claude");
+    EXPECT_EQ(report.arguments, std::vector<std::string>{"--flag"});
+    EXPECT_EQ(report.environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
+    EXPECT_EQ(report.environment["VEERLINE_PROFILE"], "Work");
+    EXPECT_EQ(report.environment["VEERLINE_MANAGED_VARS"], "CLAUDE_CONFIG_DIR");
+    EXPECT_EQ(report.environment["VEERLINE_SHIM_DEPTH"], "1");
+    EXPECT_EQ(report.environment.count("CODEX_HOME"), 0u);
+    EXPECT_EQ(fileMode(support + "/claude-code/work"), 0700u);
+}
+
+TEST_F(ResolverLaunchTest, CodexGetsItsHomeAndStarterConfig) {
+    auto report = runTool("codex", home + "/work");
+    EXPECT_EQ(report.environment["CODEX_HOME"], support + "/codex/work");
+    EXPECT_EQ(report.environment["VEERLINE_PROFILE"], "Work");
+    EXPECT_EQ(readFile(support + "/codex/work/config.toml"),
+              "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
+              "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
+              "cli_auth_credentials_store = \"keyring\"\n");
+}
+
+TEST_F(ResolverLaunchTest, DotfileInsideRuleFolderWins) {
+    // ~/personal is Codexy by rule; the dotfile deeper inside names Work.
+    auto report = runTool("claude", home + "/personal/notes");
+    EXPECT_EQ(report.environment["VEERLINE_PROFILE"], "Work");
+    EXPECT_EQ(report.environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
+}
+
+TEST_F(ResolverLaunchTest, TerminalDefaultWithSystemStorageSetsOnlyTheName) {
+    auto report = runTool("claude", home + "/elsewhere");
+    EXPECT_EQ(report.environment["VEERLINE_PROFILE"], "Home");
+    EXPECT_EQ(report.environment.count("CLAUDE_CONFIG_DIR"), 0u);
+    EXPECT_EQ(report.environment.count("VEERLINE_MANAGED_VARS"), 0u);
+    // The default covers Claude Code only: codex runs in its own default setup.
+    auto codex = runTool("codex", home + "/elsewhere");
+    EXPECT_EQ(codex.environment.count("VEERLINE_PROFILE"), 0u);
+    EXPECT_EQ(codex.environment.count("CODEX_HOME"), 0u);
+}
+
+TEST_F(ResolverLaunchTest, UserExportedVariableIsLeftAlone) {
+    auto report = runTool("claude", home + "/work", {{"CLAUDE_CONFIG_DIR", "/mine"}, {"VEERLINE_PROFILE", "Old"}});
+    EXPECT_EQ(report.environment["CLAUDE_CONFIG_DIR"], "/mine");
+    EXPECT_EQ(report.environment.count("VEERLINE_PROFILE"), 0u);
+}
+
+TEST_F(ResolverLaunchTest, NestedShimKeepsBookkeepingRight) {
+    // The real claude starts codex through the shim again, as a tool running a sub-tool would.
+    writeFile(tools + "/claude", "#!/bin/sh\nexec codex \"$@\"\n", 0755);
+    auto report = runTool("claude", home + "/work");
+    EXPECT_EQ(report.argv0, tools + "/codex");
+    EXPECT_EQ(report.environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
+    EXPECT_EQ(report.environment["CODEX_HOME"], support + "/codex/work");
+    EXPECT_EQ(report.environment["VEERLINE_MANAGED_VARS"], "CLAUDE_CONFIG_DIR,CODEX_HOME");
+    EXPECT_EQ(report.environment["VEERLINE_SHIM_DEPTH"], "2");
+}
+
+TEST_F(ResolverLaunchTest, InheritedProfileRemovedInFolderWithoutOne) {
+    writeProfiles("");  // no terminal default
+    auto report = runTool("claude", home + "/elsewhere",
+                          {{"CLAUDE_CONFIG_DIR", support + "/claude-code/work"},
+                           {"VEERLINE_MANAGED_VARS", "CLAUDE_CONFIG_DIR"},
+                           {"VEERLINE_PROFILE", "Work"}});
+    EXPECT_EQ(report.environment.count("CLAUDE_CONFIG_DIR"), 0u);
+    EXPECT_EQ(report.environment.count("VEERLINE_MANAGED_VARS"), 0u);
+    EXPECT_EQ(report.environment.count("VEERLINE_PROFILE"), 0u);
+}
+
+TEST_F(ResolverLaunchTest, DisableAndUnreadableProfilesPassTheEnvironmentThrough) {
+    auto disabled = runTool("claude", home + "/work", {{"VEERLINE_DISABLE", "1"}, {"VEERLINE_PROFILE", "Kept"}});
+    EXPECT_EQ(disabled.environment.count("CLAUDE_CONFIG_DIR"), 0u);
+    EXPECT_EQ(disabled.environment["VEERLINE_PROFILE"], "Kept");
+    EXPECT_EQ(disabled.environment["VEERLINE_DISABLE"], "1");
+    EXPECT_EQ(disabled.environment["VEERLINE_SHIM_DEPTH"], "1");
+
+    writeFile(support + "/profiles.json", "{ not json", 0600);
+    auto corrupt = runTool("claude", home + "/work");
+    EXPECT_EQ(corrupt.environment.count("CLAUDE_CONFIG_DIR"), 0u);
+    EXPECT_EQ(corrupt.environment.count("VEERLINE_PROFILE"), 0u);
+}
+
+TEST_F(ResolverLaunchTest, CodexFallsBackToDesktopAppCopy) {
+    std::string bundled = home + "/Applications/Codex.app/Contents/Resources/codex-cli/bin/codex";
+    writeFakeTool(bundled);
+    ::unlink((tools + "/codex").c_str());
+    auto report = runTool("codex", home + "/work");
+    EXPECT_EQ(report.argv0, bundled);
+    EXPECT_EQ(report.environment["CODEX_HOME"], support + "/codex/work");
+
+    // claude has no such fallback.
+    ::unlink((tools + "/claude").c_str());
+    RunOptions options;
+    options.environment = {{"HOME", home}, {"PATH", shims + ":" + tools}};
+    options.argv0 = "claude";
+    auto missing = run(shims + "/claude", {}, options);
+    EXPECT_EQ(missing.exitCode, 127);
+    EXPECT_EQ(missing.err, "veerline: couldn't find the real `claude` on your PATH. Is it installed?\n");
+}
+
+}  // namespace
+}  // namespace veerline::testing
