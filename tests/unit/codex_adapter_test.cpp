@@ -44,13 +44,6 @@ TEST(CodexParseTest, AnythingElseIsUnknown) {
     EXPECT_EQ(CodexAdapter::parseLoginStatus("You are Logged in using ChatGPT"), LoginState::unknown());
 }
 
-TEST(CodexStaticTest, ManagedConfigIsExactlyThreeLines) {
-    EXPECT_EQ(CodexAdapter::managedConfig,
-              "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
-              "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
-              "cli_auth_credentials_store = \"keyring\"\n");
-}
-
 class CodexAdapterTest : public ::testing::Test {
 protected:
     testing::TempDir dir;

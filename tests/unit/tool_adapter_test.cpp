@@ -92,15 +92,6 @@ TEST(AccountInfoTest, JSONFormLeavesOutAbsentFields) {
     EXPECT_EQ(AccountInfo::fromJSON(nlohmann::json::array()), std::nullopt);
 }
 
-TEST(ToolStatusTest, Labels) {
-    EXPECT_EQ(ToolStatus::signedIn({}).label(), "Signed in");
-    EXPECT_EQ(ToolStatus::ready("x").label(), "Set up");
-    EXPECT_EQ(ToolStatus::needsAttention("x").label(), "Needs attention");
-    EXPECT_EQ(ToolStatus::notInstalled().label(), "Not installed");
-    EXPECT_EQ(ToolStatus::notSetUp().label(), "Not set up");
-    EXPECT_NE(ToolStatus::needsAttention("a"), ToolStatus::needsAttention("b"));
-}
-
 class ToolAdapterDataTest : public ::testing::Test {
 protected:
     testing::TempDir dir;
