@@ -138,10 +138,15 @@ TEST_F(ShellInstallTest, SecondInstallKeepsTheFirstBackup) {
     ASSERT_EQ(backups.size(), 1u);
     EXPECT_EQ(backups[0].substr(0, 6), "zshrc.");
 
+    auto first = shell.loadState()->files.at(0);
     testing::writeFile(zshrc, "second\n" + testing::readFile(zshrc));
     auto plan = installResolverOnly();
     EXPECT_EQ(plan[0].after, "second\nfirst\n" + ShellIntegration::block());
     EXPECT_EQ(entriesOf(shell.backups()), backups);
+    auto second = shell.loadState()->files.at(0);
+    EXPECT_EQ(second.backupPath, first.backupPath);
+    EXPECT_TRUE(second.existedBefore);
+    EXPECT_EQ(second.installedSHA256, ShellIntegration::sha256(plan[0].after));
     EXPECT_EQ(testing::readFile(shell.backups() + "/" + backups[0]), "first\n");
 
     // The file is as the latest install left it, so the first contents come back.

@@ -120,14 +120,6 @@ TEST(ShellBlockTest, BlockIsLast) {
     EXPECT_TRUE(ShellIntegration::blockIsLast("echo # <<< veerline <<<\n# fine\n"));
 }
 
-TEST_F(ShellIntegrationTest, DerivedPaths) {
-    EXPECT_EQ(shell.root(), home + "/.veerline");
-    EXPECT_EQ(shell.libexec(), home + "/.veerline/libexec");
-    EXPECT_EQ(shell.backups(), home + "/.veerline/backups");
-    EXPECT_EQ(shell.stateFile(), home + "/.veerline/install.json");
-    EXPECT_EQ(shell.appPathFile(), home + "/.veerline/app-path");
-}
-
 TEST_F(ShellIntegrationTest, TargetFilesAndZdotdir) {
     EXPECT_EQ(shell.targetFiles(), std::vector<std::string>{home + "/.zshrc"});
     testing::writeFile(home + "/.bash_profile", "");
@@ -271,21 +263,6 @@ TEST_F(ShellIntegrationTest, SymlinkLeavesAnEqualLinkAlone) {
 
     EXPECT_EQ(errorOf([&] { shell.symlink(home + "/missing/claude", "x"); }),
               "Couldn't create ~/missing/claude: No such file or directory");
-}
-
-TEST_F(ShellIntegrationTest, CreateAndRemove) {
-    shell.createDirectory(home + "/a/b/c");
-    EXPECT_TRUE(PathUtil::isDirectory(home + "/a/b/c"));
-    shell.createDirectory(home + "/a/b/c");
-    testing::writeFile(home + "/file", "");
-    EXPECT_EQ(errorOf([&] { shell.createDirectory(home + "/file"); }), "Couldn't create ~/file: File exists");
-    EXPECT_EQ(errorOf([&] { shell.createDirectory(home + "/file/sub"); }),
-              "Couldn't create ~/file/sub: Not a directory");
-
-    shell.removeFile(home + "/file");
-    EXPECT_FALSE(testing::exists(home + "/file"));
-    EXPECT_EQ(errorOf([&] { shell.removeFile(home + "/file"); }),
-              "Couldn't remove ~/file: No such file or directory");
 }
 
 TEST(ShellHashTest, Sha256AndTimestamp) {
