@@ -6,7 +6,9 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <iostream>
+#include <memory>
 
 #include "cli/cli.h"
 #include "cli/output.h"
@@ -32,8 +34,8 @@ Context Context::current() {
 }
 
 std::string Context::workingDirectory() const {
-    char buffer[4097];
-    std::string cwd = ::getcwd(buffer, sizeof buffer) != nullptr ? buffer : "/";
+    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
+    std::string cwd = buffer ? buffer.get() : "/";
     if (const std::string* pwd = lookup(environment, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
         auto realPWD = PathUtil::realPath(*pwd);
         if (realPWD && realPWD == PathUtil::realPath(cwd)) return PathUtil::normalize(*pwd);
@@ -52,8 +54,9 @@ const Profile& findProfile(const ProfileDocument& document, const std::string& n
 }
 
 Profile& findProfile(ProfileDocument& document, const std::string& nameOrID) {
-    const ProfileDocument& constDocument = document;
-    return const_cast<Profile&>(findProfile(constDocument, nameOrID));
+    if (Profile* byName = document.profile(std::string_view(nameOrID))) return *byName;
+    if (Profile* byID = document.profile(ProfileID(nameOrID))) return *byID;
+    throw VeerlineError::profileNotFound(nameOrID);
 }
 
 }  // namespace veerline::cli

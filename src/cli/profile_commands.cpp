@@ -54,18 +54,11 @@ int listProfiles(const Context& context, const ProfileOptions& options) {
         std::cout << "No profiles yet. Add one with `veerline profile add NAME`.\n";
         return 0;
     }
-    std::vector<std::string> headings = {"NAME", "ID", "BADGE", "COLOR", "TOOLS", "STORAGE"};
-    if (context.colour) headings.insert(headings.begin(), "");
-    Table table(headings);
+    Table table({"NAME", "ID", "BADGE", "COLOR", "TOOLS", "STORAGE"});
     for (const Profile& profile : document.profiles) {
-        std::vector<Table::Cell> row = {{profile.name},
-                                        {profile.id.rawValue},
-                                        {profile.badge},
-                                        {std::string(profilecolor::rawValue(profile.color))},
-                                        {describeTools(profile.tools())},
-                                        {std::string(Profile::storageRawValue(profile.storage))}};
-        if (context.colour) row.insert(row.begin(), swatch(profile.color, true));
-        table.addRow(std::move(row));
+        table.addRow({swatch(profile.color, context.colour) + profile.name, profile.id.rawValue, profile.badge,
+                      std::string(profilecolor::rawValue(profile.color)), describeTools(profile.tools()),
+                      std::string(Profile::storageRawValue(profile.storage))});
     }
     table.print(std::cout);
     if (document.cliDefault) {

@@ -83,16 +83,11 @@ int listRules(const Context& context, const RuleOptions& options) {
         std::cout << "No folder rules yet. Add one with `veerline rule add FOLDER PROFILE`.\n";
         return 0;
     }
-    std::vector<std::string> headings = {"FOLDER", "PROFILE"};
-    if (context.colour) headings.insert(headings.begin() + 1, "");
-    Table table(headings);
+    Table table({"FOLDER", "PROFILE"});
     for (const FolderRule& rule : document.rules) {
-        std::vector<Table::Cell> row = {{rule.folderPath()}, {profileLabel(document, rule.profileID)}};
-        if (context.colour) {
-            const Profile* profile = document.profile(rule.profileID);
-            row.insert(row.begin() + 1, profile ? swatch(profile->color, true) : Table::Cell{});
-        }
-        table.addRow(std::move(row));
+        const Profile* profile = document.profile(rule.profileID);
+        table.addRow({rule.folderPath(), (profile ? swatch(profile->color, context.colour) : "") +
+                                             profileLabel(document, rule.profileID)});
     }
     table.print(std::cout);
     return 0;

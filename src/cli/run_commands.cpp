@@ -74,9 +74,13 @@ int execute(const std::string& file, const std::vector<std::string>& arguments, 
     std::cout.flush();
     std::cerr.flush();
     if (searchPath) {
-        // execvp searches the PATH of `environ`, which is the new environment's PATH.
+        // execvp searches the PATH of `environ`, so the new environment's PATH decides.
+        char** previous = environ;
         environ = envp.data();
         ::execvp(file.c_str(), argv.data());
+        int error = errno;
+        environ = previous;
+        errno = error;
     } else {
         ::execve(file.c_str(), argv.data(), envp.data());
     }
