@@ -121,7 +121,7 @@ bool anyInside(const std::vector<std::string>& paths, const std::string& base) {
 RuleResolver::RuleResolver(ProfileDocument profiles, std::string homeFolder, CaseSensitivity caseSensitivity)
     : document(std::move(profiles)), home(std::move(homeFolder)), caseSensitivity_(std::move(caseSensitivity)) {}
 
-Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd) const {
+Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd) const noexcept {
     std::string normalized = PathUtil::normalize(PathUtil::expandTilde(path, home), cwd);
     RealPaths realPaths;
     std::optional<std::string> real = realPaths.of(normalized);

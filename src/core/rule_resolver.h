@@ -51,7 +51,7 @@ struct RuleResolver {
     // Without `caseSensitivity` the volume itself is asked (PathUtil::isCaseSensitiveVolume).
     RuleResolver(ProfileDocument profiles, std::string homeFolder, CaseSensitivity caseSensitivity = {});
 
-    Resolution resolve(const std::string& path, const std::string& cwd) const;
+    Resolution resolve(const std::string& path, const std::string& cwd) const noexcept;
 
     // The first line of a dotfile that is neither blank nor a "#" comment, trimmed of spaces
     // and tabs; nothing for files that are unreadable, larger than 4096 bytes or not UTF-8.
