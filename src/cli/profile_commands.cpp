@@ -70,8 +70,10 @@ int listProfiles(const Context& context, const ProfileOptions& options) {
 
 int addProfile(const Context& context, const ProfileOptions& options) {
     std::string name = unicode::trimmed(options.name);
-    auto color = options.color ? std::optional(parseColor(*options.color)) : std::nullopt;
-    auto tools = options.tools ? std::optional(parseTools(*options.tools)) : std::nullopt;
+    std::optional<ProfileColor> color;
+    if (options.color) color = parseColor(*options.color);
+    std::optional<std::vector<ToolKind>> tools;
+    if (options.tools) tools = parseTools(*options.tools);
     auto storage = options.storage ? parseStorage(*options.storage) : Profile::Storage::managed;
 
     ProfileID id = ProfileStore(context.paths).update([&](ProfileDocument& document) {
@@ -105,9 +107,12 @@ int setProfile(const Context& context, const ProfileOptions& options) {
     if (!options.color && !options.badge && !options.tools && !options.storage) {
         throw UsageError("Nothing to change. Give --color, --badge, --tools or --storage.");
     }
-    auto color = options.color ? std::optional(parseColor(*options.color)) : std::nullopt;
-    auto tools = options.tools ? std::optional(parseTools(*options.tools)) : std::nullopt;
-    auto storage = options.storage ? std::optional(parseStorage(*options.storage)) : std::nullopt;
+    std::optional<ProfileColor> color;
+    if (options.color) color = parseColor(*options.color);
+    std::optional<std::vector<ToolKind>> tools;
+    if (options.tools) tools = parseTools(*options.tools);
+    std::optional<Profile::Storage> storage;
+    if (options.storage) storage = parseStorage(*options.storage);
 
     std::string name = ProfileStore(context.paths).update([&](ProfileDocument& document) {
         Profile& profile = findProfile(document, options.name);

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "support/test_support.h"
 
 namespace veerline::testing {
@@ -174,6 +176,31 @@ TEST_F(ResolverShimTest, ExecveFailureExits126) {
     EXPECT_EQ(result.exitCode, 126);
     EXPECT_EQ(result.err, "veerline: couldn't run " + realClaude + ": No such file or directory\n");
 }
+
+#if !defined(__SANITIZE_ADDRESS__)
+TEST(ResolverLinkageTest, NeedsNoSharedLibraryBeyondTheCRuntime) {
+    // The resolver starts before every tool: no crypto, ICU or glib may ride along.
+    RunOptions options;
+    options.environment = {{"PATH", systemPath()}, {"LC_ALL", "C"}};
+    auto result = run("/usr/bin/ldd", {VEERLINE_RESOLVE_BINARY}, options);
+    std::string listing = result.out + result.err;
+    if (listing.find("not a dynamic executable") != std::string::npos) return;
+    ASSERT_EQ(result.exitCode, 0) << listing;
+    std::istringstream lines(result.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        auto start = line.find_first_not_of(" \t");
+        if (start == std::string::npos) continue;
+        std::string library = line.substr(start, line.find_first_of(" \t", start) - start);
+        bool allowed = false;
+        for (const char* prefix : {"linux-vdso", "libc.so", "libm.so", "libstdc++.so", "libgcc_s.so", "/lib64/ld-linux",
+                                   "/lib/ld-linux"}) {
+            allowed = allowed || library.starts_with(prefix);
+        }
+        EXPECT_TRUE(allowed) << "veerline-resolve links " << library;
+    }
+}
+#endif
 
 }  // namespace
 }  // namespace veerline::testing

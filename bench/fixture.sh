@@ -1,0 +1,65 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2088,SC2154 # rules keep a literal "~"; work, runs, build_dir come from the caller
+# Sourced by the benchmarks: a HOME with 8 profiles, 30 folder rules, a working folder ten levels
+# deep and a .veerline dotfile three levels above it.
+#   make_fixture HOME   sets $deep to the working folder
+make_fixture() {
+  local home=$1
+  deep=$home/clients/acme/repos/platform/services/api/src/main/java/handlers
+  mkdir -p "$deep"
+  printf '# pinned for this service\nProfile 7\n' > "$home/clients/acme/repos/platform/services/api/src/.veerline"
+
+  local support="$home/Library/Application Support/Veerline"
+  mkdir -p "$support"
+  {
+    printf '{\n  "cliDefault" : "p1",\n  "profiles" : [\n'
+    local i sep
+    for i in 1 2 3 4 5 6 7 8; do
+      if [ "$i" -lt 8 ]; then sep=,; else sep=; fi
+      printf '    { "badge" : "P%d", "color" : "blue", "id" : "p%d", "name" : "Profile %d", "storage" : "managed", "tools" : [ "claude-code", "codex" ] }%s\n' "$i" "$i" "$i" "$sep"
+    done
+    printf '  ],\n  "rules" : [\n'
+    # Four rules on the way down to the working folder, the rest elsewhere (half of them real).
+    local rules=("~/clients/**" "~/clients/acme" "~/clients/acme/repos/platform/**" "/")
+    for i in $(seq 1 26); do
+      rules+=("~/elsewhere/team-$i/**")
+      [ $((i % 2)) -eq 0 ] && mkdir -p "$home/elsewhere/team-$i"
+    done
+    for i in "${!rules[@]}"; do
+      if [ "$i" -lt 29 ]; then sep=,; else sep=; fi
+      printf '    { "path" : "%s", "profileID" : "p%d" }%s\n' "${rules[$i]}" $((i % 8 + 1)) "$sep"
+    done
+    printf '  ],\n  "version" : 1\n}\n'
+  } > "$support/profiles.json"
+}
+
+# Compiles a C++ program from standard input, statically linked when the system allows it.
+#   build_static OUTPUT   prints "static" or "dynamic"
+build_static() {
+  local source
+  source=$(cat)
+  if printf '%s\n' "$source" | ${CXX:-c++} -O2 -static -x c++ - -o "$1" 2>/dev/null; then
+    echo static
+  else
+    printf '%s\n' "$source" | ${CXX:-c++} -O2 -x c++ - -o "$1"
+    echo dynamic
+  fi
+}
+
+# Mean wall time in microseconds of each command (one argument per command, run without a shell).
+mean_times() {
+  local json=$work/times.json
+  if command -v hyperfine >/dev/null 2>&1; then
+    if ! hyperfine -N --warmup 50 --runs "$runs" --export-json "$json" "$@" >/dev/null 2>"$work/hyperfine.err"; then
+      cat "$work/hyperfine.err" >&2
+      return 1
+    fi
+    grep -o '"mean": *[0-9.eE+-]*' "$json" | sed 's/.*: *//' | awk '{ printf "%.1f ", $1 * 1e6 }'
+  else
+    local command
+    for command in "$@"; do
+      # shellcheck disable=SC2086 # each command is a program and its arguments
+      printf '%s ' "$("$build_dir/spawn_timer" "$runs" $command | cut -d' ' -f1)"
+    done
+  fi
+}
