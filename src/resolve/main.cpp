@@ -71,13 +71,27 @@ struct Run {
     Environment env;
     Paths paths;
 
+    Run(std::vector<std::string> arguments, Environment environment)
+        : argv(std::move(arguments)), invokedAs(lastComponent(argv[0])), env(std::move(environment)),
+          paths(Paths::forCurrentUser(env)) {}
+
     // The logical working folder: PWD when it names the same place as getcwd, which keeps the
-    // user's path through symbolic links.
-    std::string workingDirectory() const {
+    // user's path through symbolic links. Worked out once per run.
+    const std::string& workingDirectory() const {
+        if (!workingDirectory_) workingDirectory_ = findWorkingDirectory();
+        return *workingDirectory_;
+    }
+
+private:
+    mutable std::optional<std::string> workingDirectory_;
+
+    std::string findWorkingDirectory() const {
         char buffer[1025];
         std::string cwd = ::getcwd(buffer, sizeof buffer) != nullptr ? buffer : "/";
         if (auto pwd = lookup(env, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
-            if (PathUtil::realPath(*pwd) == PathUtil::realPath(cwd)) return *pwd;
+            // getcwd already answers with the real path, so only PWD needs resolving.
+            auto realCwd = cwd.starts_with("/") ? std::optional<std::string>(cwd) : PathUtil::realPath(cwd);
+            if (PathUtil::realPath(*pwd) == realCwd) return *pwd;
         }
         return cwd;
     }
@@ -149,10 +163,7 @@ struct Run {
 
 int main(int argc, char** argv) {
     if (argc < 1 || argv[0] == nullptr) fail(kUsage, 2);
-    Environment env = currentEnvironment();
-    Paths paths = Paths::forCurrentUser(env);
-    Run run{std::vector<std::string>(argv, argv + argc), lastComponent(argv[0]), std::move(env),
-            std::move(paths)};
+    Run run(std::vector<std::string>(argv, argv + argc), currentEnvironment());
 
     if (run.invokedAs != kOwnName) shimMode(run);
 
