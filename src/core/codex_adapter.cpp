@@ -10,27 +10,13 @@
 #include <iterator>
 
 #include "core/error.h"
+#include "core/file_io.h"
 #include "core/process_runner.h"
 #include "core/unicode.h"
 
 namespace veerline {
 
 namespace {
-
-// A temporary file that is removed unless it was moved into place.
-class TemporaryFile {
-public:
-    explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
-    ~TemporaryFile() {
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-    const std::string& path() const noexcept { return path_; }
-
-private:
-    std::string path_;
-};
 
 bool exists(const std::string& path) {
     struct stat st {};
@@ -39,22 +25,12 @@ bool exists(const std::string& path) {
 
 // Returns 0 or the errno of the step that failed.
 int writeWhole(const std::string& path, std::string_view content) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) return errno;
-    int error = 0;
-    std::size_t written = 0;
-    while (written < content.size()) {
-        ssize_t n = ::write(fd, content.data() + written, content.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            error = errno;
-            break;
-        }
-        written += static_cast<std::size_t>(n);
-    }
-    if (error == 0 && ::fchmod(fd, 0600) != 0) error = errno;
-    if (error == 0 && ::fsync(fd) != 0) error = errno;
-    if (::close(fd) != 0 && error == 0) error = errno;
+    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd) return errno;
+    int error = writeAll(fd.get(), content);
+    if (error == 0 && ::fchmod(fd.get(), 0600) != 0) error = errno;
+    if (error == 0 && ::fsync(fd.get()) != 0) error = errno;
+    if (int closed = fd.close(); closed != 0 && error == 0) error = closed;
     return error;
 }
 

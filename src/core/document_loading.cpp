@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <string>
 
+#include "core/file_io.h"
 #include "core/profile_store.h"
 #include "core/unicode.h"
 
@@ -14,24 +14,11 @@ namespace veerline {
 namespace {
 
 std::optional<std::string> readWholeFile(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
-
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return std::nullopt;
     std::string content;
-    char buffer[4096];
-    for (;;) {
-        ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0) {
-            if (errno == EINTR) continue;
-            return std::nullopt;
-        }
-        if (got == 0) return content;
-        content.append(buffer, static_cast<std::size_t>(got));
-    }
+    if (readAll(fd.get(), content) != 0) return std::nullopt;
+    return content;
 }
 
 }  // namespace

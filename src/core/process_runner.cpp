@@ -16,6 +16,7 @@
 #include <mutex>
 #include <utility>
 
+#include "core/file_io.h"
 #include "core/unicode.h"
 
 namespace veerline {
@@ -38,33 +39,6 @@ constexpr auto terminationGrace = std::chrono::seconds(2);
 // process that inherited the pipes costs at most this much.
 constexpr auto orphanedPipeGrace = std::chrono::seconds(1);
 constexpr auto killedPipeGrace = std::chrono::seconds(2);
-
-class FileDescriptor {
-public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const noexcept { return fd_; }
-    bool isOpen() const noexcept { return fd_ >= 0; }
-    void reset() noexcept {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 // A close-on-exec pipe whose ends are numbered 3 or above, so that the child's dup2 onto 1 and 2
 // always makes a fresh, inheritable copy.
@@ -251,8 +225,8 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
                                     argv.data(), envp.data());
         if (spawned != 0) return launchFailure(executable, spawned);
     }
-    outWrite.reset();
-    errWrite.reset();
+    outWrite.close();
+    errWrite.close();
 
     Child child(pid);
     std::array<FileDescriptor*, 2> streams = {&outRead, &errRead};
@@ -275,7 +249,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
     std::array<char, 65536> chunk{};
 
     for (;;) {
-        bool anyOpen = outRead.isOpen() || errRead.isOpen();
+        bool anyOpen = outRead || errRead;
         auto now = Clock::now();
 
         if (!child.reaped() && child.tryReap(false)) {
@@ -285,7 +259,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
             if (!anyOpen) break;
             if (now >= pipeDeadline) {
                 if (stage == 0 && now >= stageEnd) timedOut = true;
-                for (auto* stream : streams) stream->reset();
+                for (auto* stream : streams) stream->close();
                 break;
             }
         } else if (now >= stageEnd) {
@@ -300,7 +274,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
                 stageEnd = now + killedPipeGrace;
             } else {
                 // Killed and still not reaped: stop reading and wait for the system to end it.
-                for (auto* stream : streams) stream->reset();
+                for (auto* stream : streams) stream->close();
                 child.tryReap(true);
                 break;
             }
@@ -324,7 +298,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
         std::array<int, 2> which{};
         nfds_t count = 0;
         for (int i = 0; i < 2; ++i) {
-            if (streams[i]->isOpen()) {
+            if (*streams[i]) {
                 fds[count] = pollfd{streams[i]->get(), POLLIN, 0};
                 which[count] = i;
                 ++count;
@@ -339,7 +313,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
             if (got > 0) {
                 buffers[i].append(chunk.data(), static_cast<std::size_t>(got));
             } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
-                streams[i]->reset();
+                streams[i]->close();
             }
         }
     }

@@ -11,47 +11,12 @@
 #include <vector>
 
 #include "core/error.h"
+#include "core/file_io.h"
 #include "platform/platform.h"
 
 namespace veerline {
 
 namespace {
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() { reset(); }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const noexcept { return fd_; }
-    // Closes now; the result of close() for callers that care.
-    int reset() noexcept {
-        int result = 0;
-        if (fd_ >= 0) result = ::close(fd_);
-        fd_ = -1;
-        return result;
-    }
-
-private:
-    int fd_;
-};
-
-// Removes the temporary file unless the rename has taken it over.
-class TemporaryFile {
-public:
-    explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
-    ~TemporaryFile() {
-        if (!path_.empty()) ::unlink(path_.c_str());
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    void release() noexcept { path_.clear(); }
-
-private:
-    std::string path_;
-};
 
 std::uint32_t randomUInt32() noexcept {
     std::uint32_t high = platform::secureRandomBelow(1u << 16);
@@ -101,7 +66,7 @@ ProfilesLock::~ProfilesLock() {
 ProfileDocument ProfileStore::load() const {
     const std::string path = paths_.profilesFile();
     FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) {
+    if (!file) {
         if (errno == ENOENT) return ProfileDocument::empty();
         throw ioErrorFromErrno("read " + path, errno);
     }
@@ -110,17 +75,7 @@ ProfileDocument ProfileStore::load() const {
     if (::fstat(file.get(), &info) == 0 && info.st_size > 0) {
         bytes.reserve(static_cast<std::size_t>(info.st_size));
     }
-    char buffer[16384];
-    while (true) {
-        ssize_t count = ::read(file.get(), buffer, sizeof buffer);
-        if (count > 0) {
-            bytes.append(buffer, static_cast<std::size_t>(count));
-        } else if (count == 0) {
-            break;
-        } else if (errno != EINTR) {
-            throw ioErrorFromErrno("read " + path, errno);
-        }
-    }
+    if (int error = readAll(file.get(), bytes); error != 0) throw ioErrorFromErrno("read " + path, error);
     return decode(bytes);
 }
 
@@ -183,31 +138,19 @@ void ProfileStore::write(const ProfileDocument& document) const {
         target + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(randomUInt32());
 
     FileDescriptor file(::open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (file.get() < 0) throw ioErrorFromErrno("write " + temporaryPath, errno);
+    if (!file) throw ioErrorFromErrno("write " + temporaryPath, errno);
     TemporaryFile cleanup(temporaryPath);
     ::fchmod(file.get(), 0600);
 
-    std::size_t written = 0;
-    int error = 0;
-    while (written < bytes.size()) {
-        ssize_t count = ::write(file.get(), bytes.data() + written, bytes.size() - written);
-        if (count > 0) {
-            written += static_cast<std::size_t>(count);
-        } else if (count < 0 && errno == EINTR) {
-            continue;
-        } else {
-            error = count < 0 ? errno : EIO;
-            break;
-        }
-    }
+    int error = writeAll(file.get(), bytes);
     if (error == 0 && ::fsync(file.get()) != 0) error = errno;
-    if (file.reset() != 0 && error == 0 && errno != EINTR) error = errno;
+    if (int closed = file.close(); closed != 0 && error == 0 && closed != EINTR) error = closed;
     if (error != 0) throw ioErrorFromErrno("save profiles", error);
 
     if (::rename(temporaryPath.c_str(), target.c_str()) != 0) {
         throw ioErrorFromErrno("save profiles", errno);
     }
-    cleanup.release();
+    cleanup.keep();
 }
 
 }  // namespace veerline

@@ -2,33 +2,18 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <string_view>
 #include <unordered_map>
 
+#include "core/file_io.h"
 #include "core/paths.h"
 #include "core/unicode.h"
 
 namespace veerline {
 
 namespace {
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // Length of the line break starting at `i`, or 0: LF, VT, FF, CR (CR LF as one), NEL, LS, PS.
 std::size_t newlineLength(std::string_view text, std::size_t i) {
@@ -228,24 +213,15 @@ std::optional<RuleResolver::Dotfile> RuleResolver::nearestDotfile(const std::vec
 
 std::optional<std::string> RuleResolver::readReference(const std::string& path) noexcept {
     try {
-        char buffer[maxDotfileSize + 1];
-        std::size_t size = 0;
+        std::string bytes;
         {
             // Non-blocking so that a FIFO under that name cannot stall the prompt.
             FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-            if (file.get() < 0) return std::nullopt;
-            while (size < sizeof buffer) {
-                ssize_t got = ::read(file.get(), buffer + size, sizeof buffer - size);
-                if (got < 0) {
-                    if (errno == EINTR) continue;
-                    return std::nullopt;
-                }
-                if (got == 0) break;
-                size += static_cast<std::size_t>(got);
-            }
+            if (!file) return std::nullopt;
+            if (readAll(file.get(), bytes, maxDotfileSize + 1) != 0) return std::nullopt;
         }
-        if (size > maxDotfileSize) return std::nullopt;
-        std::string_view text(buffer, size);
+        if (bytes.size() > maxDotfileSize) return std::nullopt;
+        std::string_view text(bytes);
         if (!unicode::isValidUTF8(text)) return std::nullopt;
 
         std::size_t lineStart = 0;

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <utility>
 
 #include "core/error.h"
+#include "core/file_io.h"
 #include "core/shell_integration.h"
 #include "core/unicode.h"
 
@@ -18,61 +18,9 @@ namespace veerline {
 
 namespace {
 
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    // Closes now, for callers that must see close's own error; 0 or errno.
-    int close() {
-        int fd = std::exchange(fd_, -1);
-        return ::close(fd) == 0 ? 0 : errno;
-    }
-
-private:
-    int fd_;
-};
-
-// Unlinks the temporary file unless the rename that consumes it went through.
-class TemporaryFile {
-public:
-    explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
-    ~TemporaryFile() {
-        if (armed_) ::unlink(path_.c_str());
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    const std::string& path() const { return path_; }
-    void keep() { armed_ = false; }
-
-private:
-    std::string path_;
-    bool armed_ = true;
-};
-
 std::string lastComponent(const std::string& path) {
     auto slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// 0 on success, otherwise errno.
-int writeAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
 }
 
 }  // namespace
@@ -84,16 +32,7 @@ std::string ShellIntegration::read(const std::string& path) const {
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) throw failure(std::strerror(errno));
     std::string text;
-    char buffer[65536];
-    for (;;) {
-        ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            throw failure(std::strerror(errno));
-        }
-        if (count == 0) break;
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
+    if (int error = readAll(fd.get(), text); error != 0) throw failure(std::strerror(error));
     if (!unicode::isValidUTF8(text)) {
         throw failure("The file \u201C" + lastComponent(path) +
                       "\u201D couldn't be opened using text encoding Unicode (UTF-8).");

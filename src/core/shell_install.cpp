@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/error.h"
+#include "core/file_io.h"
 #include "core/shell_integration.h"
 #include "core/unicode.h"
 
@@ -15,56 +16,24 @@ namespace {
 
 constexpr const char* resolverLink = "../libexec/veerline-resolve";
 
-class ReadOnlyFile {
-public:
-    explicit ReadOnlyFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~ReadOnlyFile() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    ReadOnlyFile(const ReadOnlyFile&) = delete;
-    ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
-
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-// Reads up to `size` bytes; fewer only at end of file. -1 on error.
-ssize_t readFully(int fd, char* buffer, std::size_t size) {
-    std::size_t total = 0;
-    while (total < size) {
-        ssize_t count = ::read(fd, buffer + total, size - total);
-        if (count < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (count == 0) break;
-        total += static_cast<std::size_t>(count);
-    }
-    return static_cast<ssize_t>(total);
-}
-
 // Byte-for-byte comparison; false when either file can't be read.
 bool contentsEqual(const std::string& first, const std::string& second) {
-    ReadOnlyFile a(first);
-    ReadOnlyFile b(second);
-    if (a.get() < 0 || b.get() < 0) return false;
+    FileDescriptor a(::open(first.c_str(), O_RDONLY | O_CLOEXEC));
+    FileDescriptor b(::open(second.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!a || !b) return false;
     struct stat infoA {};
     struct stat infoB {};
     if (::fstat(a.get(), &infoA) != 0 || ::fstat(b.get(), &infoB) != 0) return false;
     if (!S_ISREG(infoA.st_mode) || !S_ISREG(infoB.st_mode) || infoA.st_size != infoB.st_size) return false;
     static constexpr std::size_t chunk = 65536;
-    std::string bufferA(chunk, '\0');
-    std::string bufferB(chunk, '\0');
+    std::string bufferA;
+    std::string bufferB;
     for (;;) {
-        ssize_t countA = readFully(a.get(), bufferA.data(), chunk);
-        ssize_t countB = readFully(b.get(), bufferB.data(), chunk);
-        if (countA < 0 || countB < 0 || countA != countB) return false;
-        if (countA == 0) return true;
-        if (bufferA.compare(0, static_cast<std::size_t>(countA), bufferB, 0, static_cast<std::size_t>(countB)) != 0) {
-            return false;
-        }
+        bufferA.clear();
+        bufferB.clear();
+        if (readAll(a.get(), bufferA, chunk) != 0 || readAll(b.get(), bufferB, chunk) != 0) return false;
+        if (bufferA != bufferB) return false;
+        if (bufferA.empty()) return true;
     }
 }
 
