@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -7,29 +6,16 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "core/error.h"
 #include "core/shell_integration.h"
+#include "support/folder_entries.h"
 #include "support/test_support.h"
 
 namespace veerline {
 namespace {
 
+using testing::entriesOf;
 using testing::TempDir;
-
-std::vector<std::string> entriesOf(const std::string& folder) {
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(folder.c_str())) {
-        while (dirent* entry = ::readdir(dir)) {
-            std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        ::closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 std::string linkText(const std::string& path) {
     char buffer[4096] = {};

@@ -1,6 +1,5 @@
 #include "core/shell_integration.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,25 +10,14 @@
 #include <thread>
 
 #include "core/error.h"
+#include "support/folder_entries.h"
 #include "support/test_support.h"
 
 namespace veerline {
 namespace {
 
+using testing::entriesOf;
 using testing::TempDir;
-
-std::vector<std::string> entriesOf(const std::string& folder) {
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(folder.c_str())) {
-        while (dirent* entry = ::readdir(dir)) {
-            std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        ::closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 template <typename Operation>
 std::string errorOf(Operation operation) {
