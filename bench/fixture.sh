@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# shellcheck disable=SC2088,SC2154 # rules keep a literal "~"; work, runs, build_dir come from the caller
+# shellcheck disable=SC2088,SC2154 # rules keep a literal "~"; runs and build_dir come from the caller
 # Sourced by the benchmarks: a HOME with 8 profiles, 30 folder rules, a working folder ten levels
 # deep and a .veerline dotfile three levels above it.
 #   make_fixture HOME   sets $deep to the working folder
@@ -46,20 +46,13 @@ build_static() {
   fi
 }
 
-# Mean wall time in microseconds of each command (one argument per command, run without a shell).
-mean_times() {
-  local json=$work/times.json
-  if command -v hyperfine >/dev/null 2>&1; then
-    if ! hyperfine -N --warmup 50 --runs "$runs" --export-json "$json" "$@" >/dev/null 2>"$work/hyperfine.err"; then
-      cat "$work/hyperfine.err" >&2
-      return 1
-    fi
-    grep -o '"mean": *[0-9.eE+-]*' "$json" | sed 's/.*: *//' | awk '{ printf "%.1f ", $1 * 1e6 }'
-  else
-    local command
-    for command in "$@"; do
-      # shellcheck disable=SC2086 # each command is a program and its arguments
-      printf '%s ' "$("$build_dir/spawn_timer" "$runs" $command | cut -d' ' -f1)"
-    done
-  fi
+# Median wall time in microseconds of each command, the commands taking turns run by run.
+#   median_times "PROGRAM ARGS" "PROGRAM ARGS"...   (words split at blanks)
+median_times() {
+  local timer_args=() command
+  for command in "$@"; do
+    # shellcheck disable=SC2206 # each command is a program and its arguments
+    timer_args+=(-- $command)
+  done
+  "$build_dir/spawn_timer" "$runs" "${timer_args[@]}" | awk '{ printf "%s ", $2 }'
 }

@@ -25,8 +25,8 @@ if [ "$answer" != "Profile 7" ]; then
 fi
 
 # --version shows what of the prompt's time is process start-up rather than its own work.
-read -r prompt_us trivial_us version_us <<< "$(mean_times "$resolve --prompt" "$trivial" "$resolve --version")"
+read -r prompt_us trivial_us version_us <<< "$(median_times "$resolve --prompt" "$trivial" "$resolve --version")"
 awk -v p="$prompt_us" -v t="$trivial_us" -v v="$version_us" -v l="$linkage" -v n="$runs" 'BEGIN {
-  printf "prompt:  veerline-resolve --prompt %.1f us, trivial %s program %.1f us, ratio %.2f (mean of %d runs)\n", p, l, t, p / t, n
+  printf "prompt:  veerline-resolve --prompt %.1f us, trivial %s program %.1f us, ratio %.2f (median of %d interleaved runs)\n", p, l, t, p / t, n
   printf "         veerline-resolve --version %.1f us (start-up alone)\n", v
 }'

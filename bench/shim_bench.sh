@@ -31,8 +31,8 @@ if ! "$home/.veerline/bin/claude"; then
   exit 1
 fi
 
-read -r direct_us wrapper_us shim_us <<< "$(mean_times "$tool" "$work/wrapper" "$home/.veerline/bin/claude")"
+read -r direct_us wrapper_us shim_us <<< "$(median_times "$tool" "$work/wrapper" "$home/.veerline/bin/claude")"
 awk -v d="$direct_us" -v w="$wrapper_us" -v s="$shim_us" -v l="$linkage" -v n="$runs" 'BEGIN {
   printf "shim:    tool alone %.1f us, through exec wrapper %.1f us (+%.1f), through shim %.1f us (+%.1f)\n", d, w, w - d, s, s - d
-  printf "         shim adds %.2f times what one extra exec adds (goal <= 1.5; %s tool and wrapper, mean of %d runs)\n", (s - d) / (w - d), l, n
+  printf "         shim adds %.2f times what one extra exec adds (goal <= 1.5; %s tool and wrapper, median of %d interleaved runs)\n", (s - d) / (w - d), l, n
 }'

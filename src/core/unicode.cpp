@@ -51,6 +51,23 @@ std::string mapWithOptions(std::string_view text, int options, bool& ok) {
     return std::string(reinterpret_cast<const char*>(result), static_cast<std::size_t>(length));
 }
 
+// Most names and paths are plain ASCII; answering those without utf8proc keeps its large tables
+// out of the resolver's start-up.
+bool isASCII(std::string_view text) noexcept {
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) >= 0x80) return false;
+    }
+    return true;
+}
+
+char asciiLower(char c) noexcept {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool isASCIISpace(char c) noexcept {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
 bool isSeparatorOrControlSpace(utf8proc_int32_t codePoint) {
     if (codePoint == '\t' || codePoint == '\n' || codePoint == '\v' || codePoint == '\f' ||
         codePoint == '\r' || codePoint == 0x85 || codePoint == 0x2028 || codePoint == 0x2029) {
@@ -71,6 +88,11 @@ void appendUTF8(std::string& out, char32_t codePoint) {
 }
 
 std::string lowercased(std::string_view text) {
+    if (isASCII(text)) {
+        std::string out(text);
+        for (char& c : out) c = asciiLower(c);
+        return out;
+    }
     return mapEach(text, [](std::string& out, utf8proc_int32_t c) {
         appendUTF8(out, static_cast<char32_t>(utf8proc_tolower(c)));
     });
@@ -129,6 +151,13 @@ std::size_t characterCount(std::string_view text) {
 }
 
 std::string trimmed(std::string_view text) {
+    if (isASCII(text)) {
+        std::size_t begin = 0;
+        std::size_t end = text.size();
+        while (begin < end && isASCIISpace(text[begin])) ++begin;
+        while (end > begin && isASCIISpace(text[end - 1])) --end;
+        return std::string(text.substr(begin, end - begin));
+    }
     std::size_t pos = 0;
     std::size_t begin = text.size();
     std::size_t end = 0;
@@ -146,6 +175,13 @@ std::string trimmed(std::string_view text) {
 
 bool equalIgnoringCase(std::string_view a, std::string_view b) {
     if (a == b) return true;
+    if (isASCII(a) && isASCII(b)) {
+        if (a.size() != b.size()) return false;
+        for (std::size_t i = 0; i < a.size(); ++i) {
+            if (asciiLower(a[i]) != asciiLower(b[i])) return false;
+        }
+        return true;
+    }
     bool okA = false;
     bool okB = false;
     std::string foldedA = mapWithOptions(a, UTF8PROC_CASEFOLD | UTF8PROC_COMPOSE, okA);
