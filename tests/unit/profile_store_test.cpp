@@ -24,27 +24,35 @@ namespace {
 
 using testing::TempDir;
 
-// Runs `body` in a forked child and returns its exit status (or 128 + signal).
-int inChild(const std::function<int()>& body) {
+// Runs `body` in a forked child whose exit code is what it returns (98 if it throws).
+pid_t spawn(const std::function<int()>& body) {
     pid_t pid = fork();
     if (pid == 0) {
-        int code = 99;
+        int code = 98;
         try {
             code = body();
         } catch (...) {
-            code = 98;
         }
         _exit(code);
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return pid;
 }
 
 int waitFor(pid_t pid) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+template <typename Operation>
+VeerlineError failureOf(Operation operation) {
+    try {
+        operation();
+    } catch (const VeerlineError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "no error";
+    return VeerlineError::io("none");
 }
 
 Profile makeProfile(const std::string& id, const std::string& name) {
@@ -70,24 +78,10 @@ protected:
         testing::writeFile(paths.profilesFile(), text, 0600);
     }
 
-    VeerlineError loadFailure() {
-        try {
-            store.load();
-        } catch (const VeerlineError& error) {
-            return error;
-        }
-        ADD_FAILURE() << "load succeeded";
-        return VeerlineError::io("none");
-    }
+    VeerlineError loadFailure() { return failureOf([&] { store.load(); }); }
 
     VeerlineError updateFailure(const std::function<void(ProfileDocument&)>& edit) {
-        try {
-            store.update(edit);
-        } catch (const VeerlineError& error) {
-            return error;
-        }
-        ADD_FAILURE() << "update succeeded";
-        return VeerlineError::io("none");
+        return failureOf([&] { store.update(edit); });
     }
 
     void addProfile(const std::string& id, const std::string& name) {
@@ -213,14 +207,19 @@ TEST_F(ProfileStoreTest, DamagedFilesAreCorrupt) {
     EXPECT_EQ(loadFailure(), VeerlineError::storeCorrupt(path, "the file is empty"));
     EXPECT_EQ(loadFailure().errorDescription(), "Couldn't read " + path + ": the file is empty");
 
+    EXPECT_EQ(loadFailure().errorDescription(), "Couldn't read " + path + ": the file is empty");
+
+    const std::vector<std::pair<std::string, std::string>> damaged = {
+        {R"({"version": "2", "profiles": [], "rules": []})", "version: expected an integer, found a string"},
+        {R"({"version": 1, "profiles": [{"id": "a", "name": "A", "tools": ["cursor"]}], "rules": []})",
+         R"(profiles[0].tools[0]: "cursor" is not a tool)"},
+    };
+    for (const auto& [text, reason] : damaged) {
+        writeProfiles(text);
+        EXPECT_EQ(loadFailure(), VeerlineError::storeCorrupt(path, reason)) << text;
+    }
     writeProfiles("not json");
     EXPECT_EQ(loadFailure().kind(), VeerlineError::Kind::storeCorrupt);
-
-    writeProfiles(R"({"version": "2", "profiles": [], "rules": []})");
-    EXPECT_EQ(loadFailure(), VeerlineError::storeCorrupt(path, "version: expected an integer, found a string"));
-
-    writeProfiles(R"({"version": 1, "profiles": [{"id": "a", "name": "A", "tools": ["cursor"]}], "rules": []})");
-    EXPECT_EQ(loadFailure(), VeerlineError::storeCorrupt(path, R"(profiles[0].tools[0]: "cursor" is not a tool)"));
     const std::string before = testing::readFile(path);
     EXPECT_EQ(updateFailure([](ProfileDocument& document) { document.profiles.clear(); }).kind(),
               VeerlineError::Kind::storeCorrupt);
@@ -241,14 +240,8 @@ TEST_F(ProfileStoreTest, FileSystemFailuresHaveTheirMessages) {
     TempDir other;
     testing::writeFile(other / "Library", "a file, not a folder");
     Paths otherPaths(other.path(), "/Applications");
-    VeerlineError error = VeerlineError::io("none");
-    try {
-        ProfileStore(otherPaths).update([](ProfileDocument&) {});
-    } catch (const VeerlineError& caught) {
-        error = caught;
-    }
-    EXPECT_EQ(error, VeerlineError::io("Couldn't create " + otherPaths.supportDirectory() + ": " +
-                                       std::strerror(ENOTDIR)));
+    EXPECT_EQ(failureOf([&] { ProfileStore(otherPaths).update([](ProfileDocument&) {}); }),
+              VeerlineError::io("Couldn't create " + otherPaths.supportDirectory() + ": " + std::strerror(ENOTDIR)));
 }
 
 TEST_F(ProfileStoreTest, WriteRefusedByFileSizeLimitKeepsOldFile) {
@@ -257,7 +250,7 @@ TEST_F(ProfileStoreTest, WriteRefusedByFileSizeLimitKeepsOldFile) {
 
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
-    int status = inChild([&] {
+    pid_t child = spawn([&] {
         close(pipeFds[0]);
         signal(SIGXFSZ, SIG_IGN);
         rlim_t limit = static_cast<rlim_t>(before.size());
@@ -281,7 +274,7 @@ TEST_F(ProfileStoreTest, WriteRefusedByFileSizeLimitKeepsOldFile) {
     while ((count = read(pipeFds[0], buffer, sizeof buffer)) > 0) message.append(buffer, static_cast<size_t>(count));
     close(pipeFds[0]);
 
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(waitFor(child), 0);
     EXPECT_EQ(message, std::string("Couldn't save profiles: ") + std::strerror(EFBIG));
     EXPECT_EQ(testing::readFile(paths.profilesFile()), before);
     EXPECT_TRUE(temporaryFiles(paths.supportDirectory()).empty());
@@ -308,15 +301,10 @@ TEST_F(ProfileStoreTest, UpdateWaitsForTheLock) {
     ASSERT_GE(fd, 0);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        try {
-            store.update([](ProfileDocument& document) { document.profiles.push_back(makeProfile("w", "Work")); });
-        } catch (...) {
-            _exit(1);
-        }
-        _exit(0);
-    }
+    pid_t pid = spawn([&] {
+        addProfile("w", "Work");
+        return 0;
+    });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_FALSE(testing::exists(paths.profilesFile())) << "the update did not wait for the lock";
     flock(fd, LOCK_UN);
@@ -331,35 +319,20 @@ TEST_F(ProfileStoreTest, ConcurrentWritersLoseNothingAndReadersSeeWholeFiles) {
     const std::string stopFile = home / "stop";
 
     // The reader checks every file it sees until the writers are done.
-    pid_t reader = fork();
-    if (reader == 0) {
-        int reads = 0;
-        try {
-            while (!testing::exists(stopFile) || reads == 0) {
-                store.load().validate();
-                ++reads;
-            }
-        } catch (...) {
-            _exit(1);
-        }
-        _exit(0);
-    }
+    pid_t reader = spawn([&] {
+        for (int reads = 0; !testing::exists(stopFile) || reads == 0; ++reads) store.load().validate();
+        return 0;
+    });
 
     std::vector<pid_t> writers;
     for (int writer = 0; writer < kWriters; ++writer) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            try {
-                for (int i = 0; i < kUpdatesEach; ++i) {
-                    std::string id = "w" + std::to_string(writer) + "-" + std::to_string(i);
-                    store.update([&](ProfileDocument& document) { document.profiles.push_back(makeProfile(id, id)); });
-                }
-            } catch (...) {
-                _exit(1);
+        writers.push_back(spawn([&] {
+            for (int i = 0; i < kUpdatesEach; ++i) {
+                std::string id = "w" + std::to_string(writer) + "-" + std::to_string(i);
+                addProfile(id, id);
             }
-            _exit(0);
-        }
-        writers.push_back(pid);
+            return 0;
+        }));
     }
     for (pid_t pid : writers) EXPECT_EQ(waitFor(pid), 0);
     testing::writeFile(stopFile, "");
