@@ -31,13 +31,10 @@ TEST(ClaudeCodeParseTest, FieldsOfTheWrongTypeAreAbsent) {
 }
 
 TEST(ClaudeCodeParseTest, UnreadableAnswersGiveNothing) {
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus(R"({"loggedIn": "true"})"), std::nullopt);
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus(R"({"email": "a@b.c"})"), std::nullopt);
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus("} then {"), std::nullopt);
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus("no braces at all"), std::nullopt);
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus(""), std::nullopt);
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus("{\"loggedIn\": true,}"), std::nullopt);
-    EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus("{\"loggedIn\": true} {\"x\": 1}"), std::nullopt);
+    for (const char* text : {R"({"loggedIn": "true"})", R"({"email": "a@b.c"})", "} then {", "no braces at all", "",
+                             R"({"loggedIn": true,})", R"({"loggedIn": true} {"x": 1})"}) {
+        EXPECT_EQ(ClaudeCodeAdapter::parseAuthStatus(text), std::nullopt) << text;
+    }
 }
 
 // A temporary home with a fake `claude` on the context's PATH that records its arguments and
@@ -107,6 +104,11 @@ TEST_F(ClaudeCodeAdapterTest, BinaryIsFoundOnThePathButNotInTheShimFolder) {
     ToolContext shimOnly{paths, {{"HOME", home}, {"PATH", home + "/.veerline/bin"}}};
     EXPECT_FALSE(ClaudeCodeAdapter(shimOnly).isInstalled());
     EXPECT_EQ(ClaudeCodeAdapter(shimOnly).status(managed), ToolStatus::notInstalled());
+    // A prepared folder doesn't change that.
+    adapter().prepare(managed);
+    EXPECT_FALSE(adapter().isInstalled());
+    EXPECT_EQ(adapter().status(managed), ToolStatus::notInstalled());
+    EXPECT_EQ(adapter().status(system), ToolStatus::notInstalled());
 
     installClaude("");
     EXPECT_EQ(adapter().binaryPath(), bin + "/claude");
@@ -165,13 +167,6 @@ TEST_F(ClaudeCodeAdapterTest, StatusThatHangsNeedsAttention) {
     EXPECT_EQ(adapter().status(managed), ToolStatus::needsAttention("`claude auth status` didn't answer in time."));
 }
 
-TEST_F(ClaudeCodeAdapterTest, StatusWithoutTheToolIsNotInstalled) {
-    adapter().prepare(managed);
-    EXPECT_FALSE(adapter().isInstalled());
-    EXPECT_EQ(adapter().status(managed), ToolStatus::notInstalled());
-    EXPECT_EQ(adapter().status(system), ToolStatus::notInstalled());
-}
-
 TEST_F(ClaudeCodeAdapterTest, PrepareMakesAnEmptyPrivateFolder) {
     adapter().prepare(managed);
     EXPECT_TRUE(PathUtil::isDirectory(managedFolder));
@@ -221,15 +216,11 @@ TEST_F(ClaudeCodeAdapterTest, RemoveDataDeletesEvenWhenTheSignOutHangs) {
     EXPECT_FALSE(testing::exists(managedFolder));
 }
 
-TEST_F(ClaudeCodeAdapterTest, RemoveDataWithoutFolderOrToolJustSucceeds) {
+TEST_F(ClaudeCodeAdapterTest, RemoveDataWithoutFolderOrOfASystemProfileRunsNothing) {
     adapter().removeData(managed);
     installClaude("");
     adapter().removeData(managed);
     EXPECT_FALSE(testing::exists(record));  // no folder: no sign-out
-}
-
-TEST_F(ClaudeCodeAdapterTest, RemoveDataNeverTouchesASystemProfile) {
-    installClaude("");
     testing::writeFile(home + "/.claude/settings.json", "{}");
     adapter().removeData(system);
     EXPECT_FALSE(testing::exists(record));

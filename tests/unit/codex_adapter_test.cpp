@@ -3,11 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 #include <gtest/gtest.h>
 
 #include "core/error.h"
+#include "support/folder_entries.h"
 #include "support/test_support.h"
 
 namespace veerline {
@@ -15,33 +14,23 @@ namespace {
 
 using LoginState = CodexAdapter::LoginState;
 
-TEST(CodexParseTest, SignedInLinesGiveTheMethod) {
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Logged in using ChatGPT\n"), LoginState::signedIn("ChatGPT"));
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Logged in using an API key - sk-proj-***ABCD"),
-              LoginState::signedIn("API key"));
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("WARNING: something\n   \tLogged in using ChatGPT  \n"),
-              LoginState::signedIn("ChatGPT"));
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Logged in using  - key"), LoginState::signedIn(""));
-    // Trimming takes the blank that the phrase needs.
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Logged in using "), LoginState::unknown());
-    // Every Unicode line break separates lines.
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("banner\xE2\x80\xA8Logged in using ChatGPT"),
-              LoginState::signedIn("ChatGPT"));
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("banner\r\nLogged in using X\xC2\x85more"), LoginState::signedIn("X"));
-}
-
-TEST(CodexParseTest, FirstDecidingLineWins) {
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Not logged in\n"), LoginState::signedOut());
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Not logged in\nLogged in using ChatGPT"), LoginState::signedOut());
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Logged in using ChatGPT\nNot logged in"),
-              LoginState::signedIn("ChatGPT"));
-}
-
-TEST(CodexParseTest, AnythingElseIsUnknown) {
-    EXPECT_EQ(CodexAdapter::parseLoginStatus(""), LoginState::unknown());
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("\n\n  \n"), LoginState::unknown());
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("Error: something broke"), LoginState::unknown());
-    EXPECT_EQ(CodexAdapter::parseLoginStatus("You are Logged in using ChatGPT"), LoginState::unknown());
+TEST(CodexParseTest, FirstDecidingLineGivesTheState) {
+    const std::vector<std::pair<std::string, LoginState>> cases = {
+        {"Logged in using ChatGPT\n", LoginState::signedIn("ChatGPT")},
+        {"Logged in using an API key - sk-proj-***ABCD", LoginState::signedIn("API key")},
+        {"WARNING: something\n   \tLogged in using ChatGPT  \n", LoginState::signedIn("ChatGPT")},
+        {"Logged in using  - key", LoginState::signedIn("")},
+        // Trimming takes the blank that the phrase needs.
+        {"Logged in using ", LoginState::unknown()},
+        // Every Unicode line break separates lines.
+        {"banner\xE2\x80\xA8Logged in using ChatGPT", LoginState::signedIn("ChatGPT")},
+        {"banner\r\nLogged in using X\xC2\x85more", LoginState::signedIn("X")},
+        {"Not logged in\nLogged in using ChatGPT", LoginState::signedOut()},
+        {"Logged in using ChatGPT\nNot logged in", LoginState::signedIn("ChatGPT")},
+        {"\n\n  \n", LoginState::unknown()},
+        {"Error: something broke", LoginState::unknown()},
+        {"You are Logged in using ChatGPT", LoginState::unknown()}};
+    for (const auto& [text, state] : cases) EXPECT_EQ(CodexAdapter::parseLoginStatus(text), state) << text;
 }
 
 class CodexAdapterTest : public ::testing::Test {
@@ -194,12 +183,7 @@ TEST_F(CodexAdapterTest, PrepareWritesTheStarterConfigOnce) {
     // No temporary files are left beside it.
     testing::removeTree(managedFolder);
     adapter().prepare(managed);
-    std::size_t entries = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(managedFolder)) {
-        (void)entry;
-        ++entries;
-    }
-    EXPECT_EQ(entries, 1u);
+    EXPECT_EQ(testing::entriesOf(managedFolder), std::vector<std::string>{"config.toml"});
 }
 
 TEST_F(CodexAdapterTest, PrepareLeavesAnyExistingConfigUntouched) {

@@ -13,24 +13,26 @@
 namespace veerline {
 namespace {
 
-TEST(ShellQuoteTest, PlainWordsStayUnquoted) {
-    EXPECT_EQ(ShellQuote::quote("abcXYZ019-_./:=@%+,"), "abcXYZ019-_./:=@%+,");
-    EXPECT_EQ(ShellQuote::quote("/Users/ana/Library/Application"), "/Users/ana/Library/Application");
-    // Letters and digits in the Unicode sense, including an accent written as a combining mark.
-    EXPECT_EQ(ShellQuote::quote("Café"), "Café");
-    EXPECT_EQ(ShellQuote::quote("Cafe\xCC\x81"), "Cafe\xCC\x81");
-    EXPECT_EQ(ShellQuote::quote("日本語٣"), "日本語٣");
+template <typename Operation>
+VeerlineError failureOf(Operation operation) {
+    try {
+        operation();
+    } catch (const VeerlineError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "no error";
+    return VeerlineError::io("none");
 }
 
-TEST(ShellQuoteTest, EverythingElseIsSingleQuoted) {
-    EXPECT_EQ(ShellQuote::quote(""), "''");
-    EXPECT_EQ(ShellQuote::quote("Application Support"), "'Application Support'");
-    EXPECT_EQ(ShellQuote::quote("a'b"), "'a'\\''b'");
-    EXPECT_EQ(ShellQuote::quote("$HOME"), "'$HOME'");
-    EXPECT_EQ(ShellQuote::quote("a;b"), "'a;b'");
-    EXPECT_EQ(ShellQuote::quote("~"), "'~'");
-    EXPECT_EQ(ShellQuote::quote("a\nb"), "'a\nb'");
-    EXPECT_EQ(ShellQuote::quote("bad\xFF"), "'bad\xFF'");
+TEST(ShellQuoteTest, PlainWordsStayUnquotedEverythingElseIsSingleQuoted) {
+    // Letters and digits in the Unicode sense, including an accent written as a combining mark.
+    for (const char* plain : {"abcXYZ019-_./:=@%+,", "Café", "Cafe\xCC\x81", "日本語٣"}) {
+        EXPECT_EQ(ShellQuote::quote(plain), plain);
+    }
+    const std::vector<std::pair<std::string, std::string>> quoted = {
+        {"", "''"},        {"Application Support", "'Application Support'"}, {"a'b", "'a'\\''b'"},
+        {"$HOME", "'$HOME'"}, {"a;b", "'a;b'"}, {"~", "'~'"}, {"a\nb", "'a\nb'"}, {"bad\xFF", "'bad\xFF'"}};
+    for (const auto& [text, expected] : quoted) EXPECT_EQ(ShellQuote::quote(text), expected) << text;
 }
 
 TEST(ShellQuoteTest, QuotedTextSurvivesARealShell) {
@@ -125,15 +127,10 @@ TEST_F(ToolAdapterDataTest, ManagedProfileFolderIsCreatedPrivateAndDeleted) {
 
 TEST_F(ToolAdapterDataTest, CreateFailureNamesTheFolder) {
     testing::writeFile(paths.supportDirectory() + "/claude-code", "a file in the way");
-    Profile work = profile("work");
-    try {
-        adapter.createDataDirectory(work);
-        FAIL() << "expected an error";
-    } catch (const VeerlineError& error) {
-        EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
-        EXPECT_EQ(error.errorDescription(),
-                  "Couldn't create " + paths.supportDirectory() + "/claude-code/work: Not a directory");
-    }
+    VeerlineError error = failureOf([&] { adapter.createDataDirectory(profile("work")); });
+    EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
+    EXPECT_EQ(error.errorDescription(),
+              "Couldn't create " + paths.supportDirectory() + "/claude-code/work: Not a directory");
 }
 
 TEST_F(ToolAdapterDataTest, SystemProfileHasNoFolder) {
@@ -148,13 +145,8 @@ TEST_F(ToolAdapterDataTest, SystemProfileHasNoFolder) {
 TEST_F(ToolAdapterDataTest, DeletionOutsideTheSupportFolderIsRefused) {
     std::string outside = paths.home + "/Library/Application Support/precious";
     testing::writeFile(outside + "/keep", "x");
-    Profile escaping = profile("../../precious");
-    try {
-        adapter.deleteDataDirectory(escaping);
-        FAIL() << "expected an error";
-    } catch (const VeerlineError& error) {
-        EXPECT_EQ(error.kind(), VeerlineError::Kind::unsafeDeletion);
-    }
+    EXPECT_EQ(failureOf([&] { adapter.deleteDataDirectory(profile("../../precious")); }).kind(),
+              VeerlineError::Kind::unsafeDeletion);
     EXPECT_TRUE(testing::exists(outside + "/keep"));
 
     // The support folder itself is not "inside" it either.
@@ -172,19 +164,11 @@ TEST_F(ToolAdapterDataTest, DeletingALinkedFolderRemovesOnlyTheLink) {
 }
 
 TEST_F(ToolAdapterDataTest, LaunchIsUnsupportedForCommandLineTools) {
-    try {
-        adapter.launch(profile("work"));
-        FAIL() << "expected an error";
-    } catch (const VeerlineError& error) {
-        EXPECT_EQ(error.kind(), VeerlineError::Kind::unsupported);
-        EXPECT_EQ(error.errorDescription(), "Claude Code runs in your terminal; there's nothing to launch.");
-    }
-    try {
-        CodexAdapter(context).launch(profile("work"));
-        FAIL() << "expected an error";
-    } catch (const VeerlineError& error) {
-        EXPECT_EQ(error.errorDescription(), "Codex runs in your terminal; there's nothing to launch.");
-    }
+    VeerlineError claude = failureOf([&] { adapter.launch(profile("work")); });
+    EXPECT_EQ(claude.kind(), VeerlineError::Kind::unsupported);
+    EXPECT_EQ(claude.errorDescription(), "Claude Code runs in your terminal; there's nothing to launch.");
+    EXPECT_EQ(failureOf([&] { CodexAdapter(context).launch(profile("work")); }).errorDescription(),
+              "Codex runs in your terminal; there's nothing to launch.");
 }
 
 }  // namespace
