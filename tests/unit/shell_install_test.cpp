@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "core/error.h"
 #include "core/shell_integration.h"
 #include "support/folder_entries.h"
@@ -21,11 +23,6 @@ std::string linkText(const std::string& path) {
     char buffer[4096] = {};
     ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer - 1);
     return length < 0 ? std::string() : std::string(buffer, static_cast<std::size_t>(length));
-}
-
-bool isSymlink(const std::string& path) {
-    struct stat info {};
-    return ::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
 }
 
 class ShellInstallTest : public ::testing::Test {
@@ -106,13 +103,13 @@ TEST_F(ShellInstallTest, SymlinkedBashrcKeepsItsLinkAndMode) {
     auto plan = installResolverOnly();
     ASSERT_EQ(plan.size(), 2u);
     EXPECT_EQ(plan[1].path, home + "/.bashrc");
-    EXPECT_TRUE(isSymlink(home + "/.bashrc"));
+    EXPECT_TRUE(std::filesystem::is_symlink(home + "/.bashrc"));
     EXPECT_EQ(testing::readFile(target), "alias ll='ls -l'\n" + ShellIntegration::block());
     EXPECT_EQ(testing::fileMode(target), 0640u);
     EXPECT_EQ(shell.loadState()->files[1].path, home + "/.bashrc");
 
     shell.uninstall();
-    EXPECT_TRUE(isSymlink(home + "/.bashrc"));
+    EXPECT_TRUE(std::filesystem::is_symlink(home + "/.bashrc"));
     EXPECT_EQ(testing::readFile(target), "alias ll='ls -l'\n");
     EXPECT_EQ(testing::fileMode(target), 0640u);
 }
@@ -256,12 +253,10 @@ TEST_F(ShellInstallTest, RecordAppLocation) {
 TEST_F(ShellInstallTest, UnwritableShellFileFailsAndKeepsTheOldFile) {
     const std::string original(200, '#');
     testing::writeFile(zshrc, original + "\n");
-    int pipeFds[2];
-    ASSERT_EQ(::pipe(pipeFds), 0);
+    const std::string reportFile = root / "report";
     pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        ::close(pipeFds[0]);
         ::signal(SIGXFSZ, SIG_IGN);
         rlimit limit{300, 300};
         ::setrlimit(RLIMIT_FSIZE, &limit);
@@ -271,20 +266,13 @@ TEST_F(ShellInstallTest, UnwritableShellFileFailsAndKeepsTheOldFile) {
         } catch (const VeerlineError& error) {
             message = error.what();
         }
-        message += "\n" + std::to_string(::getpid());
-        [[maybe_unused]] auto written = ::write(pipeFds[1], message.data(), message.size());
+        testing::writeFile(reportFile, message + "\n" + std::to_string(::getpid()));
         ::_exit(0);
     }
-    ::close(pipeFds[1]);
-    std::string report;
-    char buffer[512];
-    for (ssize_t count; (count = ::read(pipeFds[0], buffer, sizeof buffer)) > 0;) {
-        report.append(buffer, static_cast<std::size_t>(count));
-    }
-    ::close(pipeFds[0]);
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
+    const std::string report = testing::readFile(reportFile);
 
     auto lineFeed = report.find('\n');
     ASSERT_NE(lineFeed, std::string::npos) << report;

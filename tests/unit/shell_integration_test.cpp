@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <regex>
 #include <thread>
 
 #include "core/error.h"
@@ -39,17 +42,13 @@ protected:
     void SetUp() override { testing::makeDirs(home); }
 };
 
-TEST(ShellBlockTest, BlockIsTheSevenManagedLines) {
-    const std::string expected =
-        "# >>> veerline >>>\n"
-        "# Added by Veerline: puts the claude/codex profile shims first on PATH.\n"
-        "# Remove with `veerline shell uninstall`, or delete this block.\n"
-        "_vl=\"$HOME/.veerline/bin\"; _vlp=\":$PATH:\"\n"
-        "while [ \"${_vlp#*:\"$_vl\":}\" != \"$_vlp\" ]; do _vlp=\"${_vlp%%:\"$_vl\":*}:${_vlp#*:\"$_vl\":}\"; done\n"
-        "_vlp=\"${_vlp#:}\"; _vlp=\"${_vlp%:}\"; export PATH=\"$_vl${_vlp:+:$_vlp}\"; unset _vl _vlp\n"
-        "# <<< veerline <<<\n";
-    EXPECT_EQ(ShellIntegration::block(), expected);
-    EXPECT_EQ(&ShellIntegration::block(), &ShellIntegration::block());
+// The text itself is run in real shells by the end-to-end tests; here only the markers matter,
+// since uninstall finds the block by them.
+TEST(ShellBlockTest, BlockIsSevenLinesBetweenTheMarkers) {
+    const std::string& block = ShellIntegration::block();
+    EXPECT_TRUE(block.starts_with("# >>> veerline >>>\n")) << block;
+    EXPECT_TRUE(block.ends_with("\n# <<< veerline <<<\n")) << block;
+    EXPECT_EQ(std::count(block.begin(), block.end(), '\n'), 7);
 }
 
 TEST(ShellBlockTest, AddingBlock) {
@@ -242,12 +241,8 @@ TEST_F(ShellIntegrationTest, SymlinkLeavesAnEqualLinkAlone) {
     testing::writeFile(home + "/codex", "file");
     shell.symlink(home + "/codex", "../libexec/veerline-resolve");
     shell.symlink(link, "/elsewhere");
-    char buffer[256] = {};
-    ASSERT_GT(::readlink((home + "/codex").c_str(), buffer, sizeof buffer - 1), 0);
-    EXPECT_STREQ(buffer, "../libexec/veerline-resolve");
-    char other[256] = {};
-    ASSERT_GT(::readlink(link.c_str(), other, sizeof other - 1), 0);
-    EXPECT_STREQ(other, "/elsewhere");
+    EXPECT_EQ(std::filesystem::read_symlink(home + "/codex"), "../libexec/veerline-resolve");
+    EXPECT_EQ(std::filesystem::read_symlink(link), "/elsewhere");
 
     EXPECT_EQ(errorOf([&] { shell.symlink(home + "/missing/claude", "x"); }),
               "Couldn't create ~/missing/claude: No such file or directory");
@@ -257,34 +252,12 @@ TEST(ShellHashTest, Sha256AndTimestamp) {
     EXPECT_EQ(ShellIntegration::sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     EXPECT_EQ(ShellIntegration::sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     std::string stamp = ShellIntegration::timestamp();
-    ASSERT_EQ(stamp.size(), 15u);
-    for (std::size_t i = 0; i < stamp.size(); ++i) {
-        if (i == 8) {
-            EXPECT_EQ(stamp[i], '-');
-        } else {
-            EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(stamp[i]))) << stamp;
-        }
-    }
+    EXPECT_TRUE(std::regex_match(stamp, std::regex(R"(\d{8}-\d{6})"))) << stamp;
 }
 
+// The snippets' text is run in real shells and checked by shellcheck in the end-to-end tests.
 TEST(PromptSnippetTest, Snippets) {
-    auto zsh = ShellIntegration::promptSnippet("zsh");
-    ASSERT_TRUE(zsh);
-    EXPECT_EQ(*zsh,
-              "# Veerline: show this folder's profile in your prompt, and export VEERLINE_PROFILE\n"
-              "# for themes. Add to ~/.zshrc after your theme or oh-my-zsh is loaded.\n"
-              "_veerline_update() { export VEERLINE_PROFILE=\"$(\"$HOME/.veerline/libexec/veerline-resolve\" "
-              "--prompt 2>/dev/null)\"; }\n"
-              "autoload -Uz add-zsh-hook && add-zsh-hook chpwd _veerline_update && _veerline_update\n"
-              "setopt PROMPT_SUBST\n"
-              "RPROMPT='${VEERLINE_PROFILE:+[$VEERLINE_PROFILE]}'\"$RPROMPT\"");
-    EXPECT_EQ(ShellIntegration::promptSnippet("oh-my-zsh"), zsh);
-    EXPECT_EQ(ShellIntegration::promptSnippet("bash"),
-              "# Veerline: show this folder's profile in your prompt. Add to ~/.bashrc.\n"
-              "_veerline_update() { export VEERLINE_PROFILE=\"$(\"$HOME/.veerline/libexec/veerline-resolve\" "
-              "--prompt 2>/dev/null)\"; }\n"
-              "PROMPT_COMMAND=\"_veerline_update${PROMPT_COMMAND:+; $PROMPT_COMMAND}\"\n"
-              "PS1='${VEERLINE_PROFILE:+[$VEERLINE_PROFILE] }'\"$PS1\"");
+    EXPECT_EQ(ShellIntegration::promptSnippet("oh-my-zsh"), ShellIntegration::promptSnippet("zsh"));
     auto starship = ShellIntegration::promptSnippet("starship");
     ASSERT_TRUE(starship);
     EXPECT_EQ(starship->find("$HOME"), std::string::npos);
