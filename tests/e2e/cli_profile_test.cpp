@@ -135,10 +135,9 @@ TEST_F(CliProfileTest, DamagedOrNewerProfilesFileIsReportedAndNeverRewritten) {
 
     std::string newer = R"({"version": 2, "profiles": "later", "rules": []})";
     writeFile(profilesFile, newer, 0600);
-    expectFailure({"profile", "add", "Work"}, 1,
-                  "Your profiles were saved by a newer version of Veerline (format 2). Update Veerline to change them.");
-    expectFailure({"rule", "remove", "~/x"}, 1,
-                  "Your profiles were saved by a newer version of Veerline (format 2). Update Veerline to change them.");
+    for (auto args : std::vector<std::vector<std::string>>{{"profile", "add", "Work"}, {"rule", "remove", "~/x"}}) {
+        expectFailure(args, 1, "Your profiles were saved by a newer version of Veerline (format 2). Update Veerline to change them.");
+    }
 }
 
 TEST_F(CliProfileTest, RenameAndSetFindProfilesByNameOrID) {
@@ -234,8 +233,7 @@ TEST_F(CliProfileTest, TerminalDefault) {
     EXPECT_EQ(set.out, "The terminal default is now \u201CWork\u201D.\n");
     EXPECT_EQ(cli({"default"}).out, "Work\n");
 
-    RunResult both = cli({"default", "Work", "--clear"});
-    EXPECT_EQ(both.exitCode, 2);
+    EXPECT_EQ(cli({"default", "Work", "--clear"}).exitCode, 2);
     EXPECT_TRUE(stored().contains("cliDefault"));
 
     ASSERT_EQ(cli({"default", "--clear"}).exitCode, 0);

@@ -275,10 +275,7 @@ TEST(ReadReferenceTest, FirstMeaningfulLineAfterEveryKindOfLineBreak) {
     EXPECT_EQ(read("\t  My  Work \t\n"), "My  Work");
     EXPECT_EQ(read("\n\n  #Work\n\u00A0Work\n"), "\u00A0Work");  // only spaces and tabs are trimmed
     EXPECT_EQ(read("Caf\u00E9"), "Caf\u00E9");
-    EXPECT_EQ(read(""), std::nullopt);
-    EXPECT_EQ(read("#Work\n \t \n"), std::nullopt);
-    EXPECT_EQ(read("Wo\xFFrk\n"), std::nullopt);
-
+    for (const char* nothing : {"", "#Work\n \t \n", "Wo\xFFrk\n"}) EXPECT_EQ(read(nothing), std::nullopt) << nothing;
     EXPECT_EQ(RuleResolver::readReference(dir / "missing"), std::nullopt);
     EXPECT_EQ(RuleResolver::readReference(dir.path()), std::nullopt);
 }
