@@ -93,12 +93,6 @@ protected:
     }
 };
 
-TEST_F(ClaudeCodeAdapterTest, EnvironmentPointsAManagedProfileAtItsFolder) {
-    EXPECT_EQ(adapter().environment(managed), (Environment{{"CLAUDE_CONFIG_DIR", managedFolder}}));
-    EXPECT_EQ(adapter().environment(system), Environment{});
-    EXPECT_EQ(adapter().kind(), ToolKind::claudeCode);
-}
-
 TEST_F(ClaudeCodeAdapterTest, BinaryIsFoundOnThePathButNotInTheShimFolder) {
     testing::writeFile(home + "/.veerline/bin/claude", "#!/bin/sh\n", 0755);
     ToolContext shimOnly{paths, {{"HOME", home}, {"PATH", home + "/.veerline/bin"}}};
@@ -167,18 +161,14 @@ TEST_F(ClaudeCodeAdapterTest, StatusThatHangsNeedsAttention) {
     EXPECT_EQ(adapter().status(managed), ToolStatus::needsAttention("`claude auth status` didn't answer in time."));
 }
 
-TEST_F(ClaudeCodeAdapterTest, PrepareMakesAnEmptyPrivateFolder) {
-    adapter().prepare(managed);
-    EXPECT_TRUE(PathUtil::isDirectory(managedFolder));
+TEST_F(ClaudeCodeAdapterTest, PrepareAndSignInCommands) {
+    // Not installed: the private folder is still made, but there is no command.
+    EXPECT_EQ(adapter().setUp(managed), std::nullopt);
     EXPECT_EQ(testing::fileMode(managedFolder), 0700u);
     adapter().prepare(system);
     EXPECT_FALSE(testing::exists(paths.supportDirectory() + "/claude-code/home"));
-}
-
-TEST_F(ClaudeCodeAdapterTest, SignInCommands) {
-    // Not installed: the folder is still made, but there is no command.
-    EXPECT_EQ(adapter().setUp(managed), std::nullopt);
-    EXPECT_TRUE(PathUtil::isDirectory(managedFolder));
+    EXPECT_EQ(adapter().environment(managed), (Environment{{"CLAUDE_CONFIG_DIR", managedFolder}}));
+    EXPECT_EQ(adapter().environment(system), Environment{});
 
     installClaude("");
     auto forManaged = adapter().setUp(managed);
