@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "core/error.h"
+#include "support/failure.h"
 #include "support/test_support.h"
 
 namespace veerline {
@@ -44,16 +45,7 @@ int waitFor(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-template <typename Operation>
-VeerlineError failureOf(Operation operation) {
-    try {
-        operation();
-    } catch (const VeerlineError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no error";
-    return VeerlineError::io("none");
-}
+using testing::failureOf;
 
 Profile makeProfile(const std::string& id, const std::string& name) {
     return Profile(ProfileID(id), name, ProfileColor::blue);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "core/error.h"
+#include "support/failure.h"
 #include "support/folder_entries.h"
 #include "support/test_support.h"
 
@@ -22,15 +23,12 @@ namespace {
 using testing::entriesOf;
 using testing::TempDir;
 
+// The message of the io error an operation throws.
 template <typename Operation>
 std::string errorOf(Operation operation) {
-    try {
-        operation();
-    } catch (const VeerlineError& error) {
-        EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
-        return error.what();
-    }
-    return "(no error)";
+    VeerlineError error = testing::failureOf(operation);
+    EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
+    return error.what();
 }
 
 class ShellIntegrationTest : public ::testing::Test {

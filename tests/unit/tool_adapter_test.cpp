@@ -8,21 +8,13 @@
 #include "core/codex_adapter.h"
 #include "core/error.h"
 #include "core/shell_quote.h"
+#include "support/failure.h"
 #include "support/test_support.h"
 
 namespace veerline {
 namespace {
 
-template <typename Operation>
-VeerlineError failureOf(Operation operation) {
-    try {
-        operation();
-    } catch (const VeerlineError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no error";
-    return VeerlineError::io("none");
-}
+using testing::failureOf;
 
 TEST(ShellQuoteTest, PlainWordsStayUnquotedEverythingElseIsSingleQuoted) {
     // Letters and digits in the Unicode sense, including an accent written as a combining mark.
