@@ -6,9 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <iostream>
-#include <memory>
 
 #include "cli/cli.h"
 #include "cli/output.h"
@@ -34,13 +32,7 @@ Context Context::current() {
 }
 
 std::string Context::workingDirectory() const {
-    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
-    std::string cwd = buffer ? buffer.get() : "/";
-    if (const std::string* pwd = lookup(environment, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
-        auto realPWD = PathUtil::realPath(*pwd);
-        if (realPWD && realPWD == PathUtil::realPath(cwd)) return PathUtil::normalize(*pwd);
-    }
-    return cwd;
+    return logicalWorkingDirectory(environment);
 }
 
 void onSelected(CLI::App* command, Action& chosen, Action action) {

@@ -119,6 +119,17 @@ bool isDirectory(const std::string& path) noexcept {
 
 }  // namespace PathUtil
 
+std::string logicalWorkingDirectory(const Environment& environment) {
+    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
+    std::string cwd = buffer ? buffer.get() : "/";
+    if (auto pwd = lookup(environment, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
+        // getcwd already answers with the real path, so only PWD needs resolving.
+        auto realCwd = cwd.starts_with("/") ? std::optional<std::string>(cwd) : PathUtil::realPath(cwd);
+        if (PathUtil::realPath(*pwd) == realCwd) return *pwd;
+    }
+    return cwd;
+}
+
 Paths::Paths(const std::string& homeFolder, std::string applicationsFolder)
     : home(PathUtil::normalize(homeFolder)), applicationsDirectory(std::move(applicationsFolder)) {}
 

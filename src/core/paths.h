@@ -24,6 +24,10 @@ bool isDirectory(const std::string& path) noexcept;
 
 }  // namespace PathUtil
 
+// The working folder as the user sees it: PWD when it names the same folder as getcwd, which keeps
+// the symbolic links the user went through; otherwise getcwd's answer, or "/" when there is none.
+std::string logicalWorkingDirectory(const Environment& environment);
+
 // The current user's folders and every per-user location derived from them.
 struct Paths {
     std::string home;

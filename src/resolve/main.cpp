@@ -75,26 +75,14 @@ struct Run {
         : argv(std::move(arguments)), invokedAs(lastComponent(argv[0])), env(std::move(environment)),
           paths(Paths::forCurrentUser(env)) {}
 
-    // The logical working folder: PWD when it names the same place as getcwd, which keeps the
-    // user's path through symbolic links. Worked out once per run.
+    // Worked out once per run.
     const std::string& workingDirectory() const {
-        if (!workingDirectory_) workingDirectory_ = findWorkingDirectory();
+        if (!workingDirectory_) workingDirectory_ = logicalWorkingDirectory(env);
         return *workingDirectory_;
     }
 
 private:
     mutable std::optional<std::string> workingDirectory_;
-
-    std::string findWorkingDirectory() const {
-        char buffer[1025];
-        std::string cwd = ::getcwd(buffer, sizeof buffer) != nullptr ? buffer : "/";
-        if (auto pwd = lookup(env, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
-            // getcwd already answers with the real path, so only PWD needs resolving.
-            auto realCwd = cwd.starts_with("/") ? std::optional<std::string>(cwd) : PathUtil::realPath(cwd);
-            if (PathUtil::realPath(*pwd) == realCwd) return *pwd;
-        }
-        return cwd;
-    }
 };
 
 // Prints the working folder's profile name, or nothing; never fails, so a prompt never breaks.
