@@ -39,11 +39,13 @@ constexpr const char* kUsage =
     std::exit(code);
 }
 
+// The last non-empty component of a path split at "/"; empty when there is none.
 std::string lastComponent(const std::string& path) {
     auto end = path.find_last_not_of('/');
     if (end == std::string::npos) return "";
-    auto slash = path.rfind('/', end);
-    return path.substr(slash == std::string::npos ? 0 : slash + 1, end - (slash == std::string::npos ? 0 : slash + 1) + 1);
+    auto start = path.rfind('/', end);
+    start = start == std::string::npos ? 0 : start + 1;
+    return path.substr(start, end + 1 - start);
 }
 
 // An optional sign, then ASCII digits only, within the signed 64-bit range; anything else is 0.
