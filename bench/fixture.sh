@@ -1,7 +1,14 @@
 # shellcheck shell=bash
-# shellcheck disable=SC2088,SC2154 # rules keep a literal "~"; runs and build_dir come from the caller
-# Sourced by the benchmarks: a HOME with 8 profiles, 30 folder rules, a working folder ten levels
-# deep and a .veerline dotfile three levels above it.
+# shellcheck disable=SC2088,SC2034 # rules keep a literal "~"; the variables below are the caller's
+# Sourced by the benchmarks. Sets build_dir (BUILD_DIR, default build-bench), resolve, runs (RUNS,
+# default 1000) and work, a scratch folder removed on exit; make_fixture builds a HOME with 8
+# profiles, 30 folder rules, a working folder ten levels deep and a .veerline dotfile three levels
+# above it.
+build_dir=$(cd "${BUILD_DIR:-build-bench}" && pwd)
+resolve=$build_dir/veerline-resolve
+runs=${RUNS:-1000}
+work=$(mktemp -d "${TMPDIR:-/tmp}/veerline-bench.XXXXXX")
+trap 'rm -rf "$work"' EXIT
 #   make_fixture HOME   sets $deep to the working folder
 make_fixture() {
   local home=$1

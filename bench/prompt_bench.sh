@@ -4,11 +4,6 @@
 # process start. Prints both times and their ratio.
 set -euo pipefail
 
-build_dir=$(cd "${BUILD_DIR:-build-bench}" && pwd)
-resolve=$build_dir/veerline-resolve
-runs=${RUNS:-1000}
-work=$(mktemp -d "${TMPDIR:-/tmp}/veerline-bench.XXXXXX")
-trap 'rm -rf "$work"' EXIT
 # shellcheck source=bench/fixture.sh
 source "$(dirname "$0")/fixture.sh"
 

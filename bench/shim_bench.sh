@@ -5,11 +5,6 @@
 # shim's added time as a multiple of the floor's added time (goal: at most 1.5).
 set -euo pipefail
 
-build_dir=$(cd "${BUILD_DIR:-build-bench}" && pwd)
-resolve=$build_dir/veerline-resolve
-runs=${RUNS:-1000}
-work=$(mktemp -d "${TMPDIR:-/tmp}/veerline-bench.XXXXXX")
-trap 'rm -rf "$work"' EXIT
 # shellcheck source=bench/fixture.sh
 source "$(dirname "$0")/fixture.sh"
 
