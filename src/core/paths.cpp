@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -16,9 +17,28 @@ namespace veerline {
 
 namespace PathUtil {
 
-std::string normalize(const std::string& path, const std::optional<std::string>& base) {
-    std::string full = path;
-    if (full.empty() || full.front() != '/') full = base.value_or("/") + "/" + full;
+namespace {
+
+// Absolute, without empty, "." or ".." components and without a final "/": what normalize
+// would give back unchanged. Most paths already are (rules, PATH entries, the working folder).
+bool isNormalized(std::string_view path) {
+    if (path.empty() || path.front() != '/') return false;
+    if (path.size() == 1) return true;
+    if (path.back() == '/') return false;
+    for (std::size_t slash = 0; slash != std::string_view::npos; slash = path.find('/', slash + 1)) {
+        std::size_t start = slash + 1;
+        std::size_t end = std::min(path.find('/', start), path.size());
+        std::string_view piece = path.substr(start, end - start);
+        if (piece.empty() || piece == "." || piece == "..") return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string normalize(std::string path, const std::optional<std::string>& base) {
+    if (isNormalized(path)) return path;
+    std::string full = !path.empty() && path.front() == '/' ? std::move(path) : base.value_or("/") + "/" + path;
 
     std::vector<std::string_view> kept;
     std::string_view rest(full);
@@ -50,13 +70,7 @@ std::string parent(const std::string& path) {
 }
 
 std::optional<std::string> realPath(const std::string& path) noexcept {
-    std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
-    if (!resolved) return std::nullopt;
-    try {
-        return std::string(resolved.get());
-    } catch (...) {
-        return std::nullopt;
-    }
+    return platform::realPath(path);
 }
 
 std::string expandTilde(const std::string& path, const std::string& home) {
@@ -119,15 +133,21 @@ bool isDirectory(const std::string& path) noexcept {
 
 }  // namespace PathUtil
 
+std::optional<FileIdentity> FileIdentity::of(const std::string& path) noexcept {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return FileIdentity{static_cast<unsigned long long>(info.st_dev), static_cast<unsigned long long>(info.st_ino)};
+}
+
 std::string logicalWorkingDirectory(const Environment& environment) {
-    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
-    std::string cwd = buffer ? buffer.get() : "/";
     if (auto pwd = lookup(environment, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
-        // getcwd already answers with the real path, so only PWD needs resolving.
-        auto realCwd = cwd.starts_with("/") ? std::optional<std::string>(cwd) : PathUtil::realPath(cwd);
-        if (PathUtil::realPath(*pwd) == realCwd) return *pwd;
+        // Two names of one folder lead to the same inode: the shells' own test, and cheaper than
+        // resolving both names component by component.
+        auto named = FileIdentity::of(*pwd);
+        if (named && named == FileIdentity::of(".")) return *pwd;
     }
-    return cwd;
+    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
+    return buffer ? buffer.get() : "/";
 }
 
 Paths::Paths(const std::string& homeFolder, std::string applicationsFolder)

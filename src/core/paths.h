@@ -11,7 +11,7 @@ namespace veerline {
 // Operations on absolute, "/"-separated path strings. None of them fails.
 namespace PathUtil {
 
-std::string normalize(const std::string& path, const std::optional<std::string>& base = std::nullopt);
+std::string normalize(std::string path, const std::optional<std::string>& base = std::nullopt);
 std::string parent(const std::string& path);
 std::optional<std::string> realPath(const std::string& path) noexcept;
 std::string expandTilde(const std::string& path, const std::string& home);
@@ -23,6 +23,17 @@ bool isRegularFile(const std::string& path) noexcept;
 bool isDirectory(const std::string& path) noexcept;
 
 }  // namespace PathUtil
+
+// Which file a path leads to (links followed): two paths name the same file exactly when their
+// identities are equal.
+struct FileIdentity {
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+
+    static std::optional<FileIdentity> of(const std::string& path) noexcept;
+
+    bool operator==(const FileIdentity&) const = default;
+};
 
 // The working folder as the user sees it: PWD when it names the same folder as getcwd, which keeps
 // the symbolic links the user went through; otherwise getcwd's answer, or "/" when there is none.

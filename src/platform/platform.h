@@ -12,6 +12,10 @@ namespace veerline::platform {
 // Full path of the running executable, or nothing when the system won't say.
 std::optional<std::string> executablePath() noexcept;
 
+// The path with every symbolic link, "." and ".." resolved, as realpath(3) gives it; nothing when
+// the path does not exist or cannot be reached.
+std::optional<std::string> realPath(const std::string& path) noexcept;
+
 // Whether names in the folder (or file) at `path` compare case-sensitively; nothing when the
 // path cannot be asked (for example because it does not exist).
 std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept;

@@ -20,6 +20,19 @@ std::optional<std::string> executablePath() noexcept {
     return std::string(buffer);
 }
 
+std::optional<std::string> realPath(const std::string& path) noexcept {
+    char* resolved = ::realpath(path.c_str(), nullptr);
+    if (resolved == nullptr) return std::nullopt;
+    try {
+        std::string result(resolved);
+        std::free(resolved);
+        return result;
+    } catch (...) {
+        std::free(resolved);
+        return std::nullopt;
+    }
+}
+
 std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept {
     errno = 0;
     long answer = pathconf(path.c_str(), _PC_CASE_SENSITIVE);

@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
+#include <memory>
 #include <unordered_map>
 
 #ifndef FS_CASEFOLD_FL
@@ -37,39 +39,84 @@ bool isCaseInsensitiveFileSystem(long type) {
     }
 }
 
+// A symbolic link's target; nothing when it cannot be read.
+std::optional<std::string> readLink(const std::string& path) {
+    // Most targets are short; a small first buffer spares the resolver a fresh page.
+    std::string buffer(256, '\0');
+    while (buffer.size() <= PATH_MAX * 4) {
+        ssize_t length = readlink(path.c_str(), buffer.data(), buffer.size());
+        if (length <= 0) return std::nullopt;
+        if (static_cast<std::size_t>(length) < buffer.size()) {
+            buffer.resize(static_cast<std::size_t>(length));
+            return buffer;
+        }
+        buffer.resize(buffer.size() * 4);
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<std::string> executablePath() noexcept {
     try {
-        std::string buffer(4096, '\0');
-        ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
-        if (length <= 0 || static_cast<size_t>(length) >= buffer.size()) return std::nullopt;
-        buffer.resize(static_cast<size_t>(length));
-        return buffer;
+        return readLink("/proc/self/exe");
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+std::optional<std::string> realPath(const std::string& path) noexcept {
+    try {
+        // glibc's realpath reads every component as a link; asking the kernel which file an
+        // O_PATH descriptor names costs three system calls however deep the path is.
+        int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
+        if (fd >= 0) {
+            std::optional<std::string> result;
+            try {
+                result = readLink("/proc/self/fd/" + std::to_string(fd));
+            } catch (...) {
+            }
+            close(fd);
+            // Without /proc, or for a file deleted meanwhile (" (deleted)"), ask realpath.
+            if (result && result->starts_with('/') && !result->ends_with(" (deleted)")) return result;
+        } else if (errno == ENOENT || errno == ENOTDIR) {
+            return std::nullopt;
+        }
+        std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
+        if (!resolved) return std::nullopt;
+        return std::string(resolved.get());
     } catch (...) {
         return std::nullopt;
     }
 }
 
 std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept {
-    struct statfs fs {};
-    if (statfs(path.c_str(), &fs) != 0) return std::nullopt;
-    if (isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type))) return false;
-
-    // ext4 and f2fs can fold case per folder; a file takes the answer of its folder.
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0) return std::nullopt;
-    std::string folder = path;
-    if (!S_ISDIR(st.st_mode)) {
-        auto slash = folder.find_last_of('/');
-        folder = (slash == std::string::npos || slash == 0) ? "/" : folder.substr(0, slash);
+    try {
+        // ext4 and f2fs can fold case per folder; a file takes the answer of its folder.
+        int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0 && errno == ENOTDIR) {
+            auto slash = path.find_last_of('/');
+            std::string folder = (slash == std::string::npos || slash == 0) ? "/" : path.substr(0, slash);
+            fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+        }
+        struct statfs fs {};
+        if (fd < 0) {
+            // An unreadable folder: only the file system can still tell.
+            if (statfs(path.c_str(), &fs) != 0) return std::nullopt;
+            return !isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type));
+        }
+        bool sensitive = true;
+        if (fstatfs(fd, &fs) == 0 && isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type))) {
+            sensitive = false;
+        } else {
+            int flags = 0;
+            sensitive = !(ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_CASEFOLD_FL) != 0);
+        }
+        close(fd);
+        return sensitive;
+    } catch (...) {
+        return true;
     }
-    int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return true;
-    int flags = 0;
-    bool folded = ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_CASEFOLD_FL) != 0;
-    close(fd);
-    return !folded;
 }
 
 std::uint32_t secureRandomBelow(std::uint32_t bound) noexcept {

@@ -17,6 +17,12 @@ TEST(PathUtilTest, NormalizeResolvesDotsAndSlashes) {
     EXPECT_EQ(PathUtil::normalize("x", std::string("y")), "/y/x");
     EXPECT_EQ(PathUtil::normalize("/a/.../b"), "/a/.../b");
     EXPECT_EQ(PathUtil::normalize("~/a"), "/~/a");  // no tilde expansion here
+    // Names that only look like "." and ".." are kept; the real ones go wherever they stand.
+    EXPECT_EQ(PathUtil::normalize("/.a/..b/c."), "/.a/..b/c.");
+    EXPECT_EQ(PathUtil::normalize("/a/b/."), "/a/b");
+    EXPECT_EQ(PathUtil::normalize("/a/b/.."), "/a");
+    EXPECT_EQ(PathUtil::normalize("/./a"), "/a");
+    EXPECT_EQ(PathUtil::normalize("/a/b/c"), "/a/b/c");
 }
 
 TEST(PathUtilTest, ParentAndComponents) {
@@ -67,10 +73,30 @@ TEST(PathUtilTest, FileTestsFollowLinks) {
     EXPECT_FALSE(PathUtil::realPath(dir / "missing").has_value());
 }
 
+TEST(PathUtilTest, RealPathAndIdentityOfFoldersBehindLinks) {
+    TempDir dir;
+    testing::makeDirs(dir / "real/inner");
+    testing::writeFile(dir / "real/inner/file", "x");
+    testing::makeSymlink("real", dir / "relative");
+    testing::makeSymlink(dir / "relative/inner", dir / "chained");
+    EXPECT_EQ(PathUtil::realPath(dir / "chained"), dir / "real/inner");
+    EXPECT_EQ(PathUtil::realPath(dir / "chained/file"), dir / "real/inner/file");
+    EXPECT_EQ(PathUtil::realPath(dir / "chained/../inner"), dir / "real/inner");  // ".." after the link
+    EXPECT_FALSE(PathUtil::realPath(dir / "real/inner/file/below").has_value());
+
+    auto identity = FileIdentity::of(dir / "real/inner");
+    ASSERT_TRUE(identity.has_value());
+    EXPECT_EQ(FileIdentity::of(dir / "chained"), identity);
+    EXPECT_NE(FileIdentity::of(dir / "real"), identity);
+    EXPECT_FALSE(FileIdentity::of(dir / "missing").has_value());
+}
+
 TEST(PathUtilTest, CaseSensitivityOfMissingPathAnswersForNearestAncestor) {
     TempDir dir;
     bool existing = PathUtil::isCaseSensitiveVolume(dir.path());
     EXPECT_EQ(PathUtil::isCaseSensitiveVolume(dir / "no/such/folder"), existing);
+    testing::writeFile(dir / "file", "x");
+    EXPECT_EQ(PathUtil::isCaseSensitiveVolume(dir / "file"), existing);  // a file answers for its folder
     // The usual Linux temp folder (ext4, tmpfs, overlay) compares names by case.
     EXPECT_TRUE(PathUtil::isCaseSensitiveVolume("/proc/self"));
 }
