@@ -4,6 +4,25 @@
 
 namespace veerline {
 
+namespace {
+
+// The identities of the folders of both lists, each distinct spelling looked up once (the shim's
+// own folder is often listed twice); folders that do not exist have none.
+std::vector<FileIdentity> identitiesOf(const std::vector<std::string>& first, const std::vector<std::string>& second) {
+    std::vector<std::string_view> asked;
+    std::vector<FileIdentity> identities;
+    for (const std::vector<std::string>* list : {&first, &second}) {
+        for (const std::string& folder : *list) {
+            if (std::find(asked.begin(), asked.end(), folder) != asked.end()) continue;
+            asked.push_back(folder);
+            if (auto identity = FileIdentity::of(folder)) identities.push_back(*identity);
+        }
+    }
+    return identities;
+}
+
+}  // namespace
+
 BinaryLocator::BinaryLocator(const Environment& environment, const Paths& paths)
     : searchPath(lookup(environment, "PATH") ? *lookup(environment, "PATH")
                                              : "/usr/bin:/bin:/usr/sbin:/sbin"),
@@ -19,15 +38,17 @@ std::optional<std::string> BinaryLocator::findIncludingExcluded(const std::strin
 
 std::optional<std::string> BinaryLocator::search(const std::string& name,
                                                  const std::vector<std::string>& excluded) const {
-    // Each excluded folder as written (normalised) and as it really is on disk, so that a link
-    // to the shim folder or another spelling of it is skipped too.
+    // Each excluded folder as written (normalised), and the folder it really is on disk, so that
+    // a link to the shim folder or another spelling of it is skipped too. Folders on disk are
+    // compared by device and inode, looked up only once a candidate turns up.
     std::vector<std::string> skip;
-    for (const auto& folder : excluded) {
-        skip.push_back(PathUtil::normalize(folder));
-        if (auto real = PathUtil::realPath(folder)) skip.push_back(std::move(*real));
-    }
-    auto skipped = [&skip](const std::string& folder) {
-        return std::find(skip.begin(), skip.end(), folder) != skip.end();
+    for (const auto& folder : excluded) skip.push_back(PathUtil::normalize(folder));
+    std::optional<std::vector<FileIdentity>> skipIdentities;
+    auto identityExcluded = [&](const std::string& folder) {
+        if (!skipIdentities) skipIdentities = identitiesOf(excluded, skip);
+        auto identity = FileIdentity::of(folder);
+        return identity &&
+               std::find(skipIdentities->begin(), skipIdentities->end(), *identity) != skipIdentities->end();
     };
 
     std::string_view rest(searchPath);
@@ -38,12 +59,11 @@ std::optional<std::string> BinaryLocator::search(const std::string& name,
         if (entry.empty() || entry.front() != '/') continue;
 
         std::string folder = PathUtil::normalize(entry);
-        if (skipped(folder)) continue;
-        if (!skip.empty()) {
-            if (auto real = PathUtil::realPath(entry); real && skipped(*real)) continue;
-        }
+        if (std::find(skip.begin(), skip.end(), folder) != skip.end()) continue;
         std::string candidate = folder == "/" ? "/" + name : folder + "/" + name;
-        if (PathUtil::isExecutableFile(candidate)) return candidate;
+        if (!PathUtil::isExecutableFile(candidate)) continue;
+        if (!excluded.empty() && identityExcluded(entry)) continue;
+        return candidate;
     }
     return std::nullopt;
 }
