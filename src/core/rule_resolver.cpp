@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <memory>
 #include <string_view>
-#include <unordered_map>
 
 #include "core/file_io.h"
 #include "core/paths.h"
@@ -63,33 +66,79 @@ private:
     const std::vector<std::string>* keys_;
 };
 
-// Real paths of normalised paths for the length of one resolution. Rules mostly share leading
-// folders (the home folder above all), so each folder is looked at once: one lstat per new
-// folder instead of a readlink per component of every path. Symbolic links are left to the
-// system's realpath.
+// The real path of `path` when it names the working folder (nearly always, in the shim): the
+// kernel keeps that one, so it costs a call or three instead of resolving the path.
+std::optional<std::string> realWorkingFolder(const std::string& path) {
+    std::unique_ptr<char, decltype(&std::free)> cwd(::getcwd(nullptr, 0), &std::free);
+    if (!cwd || cwd.get()[0] != '/') return std::nullopt;
+    if (path != cwd.get()) {
+        auto identity = FileIdentity::of(path);
+        if (!identity || identity != FileIdentity::of(".")) return std::nullopt;
+    }
+    return std::string(cwd.get());
+}
+
+// Real paths of normalised paths for the length of one resolution. The target's real path is
+// asked of the system in one go; every folder on it is real itself, so the rules' folders above
+// the target cost nothing more. Other folders are looked at once each (rules mostly share leading
+// folders): one lstat per new folder instead of a readlink per component of every path.
+// Symbolic links are left to the system's realpath.
 class RealPaths {
 public:
+    std::optional<std::string> ofTarget(const std::string& path) {
+        realTarget_ = realWorkingFolder(path);
+        if (!realTarget_) realTarget_ = PathUtil::realPath(path);
+        if (realTarget_ != path) memo_.emplace(path, realTarget_);
+        return realTarget_;
+    }
+
     std::optional<std::string> of(const std::string& path) {
-        if (path == "/") return path;
+        if (path == "/" || onRealTarget(path)) return path;
         auto known = memo_.find(path);
         if (known != memo_.end()) return known->second;
 
         std::optional<std::string> real;
         std::size_t slash = path.rfind('/');
         if (std::optional<std::string> parent = of(slash == 0 ? std::string("/") : path.substr(0, slash))) {
-            std::string candidate = *parent == "/" ? std::string() : std::move(*parent);
-            candidate.append(path, slash, std::string::npos);
             struct stat info {};
-            if (::lstat(candidate.c_str(), &info) == 0) {
+            if (lookUp(*parent, path.c_str() + slash + 1, info)) {
+                std::string candidate = *parent == "/" ? std::string() : std::move(*parent);
+                candidate.append(path, slash, std::string::npos);
                 real = S_ISLNK(info.st_mode) ? PathUtil::realPath(candidate) : std::move(candidate);
             }
         }
-        memo_.emplace(path, real);
-        return real;
+        return memo_.emplace(path, std::move(real)).first->second;
     }
 
 private:
-    std::unordered_map<std::string, std::optional<std::string>> memo_;
+    // lstat of `name` inside the real folder `folder`. Rules often sit side by side in one folder;
+    // from the second neighbour on, the lookup goes through an open descriptor of that folder,
+    // which spares the kernel walking the whole path again each time.
+    bool lookUp(const std::string& folder, const char* name, struct stat& info) {
+        if (folder == lastFolder_ && !lastFolderOpened_) {
+            lastFolderOpened_ = true;
+            lastFolderFD_ = FileDescriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        } else if (folder != lastFolder_) {
+            lastFolder_ = folder;
+            lastFolderOpened_ = false;
+            lastFolderFD_ = FileDescriptor();
+        }
+        if (lastFolderFD_) return ::fstatat(lastFolderFD_.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0;
+        std::string full = folder == "/" ? std::string() : folder;
+        full.append(1, '/').append(name);
+        return ::lstat(full.c_str(), &info) == 0;
+    }
+
+    bool onRealTarget(const std::string& path) const {
+        return realTarget_ && realTarget_->starts_with(path) &&
+               (realTarget_->size() == path.size() || (*realTarget_)[path.size()] == '/');
+    }
+
+    std::optional<std::string> realTarget_;
+    std::map<std::string, std::optional<std::string>> memo_;
+    std::string lastFolder_;
+    bool lastFolderOpened_ = false;
+    FileDescriptor lastFolderFD_;
 };
 
 std::optional<Profile> copyOf(const Profile* profile) {
@@ -109,7 +158,7 @@ RuleResolver::RuleResolver(ProfileDocument profiles, std::string homeFolder, Cas
 Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd) const noexcept {
     std::string normalized = PathUtil::normalize(PathUtil::expandTilde(path, home), cwd);
     RealPaths realPaths;
-    std::optional<std::string> real = realPaths.of(normalized);
+    std::optional<std::string> real = realPaths.ofTarget(normalized);
     const std::string& volumePath = real ? *real : normalized;
     const bool caseSensitive =
         caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
@@ -128,13 +177,16 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
         if (!document.profile(rule.profileID)) continue;
         std::string folder = PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), home));
         std::optional<std::string> realFolder = realPaths.of(folder);
-        std::vector<std::string> forms =
-            realFolder ? unique({folder, std::move(*realFolder)}) : std::vector<std::string>{std::move(folder)};
-        const ComparisonKeys formKeys(forms, caseSensitive);
-        for (std::size_t i = 0; i < forms.size(); ++i) {
-            if (!anyInside(targetKeys.get(), formKeys.get()[i])) continue;
-            std::size_t depth = PathUtil::componentCount(forms[i]);
-            if (!best || best->depth < depth) best = Best{&rule, forms, depth};
+        const std::string* forms[2] = {&folder, realFolder && *realFolder != folder ? &*realFolder : nullptr};
+        for (const std::string* form : forms) {
+            if (form == nullptr) continue;
+            if (!anyInside(targetKeys.get(), caseSensitive ? *form : unicode::lowercased(*form))) continue;
+            std::size_t depth = PathUtil::componentCount(*form);
+            if (!best || best->depth < depth) {
+                std::vector<std::string> bestForms{folder};
+                if (forms[1] != nullptr) bestForms.push_back(*forms[1]);
+                best = Best{&rule, std::move(bestForms), depth};
+            }
         }
     }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <ostream>
 
 #include "core/paths.h"
@@ -143,6 +144,44 @@ TEST_F(RuleResolverTest, RealFormsThroughChainedRelativeAndDanglingLinks) {
     document.rules = {FolderRule{root / "a/file/sub", ProfileID("personal")}};
     EXPECT_EQ(resolve(root / "a/file/sub/x").profile, personal);
     EXPECT_EQ(resolve(root / "chain/file/sub").profile, std::nullopt);
+}
+
+TEST_F(RuleResolverTest, RulesSideBySideAreEachLookedAt) {
+    // Many rules in one folder: a plain folder, a missing one, a link into the target's
+    // ancestors, a dangling link. Only the link can match, through its real form.
+    std::string target = root / "volumes/deep/project/src";
+    makeDirs(target);
+    makeDirs(home + "/teams/plain");
+    makeSymlink(root / "volumes/deep", home + "/teams/linked");
+    makeSymlink(root / "nowhere", home + "/teams/dangling");
+    addRule("~/teams/plain", "personal");
+    addRule("~/teams/missing", "personal");
+    addRule("~/teams/dangling", "personal");
+    addRule("~/teams/linked/**", "client");
+    addRule("~/teams/other", "personal");
+    EXPECT_EQ(resolve(target), (Resolution{client, Source::folderRule(document.rules[3]), {}}));
+    EXPECT_EQ(resolve(home + "/teams/plain/x").profile, personal);
+    EXPECT_EQ(resolve(root / "volumes").profile, std::nullopt);
+}
+
+TEST_F(RuleResolverTest, WorkingFolderReachedThroughALink) {
+    std::string real = root / "volumes/work/app";
+    makeDirs(real);
+    makeSymlink(root / "volumes/work", home + "/w");
+    addRule(root / "volumes/work", "work");
+    addRule("~/w/app/**", "client");
+
+    // Resolving the working folder itself, by either of its names.
+    struct WorkingFolder {
+        std::string previous = std::filesystem::current_path().string();
+        explicit WorkingFolder(const std::string& folder) { std::filesystem::current_path(folder); }
+        ~WorkingFolder() { std::filesystem::current_path(previous); }
+    } inside(real);
+    EXPECT_EQ(resolve(home + "/w/app").profile, client);
+    EXPECT_EQ(resolve(real).profile, client);
+    EXPECT_EQ(resolve(".", caseSensitive, real).profile, client);
+    // Another folder still resolves by its own real path.
+    EXPECT_EQ(resolve(home + "/w").profile, work);
 }
 
 TEST_F(RuleResolverTest, DotfileWinsOnlyStrictlyInsideTheRuleFolder) {
