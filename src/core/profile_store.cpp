@@ -12,6 +12,7 @@
 
 #include "core/error.h"
 #include "core/file_io.h"
+#include "core/quick_document_decoder.h"
 #include "platform/platform.h"
 
 namespace veerline {
@@ -71,15 +72,12 @@ ProfileDocument ProfileStore::load() const {
         throw ioErrorFromErrno("read " + path, errno);
     }
     std::string bytes;
-    struct stat info {};
-    if (::fstat(file.get(), &info) == 0 && info.st_size > 0) {
-        bytes.reserve(static_cast<std::size_t>(info.st_size));
-    }
     if (int error = readAll(file.get(), bytes); error != 0) throw ioErrorFromErrno("read " + path, error);
     return decode(bytes);
 }
 
 ProfileDocument ProfileStore::decode(std::string_view bytes) const {
+    if (std::optional<ProfileDocument> document = decodeDocumentQuickly(bytes)) return std::move(*document);
     auto root = nlohmann::json::parse(bytes.begin(), bytes.end(), nullptr, false);
     try {
         // Text that is not JSON is parsed again only to describe where it goes wrong.
