@@ -42,15 +42,23 @@ int writeAll(int fd, std::string_view bytes) noexcept {
 }
 
 int readAll(int fd, std::string& out, std::size_t limit) {
-    char buffer[65536];
+    // Reads straight into the string: a large buffer on the stack would cost fresh stack pages
+    // in the short-lived resolver.
     while (out.size() < limit) {
-        ssize_t count = ::read(fd, buffer, std::min(sizeof buffer, limit - out.size()));
+        const std::size_t used = out.size();
+        if (out.capacity() == used || out.capacity() < 4096) {
+            out.reserve(std::min(limit, std::max<std::size_t>(2 * out.capacity(), 4096)));
+        }
+        const std::size_t room = std::min(out.capacity(), limit) - used;
+        out.resize(used + room);
+        ssize_t count = ::read(fd, out.data() + used, room);
+        int error = errno;
+        out.resize(used + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
         if (count < 0) {
-            if (errno == EINTR) continue;
-            return errno;
+            if (error == EINTR) continue;
+            return error;
         }
         if (count == 0) break;
-        out.append(buffer, static_cast<std::size_t>(count));
     }
     return 0;
 }

@@ -12,8 +12,10 @@ namespace veerline::ShimPlan {
 
 namespace {
 
-std::unique_ptr<ToolAdapter> adapterFor(ToolKind kind, const Paths& paths, const Environment& environment) {
-    ToolContext context{paths, environment};
+// The profile's variables and its data folder depend on the paths alone; the adapter gets no
+// copy of the environment, which only its status commands would use.
+std::unique_ptr<ToolAdapter> adapterFor(ToolKind kind, const Paths& paths) {
+    ToolContext context{paths, {}};
     if (kind == ToolKind::claudeCode) return std::make_unique<ClaudeCodeAdapter>(std::move(context));
     if (kind == ToolKind::codex) return std::make_unique<CodexAdapter>(std::move(context));
     return nullptr;
@@ -35,10 +37,13 @@ std::set<std::string> splitManaged(const std::string* value) {
 }  // namespace
 
 Environment Changes::applied(const Environment& environment) const {
-    Environment result = environment;
-    for (const auto& name : unset) result.erase(name);
-    for (const auto& [name, value] : set) result[name] = value;
-    return result;
+    return applied(Environment(environment));
+}
+
+Environment Changes::applied(Environment&& environment) const {
+    for (const auto& name : unset) environment.erase(name);
+    for (const auto& [name, value] : set) environment[name] = value;
+    return std::move(environment);
 }
 
 std::optional<ToolKind> tool(std::string_view commandName) noexcept {
@@ -58,18 +63,18 @@ std::vector<std::string> variables(ToolKind kind) {
 }
 
 Changes changes(const std::string& toolName, const Environment& environment, const std::string& cwd,
-                const ProfileDocument& document, const Paths& paths) noexcept {
+                ProfileDocument document, const Paths& paths) noexcept {
     try {
         auto kind = tool(toolName);
         if (!kind) return {};
         const std::vector<std::string> toolVariables = variables(*kind);
         const std::set<std::string> managed = splitManaged(lookup(environment, std::string(markerVariable)));
 
-        Resolution resolution = RuleResolver(document, paths.home).resolve(cwd, cwd);
+        Resolution resolution = RuleResolver(std::move(document), paths.home).resolve(cwd, cwd);
         Environment profileEnvironment;
         bool applies = false;
         if (resolution.profile && resolution.profile->uses(*kind)) {
-            profileEnvironment = adapterFor(*kind, paths, environment)->environment(*resolution.profile);
+            profileEnvironment = adapterFor(*kind, paths)->environment(*resolution.profile);
             applies = true;
         }
 
@@ -121,12 +126,12 @@ Changes changes(const std::string& toolName, const Environment& environment, con
 }
 
 void prepare(const Changes& changes, const std::string& toolName, const Paths& paths,
-             const Environment& environment) noexcept {
+             const Environment& /*environment: preparing needs none of it*/) noexcept {
     try {
         if (!changes.prepare) return;
         auto kind = tool(toolName);
         if (!kind) return;
-        auto adapter = adapterFor(*kind, paths, environment);
+        auto adapter = adapterFor(*kind, paths);
         if (auto folder = adapter->dataDirectory(*changes.prepare); folder && PathUtil::isDirectory(*folder)) {
             if (*kind == ToolKind::claudeCode) return;
             if (PathUtil::isRegularFile(*folder + "/config.toml")) return;

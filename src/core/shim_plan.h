@@ -33,6 +33,7 @@ struct Changes {
         : set(std::move(toSet)), unset(std::move(toUnset)), profile(std::move(profileName)) {}
 
     Environment applied(const Environment& environment) const;
+    Environment applied(Environment&& environment) const;
 
     bool operator==(const Changes&) const = default;
 };
@@ -41,8 +42,9 @@ struct Changes {
 std::optional<ToolKind> tool(std::string_view commandName) noexcept;
 std::vector<std::string> variables(ToolKind tool);
 
+// Takes the document by value: the shim hands over the one it loaded instead of copying it.
 Changes changes(const std::string& toolName, const Environment& environment, const std::string& cwd,
-                const ProfileDocument& document, const Paths& paths) noexcept;
+                ProfileDocument document, const Paths& paths) noexcept;
 
 // Makes a missing data folder ready; failures are swallowed, the tool reports its own.
 void prepare(const Changes& changes, const std::string& toolName, const Paths& paths,

@@ -100,7 +100,7 @@ private:
     std::exit(0);
 }
 
-[[noreturn]] void shimMode(const Run& run) {
+[[noreturn]] void shimMode(Run& run) {
     std::int64_t depth = 0;
     if (auto value = lookup(run.env, "VEERLINE_SHIM_DEPTH")) depth = parseDepth(*value);
     if (depth > kDepthLimit) {
@@ -122,13 +122,14 @@ private:
         fail("couldn't find the real `" + run.invokedAs + "` on your PATH. Is it installed?", 127);
     }
 
-    Environment newEnv = run.env;
+    std::optional<ShimPlan::Changes> changes;
     if (std::optional<ProfileDocument> document = loadDocument(run.env, run.paths)) {
-        ShimPlan::Changes changes =
-            ShimPlan::changes(run.invokedAs, run.env, run.workingDirectory(), *document, run.paths);
-        ShimPlan::prepare(changes, run.invokedAs, run.paths, run.env);
-        newEnv = changes.applied(run.env);
+        changes = ShimPlan::changes(run.invokedAs, run.env, run.workingDirectory(), std::move(*document),
+                                    run.paths);
+        ShimPlan::prepare(*changes, run.invokedAs, run.paths, run.env);
     }
+    // The run's own environment is not needed any more: the child's is made from it in place.
+    Environment newEnv = changes ? changes->applied(std::move(run.env)) : std::move(run.env);
     newEnv["VEERLINE_SHIM_DEPTH"] = std::to_string(depth + 1);
 
     // The strings live until execve; if it fails the process exits straight after.
@@ -138,11 +139,17 @@ private:
     std::vector<char*> cArgs;
     for (auto& arg : argStrings) cArgs.push_back(arg.data());
     cArgs.push_back(nullptr);
-    std::vector<std::string> envStrings;
-    envStrings.reserve(newEnv.size());
-    for (const auto& [name, value] : newEnv) envStrings.push_back(name + "=" + value);
+    // Every "name=value" entry in one block, each ended by a zero byte.
+    std::size_t blockSize = 0;
+    for (const auto& [name, value] : newEnv) blockSize += name.size() + value.size() + 2;
+    std::string envBlock;
+    envBlock.reserve(blockSize);
     std::vector<char*> cEnv;
-    for (auto& entry : envStrings) cEnv.push_back(entry.data());
+    cEnv.reserve(newEnv.size() + 1);
+    for (const auto& [name, value] : newEnv) {
+        cEnv.push_back(envBlock.data() + envBlock.size());
+        envBlock.append(name).append(1, '=').append(value).append(1, '\0');
+    }
     cEnv.push_back(nullptr);
 
     ::execve(found->c_str(), cArgs.data(), cEnv.data());
