@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 
 #include "core/error.h"
 #include "core/file_io.h"
@@ -51,11 +49,11 @@ void createFileAtomically(const std::string& target, std::string_view content) {
     if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw ioErrorFromErrno("write " + target, errno);
 }
 
+// Read through a plain descriptor: streams would pull the locale machinery into the shim.
 std::optional<std::string> readHint(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad() || !unicode::isValidUTF8(text)) return std::nullopt;
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    std::string text;
+    if (!file || readAll(file.get(), text) != 0 || !unicode::isValidUTF8(text)) return std::nullopt;
     return text;
 }
 
