@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -13,6 +15,7 @@
 #include "core/file_io.h"
 #include "core/paths.h"
 #include "core/unicode.h"
+#include "platform/platform.h"
 
 namespace veerline {
 
@@ -46,26 +49,6 @@ std::string_view trimSpacesAndTabs(std::string_view line) {
     return line.substr(first, line.find_last_not_of(" \t") - first + 1);
 }
 
-// Case-insensitive volumes compare lower-cased paths. Folding each path once up front keeps the
-// comparisons themselves free of allocations; on case-sensitive volumes nothing is copied.
-class ComparisonKeys {
-public:
-    ComparisonKeys(const std::vector<std::string>& paths, bool caseSensitive) : keys_(&paths) {
-        if (caseSensitive) return;
-        folded_.reserve(paths.size());
-        for (const auto& path : paths) folded_.push_back(unicode::lowercased(path));
-        keys_ = &folded_;
-    }
-    ComparisonKeys(const ComparisonKeys&) = delete;
-    ComparisonKeys& operator=(const ComparisonKeys&) = delete;
-
-    const std::vector<std::string>& get() const { return *keys_; }
-
-private:
-    std::vector<std::string> folded_;
-    const std::vector<std::string>* keys_;
-};
-
 // The real path of `path` when it names the working folder (nearly always, in the shim): the
 // kernel keeps that one, so it costs a call or three instead of resolving the path.
 std::optional<std::string> realWorkingFolder(const std::string& path) {
@@ -78,55 +61,116 @@ std::optional<std::string> realWorkingFolder(const std::string& path) {
     return std::string(cwd.get());
 }
 
+std::string join(std::string_view folder, std::string_view name) {
+    std::string path;
+    path.reserve(folder.size() + 1 + name.size());
+    if (folder != "/") path.append(folder);
+    return path.append(1, '/').append(name);
+}
+
 // Real paths of normalised paths for the length of one resolution. The target's real path is
 // asked of the system in one go; every folder on it is real itself, so the rules' folders above
 // the target cost nothing more. Other folders are looked at once each (rules mostly share leading
-// folders): one lstat per new folder instead of a readlink per component of every path.
-// Symbolic links are left to the system's realpath.
+// folders): one lstat per name instead of a readlink per component of every path, and a folder
+// holding many rule folders is listed once instead. Symbolic links are left to realpath.
 class RealPaths {
 public:
     std::optional<std::string> ofTarget(const std::string& path) {
         realTarget_ = realWorkingFolder(path);
         if (!realTarget_) realTarget_ = PathUtil::realPath(path);
-        if (realTarget_ != path) memo_.emplace(path, realTarget_);
         return realTarget_;
     }
 
-    std::optional<std::string> of(const std::string& path) {
-        if (path == "/" || onRealTarget(path)) return path;
-        auto known = memo_.find(path);
-        if (known != memo_.end()) return known->second;
-
-        std::optional<std::string> real;
-        std::size_t slash = path.rfind('/');
-        if (std::optional<std::string> parent = of(slash == 0 ? std::string("/") : path.substr(0, slash))) {
-            struct stat info {};
-            if (lookUp(*parent, path.c_str() + slash + 1, info)) {
-                std::string candidate = *parent == "/" ? std::string() : std::move(*parent);
-                candidate.append(path, slash, std::string::npos);
-                real = S_ISLNK(info.st_mode) ? PathUtil::realPath(candidate) : std::move(candidate);
-            }
+    // Rules are about to ask after these folders; where many sit in one folder, that folder is
+    // worth listing.
+    void expect(const std::vector<std::string>& paths) {
+        std::vector<std::string_view> parents;
+        parents.reserve(paths.size());
+        for (const auto& path : paths) {
+            std::size_t slash = path.rfind('/');
+            if (slash != std::string::npos && slash > 0) parents.emplace_back(path.data(), slash);
         }
-        return memo_.emplace(path, std::move(real)).first->second;
+        std::sort(parents.begin(), parents.end());
+        for (auto run = parents.begin(); run != parents.end();) {
+            auto next = std::find_if(run, parents.end(), [&](std::string_view other) { return other != *run; });
+            if (next - run >= listingPaysFrom) entry(*run).list = true;
+            run = next;
+        }
+    }
+
+    // The real path of the normalised path `path`: `path` itself when no link is on the way,
+    // nothing when it does not exist. The view lives as long as `path` and this object.
+    std::optional<std::string_view> of(const std::string& path) {
+        if (path == "/" || onRealTarget(path)) return std::string_view(path);
+        std::size_t slash = path.rfind('/');
+        std::string_view parentPath = slash == 0 ? std::string_view("/") : std::string_view(path.data(), slash);
+        Folder& parent = folder(parentPath);
+        if (!parent.real) return std::nullopt;
+        std::string_view name = std::string_view(path).substr(slash + 1);
+        switch (kindOf(parent, name)) {
+            case Kind::other:
+                if (*parent.real == parentPath) return std::string_view(path);
+                return kept_.emplace_back(join(*parent.real, name));
+            case Kind::link:
+                if (auto real = PathUtil::realPath(join(*parent.real, name))) return kept_.emplace_back(std::move(*real));
+                return std::nullopt;
+            default:
+                return std::nullopt;
+        }
     }
 
 private:
-    // lstat of `name` inside the real folder `folder`. Rules often sit side by side in one folder;
-    // from the second neighbour on, the lookup goes through an open descriptor of that folder,
-    // which spares the kernel walking the whole path again each time.
-    bool lookUp(const std::string& folder, const char* name, struct stat& info) {
-        if (folder == lastFolder_ && !lastFolderOpened_) {
-            lastFolderOpened_ = true;
-            lastFolderFD_ = FileDescriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        } else if (folder != lastFolder_) {
-            lastFolder_ = folder;
-            lastFolderOpened_ = false;
-            lastFolderFD_ = FileDescriptor();
+    using Kind = platform::FolderListing::Kind;
+
+    // Listing a folder costs about four calls more than looking up one name in it.
+    static constexpr std::ptrdiff_t listingPaysFrom = 6;
+
+    struct Folder {
+        bool known = false;  // `real` is worked out
+        std::optional<std::string> real;
+        bool list = false;
+        unsigned lookups = 0;
+        bool opened = false;
+        FileDescriptor fd;
+        std::optional<platform::FolderListing> listing;
+    };
+
+    Folder& entry(std::string_view path) {
+        auto found = folders_.find(path);
+        if (found == folders_.end()) found = folders_.emplace(std::string(path), Folder{}).first;
+        return found->second;
+    }
+
+    Folder& folder(std::string_view path) {
+        auto found = folders_.find(path);
+        if (found == folders_.end()) found = folders_.emplace(std::string(path), Folder{}).first;
+        Folder& result = found->second;
+        if (!result.known) {
+            result.known = true;
+            if (auto real = of(found->first)) result.real = std::string(*real);
         }
-        if (lastFolderFD_) return ::fstatat(lastFolderFD_.get(), name, &info, AT_SYMLINK_NOFOLLOW) == 0;
-        std::string full = folder == "/" ? std::string() : folder;
-        full.append(1, '/').append(name);
-        return ::lstat(full.c_str(), &info) == 0;
+        return result;
+    }
+
+    // What `name` is inside the existing folder. From the second neighbour on, names are looked up
+    // through an open descriptor of the folder, which spares the kernel walking the whole path
+    // again each time; a folder expected to hold many is listed instead.
+    Kind kindOf(Folder& folder, std::string_view name) {
+        if (folder.list || folder.lookups++ > 0) {
+            if (!folder.opened) {
+                folder.opened = true;
+                folder.fd = FileDescriptor(::open(folder.real->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+                if (folder.fd && folder.list) folder.listing = platform::listFolder(folder.fd.get());
+            }
+            if (folder.listing) {
+                if (Kind kind = folder.listing->find(name); kind != Kind::unknown) return kind;
+            }
+        }
+        struct stat info {};
+        bool found = folder.fd ? ::fstatat(folder.fd.get(), std::string(name).c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0
+                               : ::lstat(join(*folder.real, name).c_str(), &info) == 0;
+        if (!found) return Kind::missing;
+        return S_ISLNK(info.st_mode) ? Kind::link : Kind::other;
     }
 
     bool onRealTarget(const std::string& path) const {
@@ -135,19 +179,24 @@ private:
     }
 
     std::optional<std::string> realTarget_;
-    std::map<std::string, std::optional<std::string>> memo_;
-    std::string lastFolder_;
-    bool lastFolderOpened_ = false;
-    FileDescriptor lastFolderFD_;
+    std::map<std::string, Folder, std::less<>> folders_;
+    std::deque<std::string> kept_;
 };
+
+bool isASCII(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+bool insideIgnoringASCIICase(std::string_view path, std::string_view base) {
+    if (base == "/") return true;
+    if (path.size() < base.size() || (path.size() > base.size() && path[base.size()] != '/')) return false;
+    return std::equal(base.begin(), base.end(), path.begin(), [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+    });
+}
 
 std::optional<Profile> copyOf(const Profile* profile) {
     return profile != nullptr ? std::optional<Profile>(*profile) : std::nullopt;
-}
-
-bool anyInside(const std::vector<std::string>& paths, const std::string& base) {
-    return std::any_of(paths.begin(), paths.end(),
-                       [&](const std::string& path) { return PathUtil::isSameOrInside(path, base, true); });
 }
 
 }  // namespace
@@ -159,13 +208,36 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     std::string normalized = PathUtil::normalize(PathUtil::expandTilde(path, home), cwd);
     RealPaths realPaths;
     std::optional<std::string> real = realPaths.ofTarget(normalized);
-    const std::string& volumePath = real ? *real : normalized;
-    const bool caseSensitive =
-        caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
+
+    // The volume is asked only when an answer depends on it: a path inside another as written is
+    // inside it either way, and plain ASCII paths that differ beyond letter case differ either way.
+    std::optional<bool> caseSensitiveVolume;
+    auto inside = [&](const std::string& candidate, const std::string& base) {
+        if (PathUtil::isSameOrInside(candidate, base, true)) return true;
+        bool ascii = isASCII(candidate) && isASCII(base);
+        if (ascii && !insideIgnoringASCIICase(candidate, base)) return false;
+        if (!caseSensitiveVolume) {
+            const std::string& volumePath = real ? *real : normalized;
+            caseSensitiveVolume =
+                caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
+        }
+        if (*caseSensitiveVolume) return false;
+        return ascii || PathUtil::isSameOrInside(candidate, base, false);
+    };
 
     std::size_t firstReal = real ? (*real == normalized ? 0 : 1) : 1;
     std::vector<std::string> targets = real ? unique({normalized, *real}) : std::vector<std::string>{normalized};
-    const ComparisonKeys targetKeys(targets, caseSensitive);
+
+    std::vector<const FolderRule*> rules;
+    std::vector<std::string> folders;
+    rules.reserve(document.rules.size());
+    folders.reserve(document.rules.size());
+    for (const FolderRule& rule : document.rules) {
+        if (!document.profile(rule.profileID)) continue;
+        rules.push_back(&rule);
+        folders.push_back(PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), home)));
+    }
+    realPaths.expect(folders);
 
     struct Best {
         const FolderRule* rule;
@@ -173,20 +245,28 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
         std::size_t depth;
     };
     std::optional<Best> best;
-    for (const FolderRule& rule : document.rules) {
-        if (!document.profile(rule.profileID)) continue;
-        std::string folder = PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), home));
-        std::optional<std::string> realFolder = realPaths.of(folder);
-        const std::string* forms[2] = {&folder, realFolder && *realFolder != folder ? &*realFolder : nullptr};
+    for (std::size_t r = 0; r < rules.size(); ++r) {
+        const std::string& folder = folders[r];
+        std::optional<std::string_view> realFolder = realPaths.of(folder);
+        std::optional<std::string> otherForm;
+        if (realFolder && *realFolder != folder) otherForm.emplace(*realFolder);
+
+        // The deeper of the rule's two forms that holds the target.
+        std::size_t depth = 0;
+        bool matches = false;
+        const std::string* forms[2] = {&folder, otherForm ? &*otherForm : nullptr};
         for (const std::string* form : forms) {
             if (form == nullptr) continue;
-            if (!anyInside(targetKeys.get(), caseSensitive ? *form : unicode::lowercased(*form))) continue;
-            std::size_t depth = PathUtil::componentCount(*form);
-            if (!best || best->depth < depth) {
-                std::vector<std::string> bestForms{folder};
-                if (forms[1] != nullptr) bestForms.push_back(*forms[1]);
-                best = Best{&rule, std::move(bestForms), depth};
+            if (std::none_of(targets.begin(), targets.end(), [&](const std::string& t) { return inside(t, *form); })) {
+                continue;
             }
+            matches = true;
+            depth = std::max(depth, PathUtil::componentCount(*form));
+        }
+        if (matches && (!best || best->depth < depth)) {
+            std::vector<std::string> bestForms{folder};
+            if (otherForm) bestForms.push_back(std::move(*otherForm));
+            best = Best{rules[r], std::move(bestForms), depth};
         }
     }
 
@@ -199,15 +279,12 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
             std::string folder = PathUtil::parent(dotfile->path);
             std::vector<std::string> dotfileForms{folder};
             if (!dotfile->inRealChain) {
-                if (auto realFolder = realPaths.of(folder)) dotfileForms = unique({folder, *realFolder});
+                if (auto realFolder = realPaths.of(folder)) dotfileForms = unique({folder, std::string(*realFolder)});
             }
-            const ComparisonKeys dotfileKeys(dotfileForms, caseSensitive);
-            const ComparisonKeys ruleKeys(best->forms, caseSensitive);
-            for (std::size_t f = 0; f < best->forms.size(); ++f) {
-                std::size_t ruleDepth = PathUtil::componentCount(best->forms[f]);
-                for (std::size_t d = 0; d < dotfileForms.size(); ++d) {
-                    if (PathUtil::isSameOrInside(dotfileKeys.get()[d], ruleKeys.get()[f], true) &&
-                        ruleDepth < PathUtil::componentCount(dotfileForms[d])) {
+            for (const std::string& ruleForm : best->forms) {
+                std::size_t ruleDepth = PathUtil::componentCount(ruleForm);
+                for (const std::string& dotfileForm : dotfileForms) {
+                    if (inside(dotfileForm, ruleForm) && ruleDepth < PathUtil::componentCount(dotfileForm)) {
                         return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
                     }
                 }

@@ -4,8 +4,12 @@
 // Veerline is plain POSIX.
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace veerline::platform {
 
@@ -19,6 +23,27 @@ std::optional<std::string> realPath(const std::string& path) noexcept;
 // Whether names in the folder (or file) at `path` compare case-sensitively; nothing when the
 // path cannot be asked (for example because it does not exist).
 std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept;
+
+// The names in one folder and what kind of file each is, read at once: answers many "is there
+// an X in here" questions for the price of one.
+class FolderListing {
+public:
+    enum class Kind { missing, link, other, unknown };
+
+    FolderListing(std::unique_ptr<char[]> storage, std::vector<std::pair<std::string_view, Kind>> entries);
+
+    // `unknown` when the listing didn't say what kind of file the name is; ask the system then.
+    Kind find(std::string_view name) const;
+
+private:
+    std::unique_ptr<char[]> storage_;
+    std::vector<std::pair<std::string_view, Kind>> entries_;  // sorted by name
+};
+
+// The listing of the open folder `folderFD`; nothing where a missing name could still be found
+// under another spelling (case-folding or normalising file systems, or ones this code doesn't
+// know), or when the folder is too large to be worth reading whole.
+std::optional<FolderListing> listFolder(int folderFD) noexcept;
 
 // A uniformly drawn number in [0, bound) from the system's cryptographically strong source.
 std::uint32_t secureRandomBelow(std::uint32_t bound) noexcept;

@@ -40,6 +40,12 @@ std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept {
     return answer == 1;
 }
 
+std::optional<FolderListing> listFolder(int) noexcept {
+    // APFS and HFS+ find names in any Unicode normalisation, so a name's absence from the
+    // listing proves nothing; callers look names up one by one.
+    return std::nullopt;
+}
+
 std::uint32_t secureRandomBelow(std::uint32_t bound) noexcept {
     return bound <= 1 ? 0 : arc4random_uniform(bound);
 }

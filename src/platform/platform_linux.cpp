@@ -1,5 +1,6 @@
 #include "platform/platform.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
@@ -37,6 +38,26 @@ bool isCaseInsensitiveFileSystem(long type) {
         default:
             return false;
     }
+}
+
+// Whether a name in the open folder `fd` can only ever be found spelled exactly as listed: file
+// systems known to compare names byte for byte, unless the folder folds case.
+bool namesAreExact(int fd) {
+    struct statfs fs {};
+    if (fstatfs(fd, &fs) != 0) return false;
+    switch (static_cast<unsigned long>(fs.f_type)) {
+        case EXT4_SUPER_MAGIC:  // ext2 and ext3 too
+        case F2FS_SUPER_MAGIC:
+        case TMPFS_MAGIC:
+        case BTRFS_SUPER_MAGIC:
+        case XFS_SUPER_MAGIC:
+        case OVERLAYFS_SUPER_MAGIC:
+            break;
+        default:
+            return false;
+    }
+    int flags = 0;
+    return !(ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_CASEFOLD_FL) != 0);
 }
 
 // A symbolic link's target; nothing when it cannot be read.
@@ -85,6 +106,42 @@ std::optional<std::string> realPath(const std::string& path) noexcept {
         std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
         if (!resolved) return std::nullopt;
         return std::string(resolved.get());
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+std::optional<FolderListing> listFolder(int folderFD) noexcept {
+    try {
+        if (!namesAreExact(folderFD)) return std::nullopt;
+        // Room for a couple of hundred names; a larger folder costs more to read whole than its
+        // names cost one by one. Left uninitialised: only the part the kernel fills is touched.
+        constexpr std::size_t capacity = 8192;
+        std::unique_ptr<char[]> storage(new char[capacity]);
+        std::size_t used = 0;
+        for (;;) {
+            ssize_t count = getdents64(folderFD, storage.get() + used, capacity - used);
+            if (count == 0) break;
+            if (count < 0) {
+                if (errno == EINTR) continue;
+                return std::nullopt;  // EINVAL: no room left for the next name
+            }
+            used += static_cast<std::size_t>(count);
+        }
+
+        std::vector<std::pair<std::string_view, FolderListing::Kind>> entries;
+        entries.reserve(used / 24);
+        for (std::size_t offset = 0; offset < used;) {
+            const auto* entry = reinterpret_cast<const struct dirent64*>(storage.get() + offset);
+            offset += entry->d_reclen;
+            std::string_view name(entry->d_name);
+            if (name == "." || name == "..") continue;
+            auto kind = entry->d_type == DT_LNK       ? FolderListing::Kind::link
+                        : entry->d_type == DT_UNKNOWN ? FolderListing::Kind::unknown
+                                                      : FolderListing::Kind::other;
+            entries.emplace_back(name, kind);
+        }
+        return FolderListing(std::move(storage), std::move(entries));
     } catch (...) {
         return std::nullopt;
     }

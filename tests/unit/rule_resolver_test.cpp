@@ -147,8 +147,10 @@ TEST_F(RuleResolverTest, RealFormsThroughChainedRelativeAndDanglingLinks) {
 }
 
 TEST_F(RuleResolverTest, RulesSideBySideAreEachLookedAt) {
-    // Many rules in one folder: a plain folder, a missing one, a link into the target's
-    // ancestors, a dangling link. Only the link can match, through its real form.
+    // Rules in one folder: a plain folder, a missing one, a link into the target's ancestors, a
+    // dangling link, a name in another case. Only the link can match, through its real form. A
+    // few neighbours are looked up one by one, many through one listing of their folder; the
+    // answers must not differ.
     std::string target = root / "volumes/deep/project/src";
     makeDirs(target);
     makeDirs(home + "/teams/plain");
@@ -158,10 +160,15 @@ TEST_F(RuleResolverTest, RulesSideBySideAreEachLookedAt) {
     addRule("~/teams/missing", "personal");
     addRule("~/teams/dangling", "personal");
     addRule("~/teams/linked/**", "client");
-    addRule("~/teams/other", "personal");
-    EXPECT_EQ(resolve(target), (Resolution{client, Source::folderRule(document.rules[3]), {}}));
-    EXPECT_EQ(resolve(home + "/teams/plain/x").profile, personal);
-    EXPECT_EQ(resolve(root / "volumes").profile, std::nullopt);
+    addRule("~/teams/PLAIN", "work");
+    for (int neighbours : {0, 8}) {
+        for (int i = 0; i < neighbours; ++i) addRule("~/teams/more-" + std::to_string(i), "personal");
+        SCOPED_TRACE(std::to_string(neighbours) + " more neighbours");
+        EXPECT_EQ(resolve(target), (Resolution{client, Source::folderRule(document.rules[3]), {}}));
+        EXPECT_EQ(resolve(home + "/teams/plain/x").profile, personal);
+        EXPECT_EQ(resolve(home + "/teams/plain/x", caseInsensitive).profile, personal);  // first of equals
+        EXPECT_EQ(resolve(root / "volumes").profile, std::nullopt);
+    }
 }
 
 TEST_F(RuleResolverTest, WorkingFolderReachedThroughALink) {
@@ -292,6 +299,24 @@ TEST_F(RuleResolverTest, CaseIsIgnoredOnlyWhereTheVolumeSaysSo) {
         return true;
     });
     EXPECT_EQ(asked, std::vector<std::string>{root / "work/x"});
+
+    // Only asked when the answer matters: not for rules that hold the folder as written, nor for
+    // plain ASCII ones that differ beyond case.
+    document.rules = {FolderRule{root / "work", ProfileID("personal")}, FolderRule{root / "wORKS", ProfileID("work")},
+                      FolderRule{"~/elsewhere", ProfileID("work")}};
+    asked.clear();
+    auto counted = [&](const std::string& path) {
+        asked.push_back(path);
+        return false;
+    };
+    EXPECT_EQ(resolve(root / "work/x", counted).profile, personal);
+    EXPECT_TRUE(asked.empty());
+    document.rules.push_back(FolderRule{root / "\u00C4rger", ProfileID("client")});
+    makeDirs(root / "\u00E4rger/x");
+    EXPECT_EQ(resolve(root / "\u00E4rger/x", counted).profile, client);
+    EXPECT_EQ(asked.size(), 1u);
+    EXPECT_EQ(resolve(root / "\u00E4rger/x", caseSensitive).profile, std::nullopt);
+    document.rules = {FolderRule{root / "Work", ProfileID("work")}};
 
     // Without an answer given, the volume decides.
     std::remove((root / "work/.veerline").c_str());
