@@ -23,14 +23,16 @@ make_fixture() {
 
   local support="$home/Library/Application Support/Veerline"
   mkdir -p "$support"
+  # Laid out as Veerline writes the file: two-space indentation, one member per line.
   {
-    printf '{\n  "cliDefault" : "p1",\n  "profiles" : [\n'
+    printf '{\n  "cliDefault": "p1",\n  "profiles": [\n'
     local i sep
     for i in 1 2 3 4 5 6 7 8; do
       if [ "$i" -lt 8 ]; then sep=,; else sep=; fi
-      printf '    { "badge" : "P%d", "color" : "blue", "id" : "p%d", "name" : "Profile %d", "storage" : "managed", "tools" : [ "claude-code", "codex" ] }%s\n' "$i" "$i" "$i" "$sep"
+      printf '    {\n      "badge": "P%d",\n      "color": "blue",\n      "id": "p%d",\n      "name": "Profile %d",\n' "$i" "$i" "$i"
+      printf '      "storage": "managed",\n      "tools": [\n        "claude-code",\n        "codex"\n      ]\n    }%s\n' "$sep"
     done
-    printf '  ],\n  "rules" : [\n'
+    printf '  ],\n  "rules": [\n'
     # Four rules on the way down to the working folder, the rest elsewhere (half of them real).
     local rules=("~/clients/**" "~/clients/acme" "~/clients/acme/repos/platform/**" "/")
     for i in $(seq 1 26); do
@@ -39,9 +41,9 @@ make_fixture() {
     done
     for i in "${!rules[@]}"; do
       if [ "$i" -lt 29 ]; then sep=,; else sep=; fi
-      printf '    { "path" : "%s", "profileID" : "p%d" }%s\n' "${rules[$i]}" $((i % 8 + 1)) "$sep"
+      printf '    {\n      "path": "%s",\n      "profileID": "p%d"\n    }%s\n' "${rules[$i]}" $((i % 8 + 1)) "$sep"
     done
-    printf '  ],\n  "version" : 1\n}\n'
+    printf '  ],\n  "version": 1\n}\n'
   } > "$support/profiles.json"
 }
 
