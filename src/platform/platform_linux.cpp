@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <unordered_map>
 
@@ -114,19 +115,27 @@ std::optional<std::string> realPath(const std::string& path) noexcept {
 std::optional<FolderListing> listFolder(int folderFD) noexcept {
     try {
         if (!namesAreExact(folderFD)) return std::nullopt;
-        // Room for a couple of hundred names; a larger folder costs more to read whole than its
-        // names cost one by one. Left uninitialised: only the part the kernel fills is touched.
-        constexpr std::size_t capacity = 8192;
+        // Most folders fit the first buffer; it grows up to room for a couple of hundred names.
+        // A larger folder costs more to read whole than its names cost one by one. Buffers are
+        // left uninitialised: only the part the kernel fills is touched.
+        constexpr std::size_t largest = 8192;
+        std::size_t capacity = 1024;
         std::unique_ptr<char[]> storage(new char[capacity]);
         std::size_t used = 0;
         for (;;) {
             ssize_t count = getdents64(folderFD, storage.get() + used, capacity - used);
             if (count == 0) break;
-            if (count < 0) {
-                if (errno == EINTR) continue;
-                return std::nullopt;  // EINVAL: no room left for the next name
+            if (count > 0) {
+                used += static_cast<std::size_t>(count);
+                continue;
             }
-            used += static_cast<std::size_t>(count);
+            if (errno == EINTR) continue;
+            // EINVAL: no room left for the next name.
+            if (errno != EINVAL || capacity == largest) return std::nullopt;
+            std::unique_ptr<char[]> larger(new char[capacity * 2]);
+            std::memcpy(larger.get(), storage.get(), used);
+            storage = std::move(larger);
+            capacity *= 2;
         }
 
         std::vector<std::pair<std::string_view, FolderListing::Kind>> entries;

@@ -27,6 +27,8 @@ TEST(FolderListingTest, SaysWhatEachNameIs) {
     testing::writeFile(dir / "file", "x");
     testing::makeSymlink("folder", dir / "link");
     testing::makeSymlink("nowhere", dir / "dangling");
+    // More names than the first buffer holds.
+    for (int i = 0; i < 60; ++i) testing::writeFile(dir / ("filler-" + std::to_string(i)), "");
     auto names = listing(dir.path());
 #ifdef __APPLE__
     EXPECT_FALSE(names.has_value());  // names are found in any normalisation there
@@ -36,6 +38,8 @@ TEST(FolderListingTest, SaysWhatEachNameIs) {
     EXPECT_EQ(names->find("file"), Kind::other);
     EXPECT_EQ(names->find("link"), Kind::link);
     EXPECT_EQ(names->find("dangling"), Kind::link);
+    EXPECT_EQ(names->find("filler-0"), Kind::other);
+    EXPECT_EQ(names->find("filler-59"), Kind::other);
     EXPECT_EQ(names->find("Folder"), Kind::missing);
     EXPECT_EQ(names->find("fold"), Kind::missing);
     EXPECT_EQ(names->find("."), Kind::missing);
