@@ -77,9 +77,13 @@ class RealPaths {
 public:
     std::optional<std::string> ofTarget(const std::string& path) {
         realTarget_ = realWorkingFolder(path);
+        targetIsWorkingFolder_ = realTarget_.has_value();
         if (!realTarget_) realTarget_ = PathUtil::realPath(path);
         return realTarget_;
     }
+
+    // The process's working folder (its real path) when the target is that folder.
+    const std::string* workingFolder() const { return targetIsWorkingFolder_ ? &*realTarget_ : nullptr; }
 
     // Rules are about to ask after these folders; where many sit in one folder, that folder is
     // worth listing.
@@ -179,6 +183,7 @@ private:
     }
 
     std::optional<std::string> realTarget_;
+    bool targetIsWorkingFolder_ = false;
     std::map<std::string, Folder, std::less<>> folders_;
     std::deque<std::string> kept_;
 };
@@ -271,7 +276,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     }
 
     std::vector<std::string> warnings;
-    if (std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal)) {
+    if (std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal, realPaths.workingFolder())) {
         if (auto named = document.profile(std::string_view(dotfile->reference))) {
             if (!best) return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
 
@@ -308,10 +313,15 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
 }
 
 std::optional<RuleResolver::Dotfile> RuleResolver::nearestDotfile(const std::vector<std::string>& starts,
-                                                                  std::size_t firstReal) const {
+                                                                  std::size_t firstReal,
+                                                                  const std::string* workingFolder) const {
     std::string candidate;
     for (std::size_t i = 0; i < starts.size(); ++i) {
         const std::string& start = starts[i];
+        // From the process's working folder, names relative to it ("../.veerline") spare the
+        // kernel walking the whole path for every folder on the way up.
+        const bool relative = workingFolder != nullptr && start == *workingFolder;
+        std::size_t levels = 0;
         std::size_t length = start.size();
         for (;;) {
             std::string_view folder(start.data(), length);
@@ -323,18 +333,25 @@ std::optional<RuleResolver::Dotfile> RuleResolver::nearestDotfile(const std::vec
                                       });
             if (walked) break;
 
-            candidate.assign(folder == "/" ? std::string_view() : folder);
-            candidate += '/';
+            candidate.clear();
+            if (relative) {
+                for (std::size_t up = 0; up < levels; ++up) candidate += "../";
+            } else {
+                candidate.append(folder == "/" ? std::string_view() : folder).append(1, '/');
+            }
             candidate += dotfileName;
             struct stat info {};
             if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
                 if (auto reference = readReference(candidate)) {
-                    return Dotfile{std::move(candidate), std::move(*reference), i >= firstReal};
+                    std::string path(folder == "/" ? std::string_view() : folder);
+                    path.append(1, '/').append(dotfileName);
+                    return Dotfile{std::move(path), std::move(*reference), i >= firstReal};
                 }
             }
             if (length <= 1) break;
             std::size_t slash = start.rfind('/', length - 1);
             length = slash == 0 || slash == std::string::npos ? 1 : slash;
+            ++levels;
         }
     }
     return std::nullopt;

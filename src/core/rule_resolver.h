@@ -66,7 +66,9 @@ private:
 
     CaseSensitivity caseSensitivity_;
 
-    std::optional<Dotfile> nearestDotfile(const std::vector<std::string>& starts, std::size_t firstReal) const;
+    // `workingFolder`: the process's working folder, when one of the starts is known to be it.
+    std::optional<Dotfile> nearestDotfile(const std::vector<std::string>& starts, std::size_t firstReal,
+                                          const std::string* workingFolder) const;
     static std::vector<std::string> unique(std::vector<std::string> list);
 };
 

@@ -28,6 +28,13 @@ using testing::writeFile;
 using Source = Resolution::Source;
 
 bool caseSensitive(const std::string&) { return true; }
+
+// Runs the enclosing scope in another working folder.
+struct WorkingFolder {
+    std::string previous = std::filesystem::current_path().string();
+    explicit WorkingFolder(const std::string& folder) { std::filesystem::current_path(folder); }
+    ~WorkingFolder() { std::filesystem::current_path(previous); }
+};
 bool caseInsensitive(const std::string&) { return false; }
 
 class RuleResolverTest : public ::testing::Test {
@@ -179,16 +186,27 @@ TEST_F(RuleResolverTest, WorkingFolderReachedThroughALink) {
     addRule("~/w/app/**", "client");
 
     // Resolving the working folder itself, by either of its names.
-    struct WorkingFolder {
-        std::string previous = std::filesystem::current_path().string();
-        explicit WorkingFolder(const std::string& folder) { std::filesystem::current_path(folder); }
-        ~WorkingFolder() { std::filesystem::current_path(previous); }
-    } inside(real);
+    WorkingFolder inside(real);
     EXPECT_EQ(resolve(home + "/w/app").profile, client);
     EXPECT_EQ(resolve(real).profile, client);
     EXPECT_EQ(resolve(".", caseSensitive, real).profile, client);
     // Another folder still resolves by its own real path.
     EXPECT_EQ(resolve(home + "/w").profile, work);
+}
+
+TEST_F(RuleResolverTest, DotfilesFoundWalkingUpFromTheWorkingFolder) {
+    std::string project = root / "volumes/work/app";
+    makeDirs(project + "/deep/er");
+    writeFile(project + "/.veerline", "Client Two\n");
+    {
+        WorkingFolder inside(project + "/deep/er");
+        EXPECT_EQ(resolve(".", caseSensitive, project + "/deep/er"),
+                  (Resolution{client, Source::dotfile(project + "/.veerline"), {}}));
+    }
+    {
+        WorkingFolder inside(project);
+        EXPECT_EQ(resolve(project), (Resolution{client, Source::dotfile(project + "/.veerline"), {}}));
+    }
 }
 
 TEST_F(RuleResolverTest, DotfileWinsOnlyStrictlyInsideTheRuleFolder) {
