@@ -1,6 +1,10 @@
 #include "core/environment.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
+#include <utility>
 
 extern char** environ;
 
@@ -15,6 +19,48 @@ Environment currentEnvironment() {
         environment.emplace(std::string(static_cast<const char*>(*entry), equals), std::string(equals + 1));
     }
     return environment;
+}
+
+Environment currentEnvironment(const std::vector<std::string>& names) {
+    Environment environment;
+    for (const auto& name : names) {
+        if (const char* value = std::getenv(name.c_str())) environment.emplace(name, value);
+    }
+    return environment;
+}
+
+ChildEnvironment::ChildEnvironment(char** source, const std::vector<std::string>& replaced,
+                                   const Environment& added) {
+    std::vector<std::pair<std::string_view, std::size_t>> names;  // each entry's name and place
+    for (std::size_t i = 0; source != nullptr && source[i] != nullptr; ++i) {
+        const char* equals = std::strchr(source[i], '=');
+        if (equals == nullptr) continue;
+        std::string_view name(source[i], static_cast<std::size_t>(equals - source[i]));
+        bool dropped = std::find(replaced.begin(), replaced.end(), name) != replaced.end() ||
+                       std::any_of(added.begin(), added.end(), [&](const auto& entry) { return entry.first == name; });
+        if (dropped) continue;
+        names.emplace_back(name, i);
+    }
+    // Sorted by name, then place: every entry after the first of its name is a repeat.
+    std::vector<std::pair<std::string_view, std::size_t>> sorted = names;
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<bool> repeat(names.empty() ? 0 : names.back().second + 1, false);
+    for (std::size_t k = 1; k < sorted.size(); ++k) {
+        if (sorted[k].first == sorted[k - 1].first) repeat[sorted[k].second] = true;
+    }
+
+    entries_.reserve(names.size() + added.size() + 1);
+    for (const auto& [name, place] : names) {
+        if (!repeat[place]) entries_.push_back(source[place]);
+    }
+    added_.reserve(added.size());
+    for (const auto& [name, value] : added) {
+        std::string& entry = added_.emplace_back();
+        entry.reserve(name.size() + 1 + value.size());
+        entry.append(name).append(1, '=').append(value);
+        entries_.push_back(entry.data());
+    }
+    entries_.push_back(nullptr);
 }
 
 }  // namespace veerline

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/binary_locator.h"
@@ -21,6 +22,8 @@
 #include "core/rule_resolver.h"
 #include "core/shim_plan.h"
 #include "platform/platform.h"
+
+extern char** environ;
 
 using namespace veerline;
 
@@ -67,14 +70,38 @@ std::int64_t parseDepth(const std::string& text) {
     return static_cast<std::int64_t>(magnitude);
 }
 
+// The variables the resolver reads: HOME for the paths, PWD for the working folder,
+// VEERLINE_DISABLE for the profiles file, and in shim mode PATH, the depth, and what the shim
+// plan weighs (its bookkeeping, the tool's own variables and every variable the bookkeeping
+// names). The tool gets the rest of the environment straight from `environ`, uncopied.
+Environment variablesRead(const std::string& invokedAs) {
+    std::vector<std::string> names{"HOME", "PWD", "VEERLINE_DISABLE"};
+    if (invokedAs == kOwnName) return currentEnvironment(names);
+
+    names.insert(names.end(), {"PATH", "VEERLINE_SHIM_DEPTH", std::string(ShimPlan::profileVariable),
+                               std::string(ShimPlan::markerVariable)});
+    if (auto kind = ShimPlan::tool(invokedAs)) {
+        for (auto& name : ShimPlan::variables(*kind)) names.push_back(std::move(name));
+    }
+    if (const char* managed = std::getenv(std::string(ShimPlan::markerVariable).c_str())) {
+        std::string_view rest(managed);
+        while (!rest.empty()) {
+            auto comma = rest.find(',');
+            if (auto name = rest.substr(0, comma); !name.empty()) names.emplace_back(name);
+            rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+        }
+    }
+    return currentEnvironment(names);
+}
+
 struct Run {
     std::vector<std::string> argv;
     std::string invokedAs;
-    Environment env;
+    Environment env;  // the variables the resolver reads, not the whole environment
     Paths paths;
 
-    Run(std::vector<std::string> arguments, Environment environment)
-        : argv(std::move(arguments)), invokedAs(lastComponent(argv[0])), env(std::move(environment)),
+    explicit Run(std::vector<std::string> arguments)
+        : argv(std::move(arguments)), invokedAs(lastComponent(argv[0])), env(variablesRead(invokedAs)),
           paths(Paths::forCurrentUser(env)) {}
 
     // Worked out once per run.
@@ -128,9 +155,15 @@ private:
                                     run.paths);
         ShimPlan::prepare(*changes, run.invokedAs, run.paths, run.env);
     }
-    // The run's own environment is not needed any more: the child's is made from it in place.
-    Environment newEnv = changes ? changes->applied(std::move(run.env)) : std::move(run.env);
-    newEnv["VEERLINE_SHIM_DEPTH"] = std::to_string(depth + 1);
+    // The process's environment with the plan's changes made, and the depth always set.
+    std::vector<std::string> replaced{"VEERLINE_SHIM_DEPTH"};
+    Environment added;
+    if (changes) {
+        replaced.insert(replaced.end(), changes->unset.begin(), changes->unset.end());
+        added = std::move(changes->set);
+    }
+    added["VEERLINE_SHIM_DEPTH"] = std::to_string(depth + 1);
+    ChildEnvironment childEnvironment(environ, replaced, added);
 
     // The strings live until execve; if it fails the process exits straight after.
     std::vector<std::string> argStrings;
@@ -139,20 +172,8 @@ private:
     std::vector<char*> cArgs;
     for (auto& arg : argStrings) cArgs.push_back(arg.data());
     cArgs.push_back(nullptr);
-    // Every "name=value" entry in one block, each ended by a zero byte.
-    std::size_t blockSize = 0;
-    for (const auto& [name, value] : newEnv) blockSize += name.size() + value.size() + 2;
-    std::string envBlock;
-    envBlock.reserve(blockSize);
-    std::vector<char*> cEnv;
-    cEnv.reserve(newEnv.size() + 1);
-    for (const auto& [name, value] : newEnv) {
-        cEnv.push_back(envBlock.data() + envBlock.size());
-        envBlock.append(name).append(1, '=').append(value).append(1, '\0');
-    }
-    cEnv.push_back(nullptr);
 
-    ::execve(found->c_str(), cArgs.data(), cEnv.data());
+    ::execve(found->c_str(), cArgs.data(), childEnvironment.entries());
     fail("couldn't run " + *found + ": " + std::strerror(errno), 126);
 }
 
@@ -160,7 +181,7 @@ private:
 
 int main(int argc, char** argv) {
     if (argc < 1 || argv[0] == nullptr) fail(kUsage, 2);
-    Run run(std::vector<std::string>(argv, argv + argc), currentEnvironment());
+    Run run(std::vector<std::string>(argv, argv + argc));
 
     if (run.invokedAs != kOwnName) shimMode(run);
 

@@ -60,9 +60,12 @@ TEST_F(CliRunTest, EnvPrintsQuotedExportsThatAShellReadsBack) {
     RunResult system = cli({"env", personal});
     EXPECT_EQ(system.out, "export VEERLINE_PROFILE='Bob'\\''s Home'\n");
 
+    RunOptions inHome;
+    inHome.environment = baseEnv();
+    inHome.cwd = home;
     RunResult shell = run("/bin/sh", {"-c", "eval \"$(\"$0\" env \"Bob's home\")\" && printf '%s|' \"$VEERLINE_PROFILE\"",
                                       VEERLINE_CLI_BINARY},
-                          RunOptions{baseEnv(), home, "", std::nullopt});
+                          inHome);
     EXPECT_EQ(shell.out, "Bob's Home|") << shell.err;
 }
 

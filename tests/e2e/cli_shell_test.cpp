@@ -87,8 +87,10 @@ TEST_F(CliShellTest, InstallThenUninstallRestoresTheStartUpFiles) {
                         "new terminal.\n");
 
     // The installed copy can run the same commands (it finds the resolver beside itself).
-    RunResult again = run(home + "/.veerline/bin/veerline", {"shell", "install", "--yes"},
-                          RunOptions{{{"HOME", home}, {"PATH", "/usr/bin:/bin"}}, home, "", std::nullopt});
+    RunOptions inHome;
+    inHome.environment = {{"HOME", home}, {"PATH", "/usr/bin:/bin"}};
+    inHome.cwd = home;
+    RunResult again = run(home + "/.veerline/bin/veerline", {"shell", "install", "--yes"}, inHome);
     ASSERT_EQ(again.exitCode, 0) << again.err;
     EXPECT_NE(again.out.find("Your shell start-up files already hold Veerline's block.\n"), std::string::npos);
 

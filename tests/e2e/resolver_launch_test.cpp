@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "support/test_support.h"
 
 namespace veerline::testing {
@@ -48,17 +50,27 @@ protected:
                   0600);
     }
 
-    FakeToolReport runTool(const std::string& tool, const std::string& cwd,
-                           std::map<std::string, std::string> extraEnv = {}) {
+    std::map<std::string, std::string> baseEnvironment(const std::string& cwd) const {
+        return {{"HOME", home}, {"PATH", shims + ":" + tools + ":/usr/bin:/bin"}, {"PWD", cwd}};
+    }
+
+    RunResult runRaw(const std::string& tool, const std::string& cwd, std::map<std::string, std::string> extraEnv,
+                     std::vector<std::string> rawEntries = {}) {
         RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", shims + ":" + tools + ":/usr/bin:/bin"}, {"PWD", cwd}};
+        options.environment = baseEnvironment(cwd);
         for (auto& [name, value] : extraEnv) options.environment[name] = value;
+        options.rawEntries = std::move(rawEntries);
         options.cwd = cwd;
         options.argv0 = tool;
         auto result = run(shims + "/" + tool, {"--flag"}, options);
         EXPECT_EQ(result.exitCode, 0) << result.err;
         EXPECT_EQ(result.err, "");
-        return parseFakeToolReport(result.out);
+        return result;
+    }
+
+    FakeToolReport runTool(const std::string& tool, const std::string& cwd,
+                           std::map<std::string, std::string> extraEnv = {}) {
+        return parseFakeToolReport(runRaw(tool, cwd, std::move(extraEnv)).out);
     }
 };
 
@@ -141,6 +153,38 @@ TEST_F(ResolverLaunchTest, DisableAndUnreadableProfilesPassTheEnvironmentThrough
     auto corrupt = runTool("claude", home + "/work");
     EXPECT_EQ(corrupt.environment.count("CLAUDE_CONFIG_DIR"), 0u);
     EXPECT_EQ(corrupt.environment.count("VEERLINE_PROFILE"), 0u);
+}
+
+TEST_F(ResolverLaunchTest, EverythingThePlanDoesNotChangeReachesTheTool) {
+    // A variable the bookkeeping names is weighed like the tool's own; others pass untouched.
+    auto report = runTool("claude", home + "/work",
+                          {{"VEERLINE_MANAGED_VARS", "CLAUDE_CONFIG_DIR,EXTRA_TOKEN"},
+                           {"EXTRA_TOKEN", "x"},
+                           {"UNRELATED", "kept"}});
+    auto expected = baseEnvironment(home + "/work");
+    expected.insert({{"CLAUDE_CONFIG_DIR", support + "/claude-code/work"},
+                     {"VEERLINE_MANAGED_VARS", "CLAUDE_CONFIG_DIR,EXTRA_TOKEN"},
+                     {"VEERLINE_PROFILE", "Work"},
+                     {"VEERLINE_SHIM_DEPTH", "1"},
+                     {"EXTRA_TOKEN", "x"},
+                     {"UNRELATED", "kept"}});
+    EXPECT_EQ(report.environment, expected);
+
+    // Repeated names keep their first definition only, as getenv reads them; entries that are
+    // not "NAME=value" are left out.
+    auto raw = runRaw("claude", home + "/work", {},
+                      {"DUP=first", "DUP=second", "NOEQUALS", "VEERLINE_PROFILE=Old", "VEERLINE_PROFILE=Older"});
+    auto lines = [&](const std::string& prefix) {
+        std::vector<std::string> found;
+        std::istringstream text(raw.out);
+        for (std::string line; std::getline(text, line);) {
+            if (line.starts_with(prefix)) found.push_back(line);
+        }
+        return found;
+    };
+    EXPECT_EQ(lines("ENV:DUP"), std::vector<std::string>{"ENV:DUP=first"});
+    EXPECT_EQ(lines("ENV:NOEQUALS"), std::vector<std::string>{});
+    EXPECT_EQ(lines("ENV:VEERLINE_PROFILE"), std::vector<std::string>{"ENV:VEERLINE_PROFILE=Work"});
 }
 
 TEST_F(ResolverLaunchTest, CodexFallsBackToDesktopAppCopy) {

@@ -109,6 +109,7 @@ RunResult run(const std::string& executable, const std::vector<std::string>& arg
     argv.push_back(nullptr);
     std::vector<std::string> envStrings;
     for (const auto& [name, value] : options.environment) envStrings.push_back(name + "=" + value);
+    envStrings.insert(envStrings.end(), options.rawEntries.begin(), options.rawEntries.end());
     std::vector<char*> envp;
     for (auto& e : envStrings) envp.push_back(e.data());
     envp.push_back(nullptr);

@@ -49,6 +49,7 @@ struct RunOptions {
     std::optional<std::string> cwd;
     std::string input;                                // written to standard input, then closed
     std::optional<std::string> argv0;                 // overrides argv[0]
+    std::vector<std::string> rawEntries;              // added to the environment as they are
 };
 
 // Runs `executable` with `arguments` (argv[1...]) and waits for it.
