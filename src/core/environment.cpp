@@ -1,6 +1,7 @@
 #include "core/environment.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -31,27 +32,47 @@ Environment currentEnvironment(const std::vector<std::string>& names) {
 
 ChildEnvironment::ChildEnvironment(char** source, const std::vector<std::string>& replaced,
                                    const Environment& added) {
+    std::vector<std::string_view> dropped(replaced.begin(), replaced.end());
+    for (const auto& entry : added) dropped.emplace_back(entry.first);
+    std::size_t count = 0;
+    while (source != nullptr && source[count] != nullptr) ++count;
+
     std::vector<std::pair<std::string_view, std::size_t>> names;  // each entry's name and place
-    for (std::size_t i = 0; source != nullptr && source[i] != nullptr; ++i) {
+    names.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
         const char* equals = std::strchr(source[i], '=');
         if (equals == nullptr) continue;
         std::string_view name(source[i], static_cast<std::size_t>(equals - source[i]));
-        bool dropped = std::find(replaced.begin(), replaced.end(), name) != replaced.end() ||
-                       std::any_of(added.begin(), added.end(), [&](const auto& entry) { return entry.first == name; });
-        if (dropped) continue;
-        names.emplace_back(name, i);
+        if (std::find(dropped.begin(), dropped.end(), name) == dropped.end()) names.emplace_back(name, i);
     }
-    // Sorted by name, then place: every entry after the first of its name is a repeat.
-    std::vector<std::pair<std::string_view, std::size_t>> sorted = names;
-    std::sort(sorted.begin(), sorted.end());
-    std::vector<bool> repeat(names.empty() ? 0 : names.back().second + 1, false);
-    for (std::size_t k = 1; k < sorted.size(); ++k) {
-        if (sorted[k].first == sorted[k - 1].first) repeat[sorted[k].second] = true;
+    // Repeats are found through a hash of each name: sorting numbers is cheap, and only names
+    // with equal hashes (nearly always true repeats) are compared. The first of a name stays.
+    std::vector<std::pair<std::uint64_t, std::size_t>> hashes;  // (hash, position in `names`)
+    hashes.reserve(names.size());
+    for (std::size_t k = 0; k < names.size(); ++k) {
+        std::uint64_t hash = 14695981039346656037ull;  // FNV-1a
+        for (char c : names[k].first) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+        hashes.emplace_back(hash, k);
+    }
+    std::sort(hashes.begin(), hashes.end());
+    std::vector<bool> repeat(names.size(), false);
+    for (std::size_t run = 0; run < hashes.size();) {
+        std::size_t end = run + 1;
+        while (end < hashes.size() && hashes[end].first == hashes[run].first) ++end;
+        for (std::size_t a = run; a < end; ++a) {
+            for (std::size_t b = run; b < a; ++b) {
+                if (!repeat[hashes[b].second] && names[hashes[a].second].first == names[hashes[b].second].first) {
+                    repeat[hashes[a].second] = true;  // positions sort ascending within a run
+                    break;
+                }
+            }
+        }
+        run = end;
     }
 
     entries_.reserve(names.size() + added.size() + 1);
-    for (const auto& [name, place] : names) {
-        if (!repeat[place]) entries_.push_back(source[place]);
+    for (std::size_t k = 0; k < names.size(); ++k) {
+        if (!repeat[k]) entries_.push_back(source[names[k].second]);
     }
     added_.reserve(added.size());
     for (const auto& [name, value] : added) {

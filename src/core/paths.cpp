@@ -73,10 +73,12 @@ std::optional<std::string> realPath(const std::string& path) noexcept {
     return platform::realPath(path);
 }
 
-std::string expandTilde(const std::string& path, const std::string& home) {
-    if (path == "~") return home;
-    if (path.starts_with("~/")) return home + path.substr(1);
-    return path;
+std::string expandTilde(std::string_view path, const std::string& home) {
+    if (path != "~" && !path.starts_with("~/")) return std::string(path);
+    path.remove_prefix(1);
+    std::string expanded;
+    expanded.reserve(home.size() + path.size());
+    return expanded.append(home).append(path);
 }
 
 std::size_t componentCount(const std::string& path) noexcept {

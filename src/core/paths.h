@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "core/environment.h"
 #include "core/profile.h"
@@ -14,7 +15,7 @@ namespace PathUtil {
 std::string normalize(std::string path, const std::optional<std::string>& base = std::nullopt);
 std::string parent(const std::string& path);
 std::optional<std::string> realPath(const std::string& path) noexcept;
-std::string expandTilde(const std::string& path, const std::string& home);
+std::string expandTilde(std::string_view path, const std::string& home);
 std::size_t componentCount(const std::string& path) noexcept;
 bool isSameOrInside(const std::string& path, const std::string& base, bool caseSensitive);
 bool isCaseSensitiveVolume(const std::string& path) noexcept;

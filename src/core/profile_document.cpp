@@ -188,10 +188,14 @@ std::string position(std::string_view text, std::size_t offset) {
 }  // namespace
 
 std::string FolderRule::folderPath() const {
-    std::string result = path;
-    if (result.ends_with("/**")) result.resize(result.size() - 3);
-    while (result.size() >= 2 && result.back() == '/') result.pop_back();
-    return result.empty() ? "/" : result;
+    return std::string(folderView());
+}
+
+std::string_view FolderRule::folderView() const noexcept {
+    std::string_view result = path;
+    if (result.ends_with("/**")) result.remove_suffix(3);
+    while (result.size() >= 2 && result.back() == '/') result.remove_suffix(1);
+    return result.empty() ? std::string_view("/") : result;
 }
 
 std::string FolderRule::id() const {

@@ -21,6 +21,8 @@ struct FolderRule {
 
     // `path` without a final "/**" and trailing slashes; "/" when nothing is left. "~" stays.
     std::string folderPath() const;
+    // The same without a copy; a view into `path`, or of "/".
+    std::string_view folderView() const noexcept;
     // `folderPath` lower-cased: two rules with the same id are for the same folder.
     std::string id() const;
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -192,12 +191,24 @@ bool isASCII(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-bool insideIgnoringASCIICase(std::string_view path, std::string_view base) {
-    if (base == "/") return true;
-    if (path.size() < base.size() || (path.size() > base.size() && path[base.size()] != '/')) return false;
-    return std::equal(base.begin(), base.end(), path.begin(), [](char a, char b) {
-        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-    });
+// Whether `path` is at or inside `base` when ASCII letter case is ignored, read from the leading
+// bytes: the first plain ASCII difference settles it, and so does reaching the end of `base` over
+// ASCII alone. Other text may change length when lower-cased; only a full comparison tells then.
+enum class Likeness { unrelated, insideIgnoringCase, undecided };
+
+Likeness compareIgnoringASCIICase(std::string_view path, std::string_view base) {
+    auto lower = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c | 0x20 : c; };
+    for (std::size_t i = 0; i < base.size(); ++i) {
+        if (i == path.size()) return isASCII(base.substr(i)) ? Likeness::unrelated : Likeness::undecided;
+        auto p = static_cast<unsigned char>(path[i]);
+        auto b = static_cast<unsigned char>(base[i]);
+        // Equal bytes lower-case alike; a difference at an ASCII byte is a character boundary.
+        if (p == b) continue;
+        if ((p | b) >= 0x80) return Likeness::undecided;
+        if (lower(p) != lower(b)) return Likeness::unrelated;
+    }
+    return path.size() == base.size() || path[base.size()] == '/' ? Likeness::insideIgnoringCase
+                                                                  : Likeness::unrelated;
 }
 
 std::optional<Profile> copyOf(const Profile* profile) {
@@ -219,15 +230,15 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     std::optional<bool> caseSensitiveVolume;
     auto inside = [&](const std::string& candidate, const std::string& base) {
         if (PathUtil::isSameOrInside(candidate, base, true)) return true;
-        bool ascii = isASCII(candidate) && isASCII(base);
-        if (ascii && !insideIgnoringASCIICase(candidate, base)) return false;
+        Likeness likeness = compareIgnoringASCIICase(candidate, base);
+        if (likeness == Likeness::unrelated) return false;
         if (!caseSensitiveVolume) {
             const std::string& volumePath = real ? *real : normalized;
             caseSensitiveVolume =
                 caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
         }
         if (*caseSensitiveVolume) return false;
-        return ascii || PathUtil::isSameOrInside(candidate, base, false);
+        return likeness == Likeness::insideIgnoringCase || PathUtil::isSameOrInside(candidate, base, false);
     };
 
     std::size_t firstReal = real ? (*real == normalized ? 0 : 1) : 1;
@@ -240,7 +251,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     for (const FolderRule& rule : document.rules) {
         if (!document.profile(rule.profileID)) continue;
         rules.push_back(&rule);
-        folders.push_back(PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), home)));
+        folders.push_back(PathUtil::normalize(PathUtil::expandTilde(rule.folderView(), home)));
     }
     realPaths.expect(folders);
 

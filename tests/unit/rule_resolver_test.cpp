@@ -321,7 +321,8 @@ TEST_F(RuleResolverTest, CaseIsIgnoredOnlyWhereTheVolumeSaysSo) {
     // Only asked when the answer matters: not for rules that hold the folder as written, nor for
     // plain ASCII ones that differ beyond case.
     document.rules = {FolderRule{root / "work", ProfileID("personal")}, FolderRule{root / "wORKS", ProfileID("work")},
-                      FolderRule{"~/elsewhere", ProfileID("work")}};
+                      FolderRule{"~/elsewhere", ProfileID("work")}, FolderRule{root / "other/\u00C4rger", ProfileID("work")},
+                      FolderRule{root / "work/x/deeper", ProfileID("work")}};
     asked.clear();
     auto counted = [&](const std::string& path) {
         asked.push_back(path);
