@@ -142,13 +142,15 @@ std::optional<FileIdentity> FileIdentity::of(const std::string& path) noexcept {
 }
 
 std::string logicalWorkingDirectory(const Environment& environment) {
+    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
     if (auto pwd = lookup(environment, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
-        // Two names of one folder lead to the same inode: the shells' own test, and cheaper than
-        // resolving both names component by component.
+        // Usually PWD is the physical path itself. Otherwise two names of one folder lead to the
+        // same inode: the shells' own test, and cheaper than resolving both names component by
+        // component.
+        if (buffer && *pwd == buffer.get()) return *pwd;
         auto named = FileIdentity::of(*pwd);
         if (named && named == FileIdentity::of(".")) return *pwd;
     }
-    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
     return buffer ? buffer.get() : "/";
 }
 

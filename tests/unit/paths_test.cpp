@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "support/test_support.h"
 
 namespace veerline {
@@ -89,6 +91,23 @@ TEST(PathUtilTest, RealPathAndIdentityOfFoldersBehindLinks) {
     EXPECT_EQ(FileIdentity::of(dir / "chained"), identity);
     EXPECT_NE(FileIdentity::of(dir / "real"), identity);
     EXPECT_FALSE(FileIdentity::of(dir / "missing").has_value());
+}
+
+TEST(PathsTest, LogicalWorkingDirectoryKeepsLinksOnlyForTheSameFolder) {
+    TempDir dir;
+    std::string real = dir / "real/inner";
+    testing::makeDirs(real);
+    testing::makeDirs(dir / "other");
+    testing::makeSymlink(dir / "real", dir / "link");
+    std::string previous = std::filesystem::current_path().string();
+    std::filesystem::current_path(real);
+    std::string physical = std::filesystem::current_path().string();
+    EXPECT_EQ(logicalWorkingDirectory({{"PWD", physical}}), physical);
+    EXPECT_EQ(logicalWorkingDirectory({{"PWD", dir / "link/inner"}}), dir / "link/inner");
+    EXPECT_EQ(logicalWorkingDirectory({{"PWD", dir / "other"}}), physical);  // stale
+    EXPECT_EQ(logicalWorkingDirectory({{"PWD", "inner"}}), physical);        // not absolute
+    EXPECT_EQ(logicalWorkingDirectory({}), physical);
+    std::filesystem::current_path(previous);
 }
 
 TEST(PathUtilTest, CaseSensitivityOfMissingPathAnswersForNearestAncestor) {
