@@ -1,7 +1,6 @@
 #include "core/environment.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -45,29 +44,14 @@ ChildEnvironment::ChildEnvironment(char** source, const std::vector<std::string>
         std::string_view name(source[i], static_cast<std::size_t>(equals - source[i]));
         if (std::find(dropped.begin(), dropped.end(), name) == dropped.end()) names.emplace_back(name, i);
     }
-    // Repeats are found through a hash of each name: sorting numbers is cheap, and only names
-    // with equal hashes (nearly always true repeats) are compared. The first of a name stays.
-    std::vector<std::pair<std::uint64_t, std::size_t>> hashes;  // (hash, position in `names`)
-    hashes.reserve(names.size());
-    for (std::size_t k = 0; k < names.size(); ++k) {
-        std::uint64_t hash = 14695981039346656037ull;  // FNV-1a
-        for (char c : names[k].first) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
-        hashes.emplace_back(hash, k);
-    }
-    std::sort(hashes.begin(), hashes.end());
+    // Sorted by name, then place: every entry after the first of its name is a repeat.
+    std::vector<std::pair<std::string_view, std::size_t>> sorted;  // (name, position in `names`)
+    sorted.reserve(names.size());
+    for (std::size_t k = 0; k < names.size(); ++k) sorted.emplace_back(names[k].first, k);
+    std::sort(sorted.begin(), sorted.end());
     std::vector<bool> repeat(names.size(), false);
-    for (std::size_t run = 0; run < hashes.size();) {
-        std::size_t end = run + 1;
-        while (end < hashes.size() && hashes[end].first == hashes[run].first) ++end;
-        for (std::size_t a = run; a < end; ++a) {
-            for (std::size_t b = run; b < a; ++b) {
-                if (!repeat[hashes[b].second] && names[hashes[a].second].first == names[hashes[b].second].first) {
-                    repeat[hashes[a].second] = true;  // positions sort ascending within a run
-                    break;
-                }
-            }
-        }
-        run = end;
+    for (std::size_t k = 1; k < sorted.size(); ++k) {
+        if (sorted[k].first == sorted[k - 1].first) repeat[sorted[k].second] = true;
     }
 
     entries_.reserve(names.size() + added.size() + 1);

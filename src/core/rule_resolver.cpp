@@ -96,7 +96,7 @@ public:
         std::sort(parents.begin(), parents.end());
         for (auto run = parents.begin(); run != parents.end();) {
             auto next = std::find_if(run, parents.end(), [&](std::string_view other) { return other != *run; });
-            if (next - run >= listingPaysFrom) entry(*run).list = true;
+            if (next - run >= listingPaysFrom) entry(*run)->second.list = true;
             run = next;
         }
     }
@@ -138,15 +138,16 @@ private:
         std::optional<platform::FolderListing> listing;
     };
 
-    Folder& entry(std::string_view path) {
+    using Folders = std::map<std::string, Folder, std::less<>>;
+
+    Folders::iterator entry(std::string_view path) {
         auto found = folders_.find(path);
-        if (found == folders_.end()) found = folders_.emplace(std::string(path), Folder{}).first;
-        return found->second;
+        return found != folders_.end() ? found : folders_.emplace(std::string(path), Folder{}).first;
     }
 
+    // The folder with its real path worked out (the key's string outlives the view `of` gives).
     Folder& folder(std::string_view path) {
-        auto found = folders_.find(path);
-        if (found == folders_.end()) found = folders_.emplace(std::string(path), Folder{}).first;
+        auto found = entry(path);
         Folder& result = found->second;
         if (!result.known) {
             result.known = true;
@@ -183,7 +184,7 @@ private:
 
     std::optional<std::string> realTarget_;
     bool targetIsWorkingFolder_ = false;
-    std::map<std::string, Folder, std::less<>> folders_;
+    Folders folders_;
     std::deque<std::string> kept_;
 };
 
