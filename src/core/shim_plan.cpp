@@ -21,10 +21,12 @@ std::unique_ptr<ToolAdapter> adapterFor(ToolKind kind, const Paths& paths) {
     return nullptr;
 }
 
-std::set<std::string> splitManaged(const std::string* value) {
+}  // namespace
+
+std::set<std::string> managedNames(const std::string* markerValue) {
     std::set<std::string> names;
-    if (value == nullptr) return names;
-    std::string_view rest(*value);
+    if (markerValue == nullptr) return names;
+    std::string_view rest(*markerValue);
     while (!rest.empty()) {
         auto comma = rest.find(',');
         auto piece = rest.substr(0, comma);
@@ -33,8 +35,6 @@ std::set<std::string> splitManaged(const std::string* value) {
     }
     return names;
 }
-
-}  // namespace
 
 Environment Changes::applied(const Environment& environment) const {
     return applied(Environment(environment));
@@ -68,7 +68,7 @@ Changes changes(const std::string& toolName, const Environment& environment, con
         auto kind = tool(toolName);
         if (!kind) return {};
         const std::vector<std::string> toolVariables = variables(*kind);
-        const std::set<std::string> managed = splitManaged(lookup(environment, std::string(markerVariable)));
+        const std::set<std::string> managed = managedNames(lookup(environment, std::string(markerVariable)));
 
         Resolution resolution = RuleResolver(std::move(document), paths.home).resolve(cwd, cwd);
         Environment profileEnvironment;

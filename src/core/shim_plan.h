@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,9 @@ struct Changes {
 
     bool operator==(const Changes&) const = default;
 };
+
+// The names a VEERLINE_MANAGED_VARS value lists (none for nullptr), empty pieces left out.
+std::set<std::string> managedNames(const std::string* markerValue);
 
 // "claude" and "codex" only, exactly.
 std::optional<ToolKind> tool(std::string_view commandName) noexcept;

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/binary_locator.h"
@@ -83,15 +82,13 @@ Environment variablesRead(const std::string& invokedAs) {
     if (auto kind = ShimPlan::tool(invokedAs)) {
         for (auto& name : ShimPlan::variables(*kind)) names.push_back(std::move(name));
     }
-    if (const char* managed = std::getenv(std::string(ShimPlan::markerVariable).c_str())) {
-        std::string_view rest(managed);
-        while (!rest.empty()) {
-            auto comma = rest.find(',');
-            if (auto name = rest.substr(0, comma); !name.empty()) names.emplace_back(name);
-            rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
-        }
+    Environment read = currentEnvironment(names);
+    std::vector<std::string> managed;
+    for (const auto& name : ShimPlan::managedNames(lookup(read, std::string(ShimPlan::markerVariable)))) {
+        if (!read.contains(name)) managed.push_back(name);
     }
-    return currentEnvironment(names);
+    read.merge(currentEnvironment(managed));
+    return read;
 }
 
 struct Run {
