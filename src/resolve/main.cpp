@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -83,11 +84,8 @@ Environment variablesRead(const std::string& invokedAs) {
         for (auto& name : ShimPlan::variables(*kind)) names.push_back(std::move(name));
     }
     Environment read = currentEnvironment(names);
-    std::vector<std::string> managed;
-    for (const auto& name : ShimPlan::managedNames(lookup(read, std::string(ShimPlan::markerVariable)))) {
-        if (!read.contains(name)) managed.push_back(name);
-    }
-    read.merge(currentEnvironment(managed));
+    std::set<std::string> managed = ShimPlan::managedNames(lookup(read, std::string(ShimPlan::markerVariable)));
+    read.merge(currentEnvironment({managed.begin(), managed.end()}));
     return read;
 }
 
