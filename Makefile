@@ -6,7 +6,9 @@ PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
 JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
-CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR)
+# A compiler cache, where there is one, makes rebuilds after a branch switch cheap.
+LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
+CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
 
 .PHONY: all build test test-asan bench install uninstall bootstrap clean
 

@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "core/environment.h"
-#include "core/paths.h"
-#include "core/profile.h"
-#include "core/profile_document.h"
+#include "base/environment.h"
+#include "base/paths.h"
+#include "profiles/profile.h"
+#include "profiles/profile_document.h"
 
 namespace CLI {
 class App;

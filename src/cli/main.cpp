@@ -10,8 +10,8 @@
 
 #include "cli/cli.h"
 #include "cli/output.h"
-#include "core/error.h"
-#include "core/unicode.h"
+#include "base/error.h"
+#include "base/unicode.h"
 
 using namespace veerline;
 using namespace veerline::cli;

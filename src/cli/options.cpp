@@ -2,7 +2,7 @@
 
 #include "cli/cli.h"
 #include "cli/output.h"
-#include "core/unicode.h"
+#include "base/unicode.h"
 
 namespace veerline::cli {
 

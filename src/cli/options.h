@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/profile.h"
+#include "profiles/profile.h"
 
 namespace veerline::cli {
 

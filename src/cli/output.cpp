@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iostream>
 
-#include "core/unicode.h"
+#include "base/unicode.h"
 
 namespace veerline::cli {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/profile.h"
+#include "profiles/profile.h"
 
 namespace veerline::cli {
 

@@ -13,9 +13,9 @@
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
-#include "core/error.h"
-#include "core/profile_store.h"
-#include "core/unicode.h"
+#include "base/error.h"
+#include "profiles/profile_store.h"
+#include "base/unicode.h"
 
 namespace veerline::cli {
 

@@ -10,10 +10,10 @@
 
 #include "cli/cli.h"
 #include "cli/output.h"
-#include "core/error.h"
-#include "core/profile_store.h"
-#include "core/rule_resolver.h"
-#include "core/unicode.h"
+#include "base/error.h"
+#include "profiles/profile_store.h"
+#include "resolution/rule_resolver.h"
+#include "base/unicode.h"
 
 namespace veerline::cli {
 

@@ -14,12 +14,12 @@
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
-#include "core/error.h"
-#include "core/claude_code_adapter.h"
-#include "core/codex_adapter.h"
-#include "core/profile_store.h"
-#include "core/shell_quote.h"
-#include "core/tool_registry.h"
+#include "base/error.h"
+#include "tools/claude_code_adapter.h"
+#include "tools/codex_adapter.h"
+#include "profiles/profile_store.h"
+#include "shell/shell_quote.h"
+#include "tools/tool_registry.h"
 
 extern char** environ;
 

@@ -10,8 +10,8 @@
 
 #include "cli/cli.h"
 #include "cli/output.h"
-#include "core/error.h"
-#include "core/shell_integration.h"
+#include "base/error.h"
+#include "shell/shell_integration.h"
 #include "platform/platform.h"
 
 namespace veerline::cli {

@@ -14,13 +14,13 @@
 #include <string>
 #include <vector>
 
-#include "core/binary_locator.h"
-#include "core/codex_adapter.h"
-#include "core/document_loading.h"
-#include "core/environment.h"
-#include "core/paths.h"
-#include "core/rule_resolver.h"
-#include "core/shim_plan.h"
+#include "resolution/binary_locator.h"
+#include "tools/codex_adapter.h"
+#include "resolution/document_loading.h"
+#include "base/environment.h"
+#include "base/paths.h"
+#include "resolution/rule_resolver.h"
+#include "resolution/shim_plan.h"
 #include "platform/platform.h"
 
 extern char** environ;

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "core/shell_integration.h"
+#include "shell/shell_integration.h"
 #include "support/test_support.h"
 
 namespace veerline::testing {

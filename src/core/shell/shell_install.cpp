@@ -1,0 +1,168 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <utility>
+
+#include "base/error.h"
+#include "base/file_io.h"
+#include "shell/shell_integration.h"
+#include "base/unicode.h"
+
+namespace veerline {
+
+namespace {
+
+constexpr const char* resolverLink = "../libexec/veerline-resolve";
+
+// Byte-for-byte comparison; false when either file can't be read.
+bool contentsEqual(const std::string& first, const std::string& second) {
+    FileDescriptor a(::open(first.c_str(), O_RDONLY | O_CLOEXEC));
+    FileDescriptor b(::open(second.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!a || !b) return false;
+    struct stat infoA {};
+    struct stat infoB {};
+    if (::fstat(a.get(), &infoA) != 0 || ::fstat(b.get(), &infoB) != 0) return false;
+    if (!S_ISREG(infoA.st_mode) || !S_ISREG(infoB.st_mode) || infoA.st_size != infoB.st_size) return false;
+    static constexpr std::size_t chunk = 65536;
+    std::string bufferA;
+    std::string bufferB;
+    for (;;) {
+        bufferA.clear();
+        bufferB.clear();
+        if (readAll(a.get(), bufferA, chunk) != 0 || readAll(b.get(), bufferB, chunk) != 0) return false;
+        if (bufferA != bufferB) return false;
+        if (bufferA.empty()) return true;
+    }
+}
+
+}  // namespace
+
+std::vector<ShellIntegration::FileChange> ShellIntegration::install(
+    const std::string& resolver, const std::optional<std::string>& cli, const std::optional<std::string>& launcher,
+    const std::optional<std::string>& appPath) const {
+    const std::string shims = paths_.shimDirectory();
+    createDirectory(root());
+    createDirectory(libexec());
+    createDirectory(shims);
+    createDirectory(backups());
+
+    copyAtomically(resolver, libexec() + "/veerline-resolve");
+    if (cli) copyAtomically(*cli, libexec() + "/veerline");
+    if (launcher && PathUtil::isExecutableFile(*launcher)) {
+        copyAtomically(*launcher, libexec() + "/veerline-launcher");
+    }
+    for (std::string_view name : toolNames) symlink(shims + "/" + std::string(name), resolverLink);
+    if (cli) symlink(shims + "/veerline", "../libexec/veerline");
+
+    if (appPath) {
+        write(*appPath + "\n", appPathFile());
+    } else {
+        try {
+            removeFile(appPathFile());
+        } catch (const VeerlineError&) {
+        }
+    }
+
+    std::vector<FileChange> plan = planInstall();
+    recordInstall(plan);
+    return plan;
+}
+
+std::vector<ShellIntegration::FileChange> ShellIntegration::uninstall() const {
+    std::vector<FileChange> plan = planUninstall();
+    applyUninstall(plan);
+
+    auto removeQuietly = [this](const std::string& path) {
+        try {
+            removeFile(path);
+        } catch (const VeerlineError&) {
+        }
+    };
+    const std::string shims = paths_.shimDirectory();
+    for (std::string_view name : toolNames) removeQuietly(shims + "/" + std::string(name));
+    removeQuietly(shims + "/veerline");
+    for (const char* name : {"/veerline-resolve", "/veerline", "/veerline-launcher"}) removeQuietly(libexec() + name);
+    removeQuietly(stateFile());
+    removeQuietly(appPathFile());
+
+    std::error_code error;
+    std::vector<std::string> backupEntries;
+    for (std::filesystem::directory_iterator it(backups(), error), end; !error && it != end; it.increment(error)) {
+        backupEntries.push_back(backups() + "/" + it->path().filename().string());
+    }
+    for (const std::string& entry : backupEntries) removeQuietly(entry);
+
+    // Only empty folders go: anything the user put there keeps its folder.
+    for (const std::string& folder : {shims, libexec(), backups(), root()}) ::rmdir(folder.c_str());
+    return plan;
+}
+
+bool ShellIntegration::refreshBinariesIfStale(const std::string& resolver, const std::optional<std::string>& cli,
+                                              const std::optional<std::string>& launcher) const noexcept {
+    try {
+        if (!PathUtil::isDirectory(libexec())) return false;
+        if (!PathUtil::isExecutableFile(libexec() + "/veerline-resolve")) return false;
+        bool refreshed = false;
+        const std::pair<const std::optional<std::string>, const char*> sources[] = {
+            {resolver, "veerline-resolve"}, {cli, "veerline"}, {launcher, "veerline-launcher"}};
+        for (const auto& [source, name] : sources) {
+            if (!source || !PathUtil::isExecutableFile(*source)) continue;
+            std::string installed = libexec() + "/" + name;
+            if (contentsEqual(*source, installed)) continue;
+            try {
+                copyAtomically(*source, installed);
+                refreshed = true;
+            } catch (const VeerlineError&) {
+            }
+        }
+        return refreshed;
+    } catch (...) {
+        return false;
+    }
+}
+
+void ShellIntegration::recordAppLocation(const std::string& path) const noexcept {
+    try {
+        if (!PathUtil::isDirectory(libexec())) return;
+        if (!path.ends_with(".app")) return;
+        try {
+            if (unicode::trimmed(read(appPathFile())) == path) return;
+        } catch (const VeerlineError&) {
+        }
+        write(path + "\n", appPathFile());
+    } catch (...) {
+    }
+}
+
+ShellIntegration::Status ShellIntegration::status() const noexcept {
+    Status status;
+    try {
+        const std::string shims = paths_.shimDirectory();
+        status.binariesInstalled = PathUtil::isExecutableFile(libexec() + "/veerline-resolve");
+        for (std::string_view name : toolNames) {
+            if (!status.binariesInstalled) break;
+            status.binariesInstalled = PathUtil::isExecutableFile(shims + "/" + std::string(name));
+        }
+        for (const std::string& path : targetFiles()) {
+            std::string text;
+            try {
+                text = read(path);
+            } catch (const VeerlineError&) {
+                continue;
+            }
+            if (text.find(beginMarker) == std::string::npos) continue;
+            status.blocks.push_back({path, blockIsLast(text)});
+        }
+        try {
+            status.appPath = unicode::trimmed(read(appPathFile()));
+        } catch (const VeerlineError&) {
+        }
+    } catch (...) {
+        // Only allocation can fail here; report what was found so far.
+    }
+    return status;
+}
+
+}  // namespace veerline

@@ -1,0 +1,209 @@
+#include "tools/codex_adapter.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "base/error.h"
+#include "base/file_io.h"
+#include "tools/process_runner.h"
+#include "base/unicode.h"
+
+namespace veerline {
+
+namespace {
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// Returns 0 or the errno of the step that failed.
+int writeWhole(const std::string& path, std::string_view content) {
+    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd) return errno;
+    int error = writeAll(fd.get(), content);
+    if (error == 0 && ::fchmod(fd.get(), 0600) != 0) error = errno;
+    if (error == 0 && ::fsync(fd.get()) != 0) error = errno;
+    if (int closed = fd.close(); closed != 0 && error == 0) error = closed;
+    return error;
+}
+
+// Puts `content` at `target` atomically, but never replaces anything already there: the file is
+// written beside it and hard-linked into place, which fails rather than overwrites.
+void createFileAtomically(const std::string& target, std::string_view content) {
+    static std::atomic<unsigned> counter{0};
+    std::string folder = PathUtil::parent(target);
+    std::string name = target.substr(target.rfind('/') + 1);
+    TemporaryFile temporary(folder + "/." + name + "." + std::to_string(::getpid()) + "." +
+                            std::to_string(counter.fetch_add(1)) + ".tmp");
+    if (int error = writeWhole(temporary.path(), content); error != 0) {
+        throw ioErrorFromErrno("write " + target, error);
+    }
+    if (::link(temporary.path().c_str(), target.c_str()) == 0 || errno == EEXIST) return;
+    // File systems without hard links: a plain rename, after one more look.
+    if (exists(target)) return;
+    if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw ioErrorFromErrno("write " + target, errno);
+}
+
+// Read through a plain descriptor: streams would pull the locale machinery into the shim.
+std::optional<std::string> readHint(const std::string& path) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    std::string text;
+    if (!file || readAll(file.get(), text) != 0 || !unicode::isValidUTF8(text)) return std::nullopt;
+    return text;
+}
+
+// Length of the line break starting at `position`, or 0: LF, CR, VT, FF, NEL, LS, PS.
+std::size_t lineBreakLength(std::string_view text, std::size_t position) {
+    unsigned char c = static_cast<unsigned char>(text[position]);
+    if (c == '\n' || c == '\r' || c == '\v' || c == '\f') return 1;
+    auto rest = text.substr(position);
+    if (rest.starts_with("\xC2\x85")) return 2;
+    if (rest.starts_with("\xE2\x80\xA8") || rest.starts_with("\xE2\x80\xA9")) return 3;
+    return 0;
+}
+
+std::string_view trimSpacesAndTabs(std::string_view line) {
+    auto begin = line.find_first_not_of(" \t");
+    if (begin == std::string_view::npos) return {};
+    auto end = line.find_last_not_of(" \t");
+    return line.substr(begin, end - begin + 1);
+}
+
+}  // namespace
+
+std::string CodexAdapter::bundledHintFile(const Paths& paths) {
+    return paths.supportDirectory() + "/codex-app-path";
+}
+
+std::vector<std::string> CodexAdapter::bundledCandidates(const Paths& paths) {
+    std::vector<std::string> bundles;
+    if (auto hint = readHint(bundledHintFile(paths))) {
+        std::string bundle = unicode::trimmed(*hint);
+        if (bundle.ends_with(".app")) bundles.push_back(std::move(bundle));
+    }
+    bundles.push_back(paths.applicationsDirectory + "/ChatGPT.app");
+    bundles.push_back(paths.applicationsDirectory + "/Codex.app");
+    bundles.push_back(paths.home + "/Applications/ChatGPT.app");
+    bundles.push_back(paths.home + "/Applications/Codex.app");
+    for (auto& bundle : bundles) bundle += "/Contents/Resources/codex-cli/bin/codex";
+    return bundles;
+}
+
+std::optional<std::string> CodexAdapter::bundledCodex(const Paths& paths) {
+    for (auto& candidate : bundledCandidates(paths)) {
+        if (PathUtil::isExecutableFile(candidate)) return candidate;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> CodexAdapter::binaryPath() const {
+    if (auto found = context().locator().find(std::string(binaryName))) return found;
+    return bundledCodex(context().paths);
+}
+
+bool CodexAdapter::usesBundledCodex() const {
+    return !context().locator().find(std::string(binaryName)) && bundledCodex(context().paths);
+}
+
+CodexAdapter::LoginState CodexAdapter::parseLoginStatus(std::string_view text) {
+    static constexpr std::string_view signedInPrefix = "Logged in using ";
+    std::size_t start = 0;
+    std::size_t position = 0;
+    while (start <= text.size()) {
+        std::size_t breakLength = 0;
+        while (position < text.size() && (breakLength = lineBreakLength(text, position)) == 0) ++position;
+        std::string_view line = trimSpacesAndTabs(text.substr(start, position - start));
+        if (line.starts_with(signedInPrefix)) {
+            std::string_view method = line.substr(signedInPrefix.size());
+            if (method.starts_with("an ")) method.remove_prefix(3);
+            if (auto dash = method.find(" - "); dash != std::string_view::npos) method = method.substr(0, dash);
+            return LoginState::signedIn(std::string(method));
+        }
+        if (line.starts_with("Not logged in")) return LoginState::signedOut();
+        if (position >= text.size()) break;
+        position += breakLength;
+        start = position;
+    }
+    return LoginState::unknown();
+}
+
+bool CodexAdapter::isInstalled() const {
+    return binaryPath().has_value();
+}
+
+Environment CodexAdapter::environment(const Profile& profile) const {
+    auto folder = dataDirectory(profile);
+    if (!folder) return {};
+    return {{"CODEX_HOME", *folder}};
+}
+
+ToolStatus CodexAdapter::status(const Profile& profile) const noexcept {
+    try {
+        auto binary = binaryPath();
+        if (!binary) return ToolStatus::notInstalled();
+        auto folder = dataDirectory(profile);
+        if (folder && !PathUtil::isDirectory(*folder)) return ToolStatus::notSetUp();
+
+        ProcessResult result = ProcessRunner::runSync(*binary, {"login", "status"}, helperEnvironment(profile),
+                                                      context().commandTimeout);
+        if (result.timedOut) return ToolStatus::needsAttention("`codex login status` didn't answer in time.");
+        // The tool has answered on either stream over its versions.
+        LoginState state = parseLoginStatus(result.combinedOutput());
+        switch (state.kind) {
+            case LoginState::Kind::signedIn: {
+                AccountInfo account;
+                account.method = std::move(state.method);
+                return ToolStatus::signedIn(std::move(account));
+            }
+            case LoginState::Kind::signedOut:
+                if (!folder) return ToolStatus::notSetUp();
+                return ToolStatus::needsAttention("Signed out. Sign in again.");
+            case LoginState::Kind::unknown:
+                break;
+        }
+        return ToolStatus::needsAttention("Couldn't read `codex login status` (exit " +
+                                          std::to_string(result.exitCode) + ").");
+    } catch (const std::exception& error) {
+        return ToolStatus::needsAttention(error.what());
+    }
+}
+
+void CodexAdapter::prepare(const Profile& profile) const {
+    auto folder = createDataDirectory(profile);
+    if (!folder) return;
+    // Whatever is there is the user's: the starter lines are written once, never again.
+    std::string config = *folder + "/config.toml";
+    if (exists(config)) return;
+    createFileAtomically(config, managedConfig);
+}
+
+std::optional<SignInCommand> CodexAdapter::setUp(const Profile& profile) const {
+    prepare(profile);
+    auto binary = binaryPath();
+    if (!binary) return std::nullopt;
+    SignInCommand command;
+    command.executable = *binary;
+    command.arguments = {"login"};
+    command.environment = environment(profile);
+    if (profile.storage == Profile::Storage::system) command.unset = {"CODEX_HOME"};
+    return command;
+}
+
+void CodexAdapter::removeData(const Profile& profile) const {
+    auto folder = dataDirectory(profile);
+    if (!folder) return;
+    // Refuse before signing anything out, not only before deleting.
+    if (!context().paths.isInsideSupportDirectory(*folder)) throw VeerlineError::unsafeDeletion(*folder);
+    if (auto binary = binaryPath(); binary && PathUtil::isDirectory(*folder)) {
+        // Best effort: a sign-out that fails or hangs doesn't stop the deletion.
+        ProcessRunner::runSync(*binary, {"logout"}, helperEnvironment(profile), context().commandTimeout);
+    }
+    deleteDataDirectory(profile);
+}
+
+}  // namespace veerline

@@ -1,0 +1,178 @@
+#include "tools/tool_adapter.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include <nlohmann/json.hpp>
+
+#include "base/error.h"
+#include "tools/process_runner.h"
+#include "shell/shell_quote.h"
+#include "base/unicode.h"
+
+namespace veerline {
+
+namespace {
+
+using nlohmann::json;
+
+struct AccountField {
+    const char* key;
+    std::optional<std::string> AccountInfo::*field;
+};
+
+constexpr AccountField accountFields[] = {
+    {"email", &AccountInfo::email},
+    {"organizationName", &AccountInfo::organizationName},
+    {"organizationID", &AccountInfo::organizationID},
+    {"plan", &AccountInfo::plan},
+    {"method", &AccountInfo::method},
+};
+
+// mkdir -p, each folder it makes set to 0700 whatever the umask. Returns 0 or the errno.
+int makeDirectories(const std::string& path) {
+    std::size_t position = 0;
+    while (position != std::string::npos) {
+        position = path.find('/', position + 1);
+        std::string prefix = path.substr(0, position);
+        if (::mkdir(prefix.c_str(), 0700) == 0) {
+            ::chmod(prefix.c_str(), 0700);
+            continue;
+        }
+        int error = errno;
+        struct stat st {};
+        if (error == EEXIST || error == EACCES || error == EROFS) {
+            if (::stat(prefix.c_str(), &st) == 0) {
+                if (S_ISDIR(st.st_mode)) continue;
+                return position == std::string::npos ? EEXIST : ENOTDIR;
+            }
+        }
+        return error;
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::optional<std::string> AccountInfo::sameAccountKey() const {
+    if (!email) return std::nullopt;
+    return unicode::lowercased(*email) + "|" + organizationID.value_or("");
+}
+
+json AccountInfo::toJSON() const {
+    json object = json::object();
+    for (const auto& [key, field] : accountFields) {
+        if (const auto& value = this->*field) object[key] = *value;
+    }
+    return object;
+}
+
+std::optional<AccountInfo> AccountInfo::fromJSON(const json& value) {
+    if (!value.is_object()) return std::nullopt;
+    AccountInfo account;
+    for (const auto& [key, field] : accountFields) {
+        auto found = value.find(key);
+        if (found == value.end() || found->is_null()) continue;
+        if (!found->is_string()) return std::nullopt;
+        account.*field = found->get<std::string>();
+    }
+    return account;
+}
+
+ToolStatus ToolStatus::signedIn(AccountInfo account) {
+    ToolStatus status;
+    status.kind = Kind::signedIn;
+    status.account = std::move(account);
+    return status;
+}
+
+ToolStatus ToolStatus::ready(std::string detail) {
+    ToolStatus status;
+    status.kind = Kind::ready;
+    status.text = std::move(detail);
+    return status;
+}
+
+ToolStatus ToolStatus::needsAttention(std::string message) {
+    ToolStatus status;
+    status.kind = Kind::needsAttention;
+    status.text = std::move(message);
+    return status;
+}
+
+ToolStatus ToolStatus::notInstalled() {
+    ToolStatus status;
+    status.kind = Kind::notInstalled;
+    return status;
+}
+
+ToolStatus ToolStatus::notSetUp() {
+    return ToolStatus{};
+}
+
+std::string_view ToolStatus::label(Kind kind) noexcept {
+    switch (kind) {
+        case Kind::signedIn: return "Signed in";
+        case Kind::ready: return "Set up";
+        case Kind::needsAttention: return "Needs attention";
+        case Kind::notInstalled: return "Not installed";
+        case Kind::notSetUp: return "Not set up";
+    }
+    return "";
+}
+
+std::string SignInCommand::shellLine() const {
+    std::string line;
+    if (!unset.empty()) {
+        line += "env ";
+        for (const auto& name : unset) line += "-u " + name + " ";
+    }
+    if (!environment.empty()) {
+        if (unset.empty()) line += "env ";
+        // The map keeps names in byte order.
+        for (const auto& [name, value] : environment) line += name + "=" + ShellQuote::quote(value) + " ";
+    }
+    line += ShellQuote::quote(executable);
+    for (const auto& argument : arguments) line += " " + ShellQuote::quote(argument);
+    return line;
+}
+
+void ToolAdapter::launch(const Profile&) const {
+    throw VeerlineError::unsupported(std::string(toolkind::displayName(kind_)) +
+                                     " runs in your terminal; there's nothing to launch.");
+}
+
+std::optional<std::string> ToolAdapter::dataDirectory(const Profile& profile) const {
+    if (profile.storage == Profile::Storage::system) return std::nullopt;
+    return context_.paths.dataDirectory(kind_, profile.id);
+}
+
+std::optional<std::string> ToolAdapter::createDataDirectory(const Profile& profile) const {
+    auto path = dataDirectory(profile);
+    if (!path) return std::nullopt;
+    if (int error = makeDirectories(*path); error != 0) throw ioErrorFromErrno("create " + *path, error);
+    return path;
+}
+
+void ToolAdapter::deleteDataDirectory(const Profile& profile) const {
+    auto path = dataDirectory(profile);
+    if (!path) return;
+    if (!context_.paths.isInsideSupportDirectory(*path)) throw VeerlineError::unsafeDeletion(*path);
+    struct stat st {};
+    if (::lstat(path->c_str(), &st) != 0 && errno == ENOENT) return;
+    // A symbolic link is removed itself; what it points to is left alone.
+    std::error_code error;
+    std::filesystem::remove_all(*path, error);
+    if (error) throw VeerlineError::io("Couldn't delete " + *path + ": " + error.message());
+}
+
+Environment ToolAdapter::helperEnvironment(const Profile& profile) const {
+    Environment result = ProcessRunner::baseEnvironment(context_.environment);
+    for (auto& [name, value] : environment(profile)) result[name] = value;
+    return result;
+}
+
+}  // namespace veerline

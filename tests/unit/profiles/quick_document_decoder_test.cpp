@@ -1,0 +1,98 @@
+#include "profiles/quick_document_decoder.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "profiles/profile_document.h"
+
+namespace veerline {
+namespace {
+
+// What the full decoder makes of the text, or nothing when it refuses it.
+std::optional<ProfileDocument> fullDecode(const std::string& text) {
+    try {
+        return documentFromJSON(nlohmann::json::parse(text));
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+TEST(QuickDocumentDecoderTest, ReadsUsualDocumentsExactlyAsTheFullDecoder) {
+    Profile work(ProfileID("work"), "Work \u00E9t\u00E9", ProfileColor::orange, "W",
+                 {ToolKind::codex, ToolKind::claudeCode}, Profile::Storage::system);
+    ProfileDocument written;
+    written.profiles = {work, Profile(ProfileID("home"), "Home")};
+    written.rules = {FolderRule{"~/work/**", ProfileID("work")}, FolderRule{"/srv/x", ProfileID("home")}};
+    written.cliDefault = ProfileID("home");
+
+    const std::vector<std::string> documents = {
+        encodeDocument(written),
+        encodeDocument(ProfileDocument::empty()),
+        // Defaults for every optional key, nulls standing for missing ones, compact layout.
+        R"({"version":1,"profiles":[{"id":"a","name":"A"},{"id":"b","name":"B","color":null,"badge":null,)"
+        R"("tools":null,"storage":null}],"rules":[],"cliDefault":null})",
+        // Unknown keys hold anything, at any depth, and are skipped.
+        R"({"extra":{"a":[1,{"b":null}],"c":true},"version":1,"future":[[],{}],"profiles":[{"id":"a",)"
+        R"("name":"A","more":{"tools":["nonsense"]},"tools":[],"n":-1.5}],"rules":[{"path":"/x",)"
+        R"("profileID":"a","note":"\"quoted\" \u2603"}],"big":18446744073709551615})",
+        R"({"version":0,"profiles":[],"rules":[]})",
+        R"( {"rules":[],"profiles":[],"version":-3} )",
+    };
+    for (const std::string& text : documents) {
+        SCOPED_TRACE(text);
+        std::optional<ProfileDocument> quick = decodeDocumentQuickly(text);
+        ASSERT_TRUE(quick.has_value());
+        EXPECT_EQ(quick, fullDecode(text));
+    }
+    EXPECT_EQ(decodeDocumentQuickly(encodeDocument(written)), written);
+}
+
+TEST(QuickDocumentDecoderTest, LeavesEverythingUnusualToTheFullDecoder) {
+    // Each of these is either wrong or rare; the quick decoder answers nothing, and the full
+    // decoder then reads it or says what is wrong.
+    const std::vector<std::string> documents = {
+        "",
+        "[]",
+        "{}",
+        "not json",
+        R"({"version":1,"profiles":[],"rules":[]} trailing)",
+        R"({"version":2,"profiles":[],"rules":[]})",
+        R"({"version":18446744073709551615,"profiles":[],"rules":[]})",
+        R"({"version":1.0,"profiles":[],"rules":[]})",
+        R"({"version":"1","profiles":[],"rules":[]})",
+        R"({"version":1,"profiles":[]})",
+        R"({"version":null,"profiles":[],"rules":[]})",
+        R"({"version":1,"version":1,"profiles":[],"rules":[]})",
+        R"({"version":1,"profiles":{},"rules":[]})",
+        R"({"version":1,"profiles":[1],"rules":[]})",
+        R"({"version":1,"profiles":[null],"rules":[]})",
+        R"({"version":1,"profiles":[[]],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a"}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","id":"b"}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":null}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","color":"red"}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","storage":"cloud"}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","tools":["codex",null]}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","tools":["vim"]}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","tools":"codex"}],"rules":[]})",
+        R"({"version":1,"profiles":[{"id":"a","name":"A","badge":7}],"rules":[]})",
+        R"({"version":1,"profiles":[],"rules":[{"path":"/x"}]})",
+        R"({"version":1,"profiles":[],"rules":[{"path":true,"profileID":"a"}]})",
+        R"({"version":1,"profiles":[],"rules":[],"cliDefault":3})",
+        "{\"version\":1,\"profiles\":[{\"id\":\"a\",\"name\":\"\xC3\x28\"}],\"rules\":[]}",
+    };
+    for (const std::string& text : documents) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(decodeDocumentQuickly(text), std::nullopt);
+    }
+    // The rare but valid ones still read, just not quickly.
+    EXPECT_EQ(fullDecode(R"({"version":1.0,"profiles":[],"rules":[]})"), ProfileDocument::empty());
+}
+
+}  // namespace
+}  // namespace veerline
