@@ -7,7 +7,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include <dirent.h>
+#include <signal.h>
+
 #include <cerrno>
+#include <cmath>
+#include <filesystem>
+#include <memory>
 #include <vector>
 
 #include "base/error.h"
@@ -38,7 +44,46 @@ std::optional<std::int64_t> probeVersion(const nlohmann::json& root) {
         return static_cast<std::int64_t>(number);
     }
     if (found->is_number_integer()) return found->get<std::int64_t>();
+    if (found->is_number_float()) {
+        // The decoder reads 2.0 and 1e1 as the integers they are, so the probe must too: a newer
+        // format in any spelling is refused, never rewritten as an older one.
+        double number = found->get<double>();
+        if (!std::isfinite(number) || std::trunc(number) != number) return std::nullopt;
+        if (number >= 9.2e18) return INT64_MAX;
+        if (number <= -9.2e18) return INT64_MIN;
+        return static_cast<std::int64_t>(number);
+    }
     return std::nullopt;
+}
+
+// Where a save lands: the profiles file itself, or, when it is a symbolic link (kept in a synced
+// folder, say), the regular file at the end of the links, which is replaced in its own folder.
+// Anything but a regular file there (a device, a FIFO, a folder) is refused.
+std::string saveTarget(const std::string& path) {
+    std::string current = path;
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat info {};
+        if (::lstat(current.c_str(), &info) != 0) {
+            if (errno == ENOENT) return current;
+            throw ioErrorFromErrno("save profiles", errno);
+        }
+        if (S_ISREG(info.st_mode)) return current;
+        if (!S_ISLNK(info.st_mode)) {
+            throw VeerlineError::io("Couldn't save profiles: " + current + " isn't a regular file.");
+        }
+        std::error_code error;
+        std::string target = std::filesystem::read_symlink(current, error).string();
+        if (error) throw VeerlineError::io("Couldn't save profiles: " + error.message());
+        if (!target.starts_with("/")) target = PathUtil::parent(current) + "/" + target;
+        std::string name = target.substr(target.rfind('/') + 1);
+        std::optional<std::string> folder = PathUtil::realPath(PathUtil::parent(target));
+        if (!folder || name.empty() || name == "." || name == "..") {
+            throw VeerlineError::io("Couldn't save profiles: " + current + " links to " + target +
+                                    ", which isn't a file in an existing folder.");
+        }
+        current = (*folder == "/" ? "" : *folder) + "/" + name;
+    }
+    throw ioErrorFromErrno("save profiles", ELOOP);
 }
 
 }  // namespace
@@ -46,8 +91,14 @@ std::optional<std::int64_t> probeVersion(const nlohmann::json& root) {
 namespace detail {
 
 ProfilesLock::ProfilesLock(const std::string& lockFile) {
-    int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    // Never through a link (that would create or lock its target), never a FIFO or device.
+    int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600);
     if (fd < 0) throw ioErrorFromErrno("open " + lockFile, errno);
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
+        throw VeerlineError::io("Couldn't open " + lockFile + ": it isn't a regular file.");
+    }
     while (::flock(fd, LOCK_EX) != 0) {
         if (errno == EINTR) continue;
         int error = errno;
@@ -66,19 +117,26 @@ ProfilesLock::~ProfilesLock() {
 
 ProfileDocument ProfileStore::load() const {
     const std::string path = paths_.profilesFile();
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file) {
-        if (errno == ENOENT) return ProfileDocument::empty();
-        throw ioErrorFromErrno("read " + path, errno);
+    std::optional<std::string> bytes = readRegularFile(path, maxFileSize);
+    if (!bytes) return ProfileDocument::empty();
+    ProfileDocument document = decode(*bytes);
+    try {
+        document.validate();
+    } catch (const VeerlineError& error) {
+        throw VeerlineError::storeCorrupt(path, error.errorDescription());
     }
-    std::string bytes;
-    if (int error = readAll(file.get(), bytes); error != 0) throw ioErrorFromErrno("read " + path, error);
-    return decode(bytes);
+    return document;
 }
 
 ProfileDocument ProfileStore::decode(std::string_view bytes) const {
-    if (std::optional<ProfileDocument> document = decodeDocumentQuickly(bytes)) return std::move(*document);
-    auto root = nlohmann::json::parse(bytes.begin(), bytes.end(), nullptr, false);
+    // The JSON reader takes a NUL byte for the end of the text, and JSON never holds one: what
+    // follows it would be accepted unread and dropped by the next save.
+    const bool holdsNUL = bytes.find('\0') != std::string_view::npos;
+    if (!holdsNUL) {
+        if (std::optional<ProfileDocument> document = decodeDocumentQuickly(bytes)) return std::move(*document);
+    }
+    auto root = holdsNUL ? nlohmann::json(nlohmann::json::value_t::discarded)
+                         : nlohmann::json::parse(bytes.begin(), bytes.end(), nullptr, false);
     try {
         // Text that is not JSON is parsed again only to describe where it goes wrong.
         if (root.is_discarded()) return decodeDocument(bytes);
@@ -86,7 +144,9 @@ ProfileDocument ProfileStore::decode(std::string_view bytes) const {
         if (version && *version > ProfileDocument::currentVersion) {
             throw VeerlineError::storeTooNew(*version);
         }
-        return documentFromJSON(root);
+        ProfileDocument document = documentFromJSON(root);
+        if (document.version > ProfileDocument::currentVersion) throw VeerlineError::storeTooNew(document.version);
+        return document;
     } catch (const DocumentDecodeError& error) {
         throw VeerlineError::storeCorrupt(paths_.profilesFile(), error.what());
     }
@@ -129,9 +189,37 @@ void ProfileStore::commit(const ProfileDocument& loaded, const ProfileDocument& 
     write(edited);
 }
 
+void ProfileStore::removeStaleTemporaryFiles(const std::string& folder, const std::string& targetName) {
+    std::unique_ptr<DIR, FolderCloser> listing(::opendir(folder.c_str()));
+    if (!listing) return;
+    const std::string prefix = targetName + ".tmp.";
+    std::vector<std::string> stale;
+    while (const dirent* entry = ::readdir(listing.get())) {
+        std::string_view name(entry->d_name);
+        if (!name.starts_with(prefix)) continue;
+        // NAME.tmp.PID.RANDOM, as `write` names them.
+        std::string_view rest = name.substr(prefix.size());
+        std::size_t dot = rest.find('.');
+        std::string_view pid = rest.substr(0, dot);
+        if (dot == std::string_view::npos || pid.empty() || pid.size() > 9 ||
+            pid.find_first_not_of("0123456789") != std::string_view::npos ||
+            rest.substr(dot + 1).find_first_not_of("0123456789") != std::string_view::npos) {
+            continue;
+        }
+        pid_t owner = static_cast<pid_t>(std::stol(std::string(pid)));
+        if (owner == ::getpid() || owner <= 0) continue;
+        if (::kill(owner, 0) != 0 && errno == ESRCH) stale.emplace_back(name);
+    }
+    for (const std::string& name : stale) ::unlink((folder + "/" + name).c_str());
+}
+
 void ProfileStore::write(const ProfileDocument& document) const {
     const std::string bytes = encodeDocument(document);
-    const std::string target = paths_.profilesFile();
+    const std::string target = saveTarget(paths_.profilesFile());
+    const std::string folder = PathUtil::parent(target);
+    // Saves killed outright (SIGKILL, a power cut) leave their temporary files; this save holds
+    // the lock, so any left by processes that are gone are nobody's.
+    removeStaleTemporaryFiles(folder, target.substr(folder.size() + (folder == "/" ? 0 : 1)));
     const std::string temporaryPath =
         target + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(randomUInt32());
 

@@ -32,11 +32,17 @@ private:
 // replacing the file by rename; changes go through `update`, serialised between processes.
 class ProfileStore {
 public:
+    // Far more than any real set of profiles; a larger file is refused unread.
+    static constexpr std::size_t maxFileSize = 4 * 1024 * 1024;
+
     explicit ProfileStore(Paths paths) : paths_(std::move(paths)) {}
 
     const Paths& paths() const noexcept { return paths_; }
 
-    // The document on disk, or the empty one when there is no file. Throws VeerlineError.
+    // The document on disk, or the empty one when there is no file. Throws VeerlineError: a file
+    // that is not a regular file, too large, written by a newer version, not a document, or a
+    // document that breaks its own rules (storeCorrupt with the rule's message) is refused, so
+    // that nobody acts on ids or names Veerline would never have saved.
     ProfileDocument load() const;
 
     // Runs `edit(ProfileDocument&)` on the current document under the lock, validates and saves
@@ -64,6 +70,8 @@ private:
     void ensureSupportDirectory() const;
     void commit(const ProfileDocument& loaded, const ProfileDocument& edited) const;
     void write(const ProfileDocument& document) const;
+    // Removes temporary files left in `folder` by saves of processes that no longer run.
+    static void removeStaleTemporaryFiles(const std::string& folder, const std::string& targetName);
 
     Paths paths_;
 };

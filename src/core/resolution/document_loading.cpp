@@ -1,6 +1,5 @@
 #include "resolution/document_loading.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
@@ -10,18 +9,6 @@
 #include "base/unicode.h"
 
 namespace veerline {
-
-namespace {
-
-std::optional<std::string> readWholeFile(const std::string& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) return std::nullopt;
-    std::string content;
-    if (readAll(fd.get(), content) != 0) return std::nullopt;
-    return content;
-}
-
-}  // namespace
 
 std::optional<ProfileDocument> loadDocument(const Environment& environment, const Paths& paths) noexcept {
     if (const std::string* disable = lookup(environment, "VEERLINE_DISABLE"); disable != nullptr && *disable == "1") {
@@ -38,7 +25,7 @@ std::optional<ProfileDocument> loadDocument(const Environment& environment, cons
 
 bool veerlineStillInstalled(const Paths& paths) noexcept {
     try {
-        std::optional<std::string> content = readWholeFile(paths.home + "/.veerline/app-path");
+        std::optional<std::string> content = readRegularFile(paths.home + "/.veerline/app-path", maxHintFileSize);
         if (!content || !unicode::isValidUTF8(*content)) return true;
         std::string appPath = unicode::trimmed(*content);
         if (appPath.empty()) return true;

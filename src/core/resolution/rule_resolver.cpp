@@ -371,15 +371,10 @@ std::optional<RuleResolver::Dotfile> RuleResolver::nearestDotfile(const std::vec
 
 std::optional<std::string> RuleResolver::readReference(const std::string& path) noexcept {
     try {
-        std::string bytes;
-        {
-            // Non-blocking so that a FIFO under that name cannot stall the prompt.
-            FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-            if (!file) return std::nullopt;
-            if (readAll(file.get(), bytes, maxDotfileSize + 1) != 0) return std::nullopt;
-        }
-        if (bytes.size() > maxDotfileSize) return std::nullopt;
-        std::string_view text(bytes);
+        // A FIFO or device under that name, or a file over the size, is passed over.
+        std::optional<std::string> bytes = readRegularFile(path, maxDotfileSize);
+        if (!bytes) return std::nullopt;
+        std::string_view text(*bytes);
         if (!unicode::isValidUTF8(text)) return std::nullopt;
 
         std::size_t lineStart = 0;

@@ -49,12 +49,15 @@ void createFileAtomically(const std::string& target, std::string_view content) {
     if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw ioErrorFromErrno("write " + target, errno);
 }
 
-// Read through a plain descriptor: streams would pull the locale machinery into the shim.
-std::optional<std::string> readHint(const std::string& path) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    std::string text;
-    if (!file || readAll(file.get(), text) != 0 || !unicode::isValidUTF8(text)) return std::nullopt;
-    return text;
+// Nothing when the hint is missing, not a small regular file, or not UTF-8.
+std::optional<std::string> readHint(const std::string& path) noexcept {
+    try {
+        std::optional<std::string> text = readRegularFile(path, maxHintFileSize);
+        if (!text || !unicode::isValidUTF8(*text)) return std::nullopt;
+        return text;
+    } catch (...) {
+        return std::nullopt;
+    }
 }
 
 // Length of the line break starting at `position`, or 0: LF, CR, VT, FF, NEL, LS, PS.
@@ -198,7 +201,9 @@ void CodexAdapter::removeData(const Profile& profile) const {
     auto folder = dataDirectory(profile);
     if (!folder) return;
     // Refuse before signing anything out, not only before deleting.
-    if (!context().paths.isInsideSupportDirectory(*folder)) throw VeerlineError::unsafeDeletion(*folder);
+    if (!profile.id.isValid() || !context().paths.isInsideSupportDirectory(*folder)) {
+        throw VeerlineError::unsafeDeletion(*folder);
+    }
     if (auto binary = binaryPath(); binary && PathUtil::isDirectory(*folder)) {
         // Best effort: a sign-out that fails or hangs doesn't stop the deletion.
         ProcessRunner::runSync(*binary, {"logout"}, helperEnvironment(profile), context().commandTimeout);

@@ -87,16 +87,16 @@ TEST_F(ProfileStoreTest, MissingFileReadsAsEmptyAndCreatesNothing) {
 }
 
 TEST_F(ProfileStoreTest, UnchangedEditWritesNothing) {
-    // Even a file that would fail validation stays as it is.
+    // A file laid out by someone else stays as it is.
     const std::string text =
-        R"({"version": 1, "profiles": [{"id": "Bad Id", "name": ""}], "rules": [], "extra": 1})";
+        R"({"version": 1, "profiles": [{"id": "ok", "name": "Name"}], "rules": [], "extra": 1})";
     writeProfiles(text);
     struct stat before {};
     ASSERT_EQ(stat(paths.profilesFile().c_str(), &before), 0);
 
     int result = store.update([](ProfileDocument& document) {
         document.profiles[0].name = "changed";
-        document.profiles[0].name = "";
+        document.profiles[0].name = "Name";
         return 42;
     });
     EXPECT_EQ(result, 42);
@@ -221,8 +221,7 @@ TEST_F(ProfileStoreTest, DamagedFilesAreCorrupt) {
 TEST_F(ProfileStoreTest, FileSystemFailuresHaveTheirMessages) {
     // A folder where the file should be cannot be read.
     testing::makeDirs(paths.profilesFile());
-    EXPECT_EQ(loadFailure(), VeerlineError::io("Couldn't read " + paths.profilesFile() + ": " +
-                                               std::strerror(EISDIR)));
+    EXPECT_EQ(loadFailure(), VeerlineError::io("Couldn't read " + paths.profilesFile() + ": it isn't a regular file."));
     std::filesystem::remove(paths.profilesFile());
 
     testing::makeDirs(paths.lockFile());
