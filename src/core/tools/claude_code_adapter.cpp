@@ -95,7 +95,9 @@ void ClaudeCodeAdapter::removeData(const Profile& profile) const {
     auto folder = dataDirectory(profile);
     if (!folder) return;
     // Refuse before signing anything out, not only before deleting.
-    if (!context().paths.isInsideSupportDirectory(*folder)) throw VeerlineError::unsafeDeletion(*folder);
+    if (!profile.id.isValid() || !context().paths.isInsideSupportDirectory(*folder)) {
+        throw VeerlineError::unsafeDeletion(*folder);
+    }
     if (auto binary = binaryPath(); binary && PathUtil::isDirectory(*folder)) {
         // Best effort: a sign-out that fails or hangs doesn't stop the deletion.
         ProcessRunner::runSync(*binary, {"auth", "logout"}, helperEnvironment(profile), context().commandTimeout);

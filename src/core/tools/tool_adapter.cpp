@@ -1,14 +1,15 @@
 #include "tools/tool_adapter.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <system_error>
+#include <cstring>
 
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
+#include "base/file_io.h"
 #include "tools/process_runner.h"
 #include "shell/shell_quote.h"
 #include "base/unicode.h"
@@ -160,13 +161,33 @@ std::optional<std::string> ToolAdapter::createDataDirectory(const Profile& profi
 void ToolAdapter::deleteDataDirectory(const Profile& profile) const {
     auto path = dataDirectory(profile);
     if (!path) return;
-    if (!context_.paths.isInsideSupportDirectory(*path)) throw VeerlineError::unsafeDeletion(*path);
+    // Only ever SUPPORT/TOOL/ID with an id Veerline could have made: an id from a crafted file
+    // ("", "..", "../profiles.json") must not name the tool folder or anything beside it.
+    if (!profile.id.isValid() || !context_.paths.isInsideSupportDirectory(*path)) {
+        throw VeerlineError::unsafeDeletion(*path);
+    }
+    auto failed = [&](int error) { return VeerlineError::io("Couldn't delete " + *path + ": " + std::strerror(error)); };
+    const std::string support = context_.paths.supportDirectory();
+    FileDescriptor supportFolder(::open(support.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+    if (!supportFolder) {
+        if (errno == ENOENT || errno == ENOTDIR) return;
+        throw failed(errno);
+    }
+    // Below the support folder nothing is reached through a link: a tool folder linked elsewhere
+    // would let the deletion leave Veerline's own folders.
+    const std::string toolFolderName(toolkind::dataFolderName(kind_));
     struct stat st {};
-    if (::lstat(path->c_str(), &st) != 0 && errno == ENOENT) return;
-    // A symbolic link is removed itself; what it points to is left alone.
-    std::error_code error;
-    std::filesystem::remove_all(*path, error);
-    if (error) throw VeerlineError::io("Couldn't delete " + *path + ": " + error.message());
+    if (::fstatat(supportFolder.get(), toolFolderName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT) return;
+        throw failed(errno);
+    }
+    if (S_ISLNK(st.st_mode)) throw VeerlineError::unsafeDeletion(*path);
+    if (!S_ISDIR(st.st_mode)) return;
+    FileDescriptor toolFolder(::openat(supportFolder.get(), toolFolderName.c_str(),
+                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (!toolFolder) throw failed(errno);
+    // A data folder that is itself a link is removed as a link; what it points to stays.
+    if (int error = removeTreeAt(toolFolder.get(), profile.id.rawValue); error != 0) throw failed(error);
 }
 
 Environment ToolAdapter::helperEnvironment(const Profile& profile) const {
