@@ -94,6 +94,12 @@ std::string lowercased(std::string_view text) {
         return out;
     }
     return mapEach(text, [](std::string& out, utf8proc_int32_t c) {
+        // utf8proc maps character by character; the one unconditional special case of full
+        // lower-casing keeps its dot.
+        if (c == 0x130) {
+            out += "i\u0307";
+            return;
+        }
         appendUTF8(out, static_cast<char32_t>(utf8proc_tolower(c)));
     });
 }
@@ -147,7 +153,18 @@ std::vector<std::string> graphemeClusters(std::string_view text) {
 }
 
 std::size_t characterCount(std::string_view text) {
-    return graphemeClusters(text).size();
+    // Counted without building the clusters: a name read from a file may be megabytes long.
+    std::size_t count = 0;
+    std::size_t pos = 0;
+    utf8proc_int32_t previous = -1;
+    utf8proc_int32_t state = 0;
+    while (pos < text.size()) {
+        auto codePoint = next(text, pos);
+        if (codePoint < 0) codePoint = 0xFFFD;
+        if (count == 0 || utf8proc_grapheme_break_stateful(previous, codePoint, &state)) ++count;
+        previous = codePoint;
+    }
+    return count;
 }
 
 std::string trimmed(std::string_view text) {
@@ -182,12 +199,63 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
         }
         return true;
     }
-    bool okA = false;
-    bool okB = false;
-    std::string foldedA = mapWithOptions(a, UTF8PROC_CASEFOLD | UTF8PROC_COMPOSE, okA);
-    std::string foldedB = mapWithOptions(b, UTF8PROC_CASEFOLD | UTF8PROC_COMPOSE, okB);
-    if (!okA || !okB) return lowercased(a) == lowercased(b);
-    return foldedA == foldedB;
+    return caseInsensitiveKey(a) == caseInsensitiveKey(b);
+}
+
+std::string caseInsensitiveKey(std::string_view text) {
+    if (isASCII(text)) return lowercased(text);
+    bool ok = false;
+    // Case folding with canonical composition: NFC and NFD spellings fold alike.
+    std::string folded = mapWithOptions(text, UTF8PROC_CASEFOLD | UTF8PROC_COMPOSE, ok);
+    return ok ? folded : lowercased(text);
+}
+
+namespace {
+
+// Length of the control character or line separator starting at `pos`, or 0.
+std::size_t controlLength(std::string_view text, std::size_t pos) noexcept {
+    auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    unsigned char c = byte(pos);
+    if (c < 0x20 || c == 0x7F) return 1;
+    if (c == 0xC2 && pos + 1 < text.size() && byte(pos + 1) >= 0x80 && byte(pos + 1) <= 0x9F) return 2;
+    if (c == 0xE2 && pos + 2 < text.size() && byte(pos + 1) == 0x80 && (byte(pos + 2) == 0xA8 || byte(pos + 2) == 0xA9)) {
+        return 3;
+    }
+    return 0;
+}
+
+}  // namespace
+
+bool hasControlCharacter(std::string_view text) noexcept {
+    for (std::size_t pos = 0; pos < text.size(); ++pos) {
+        if (controlLength(text, pos) != 0) return true;
+    }
+    return false;
+}
+
+std::string escapingControlCharacters(std::string_view text) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t pos = 0; pos < text.size();) {
+        std::size_t length = controlLength(text, pos);
+        if (length == 0) {
+            out += text[pos++];
+            continue;
+        }
+        char32_t codePoint = decode(text.substr(pos, length)).front();
+        if (length == 1) {
+            out += "\\x";
+        } else {
+            out += "\\u";
+            out += hex[(codePoint >> 12) & 15];
+            out += hex[(codePoint >> 8) & 15];
+        }
+        out += hex[(codePoint >> 4) & 15];
+        out += hex[codePoint & 15];
+        pos += length;
+    }
+    return out;
 }
 
 bool isLetterOrNumber(char32_t codePoint) {
@@ -204,6 +272,11 @@ bool isLetterOrNumber(char32_t codePoint) {
         default:
             return false;
     }
+}
+
+bool isMark(char32_t codePoint) {
+    auto category = utf8proc_category(static_cast<utf8proc_int32_t>(codePoint));
+    return category == UTF8PROC_CATEGORY_MN || category == UTF8PROC_CATEGORY_MC || category == UTF8PROC_CATEGORY_ME;
 }
 
 std::u32string decode(std::string_view text) {

@@ -243,6 +243,12 @@ void ProfileDocument::validate() const {
         }
         std::string name = trimBlanks(candidate.name);
         if (name.empty()) throw VeerlineError::invalidProfile("Profile names can't be empty.");
+        // A name is printed on terminals and in prompts: an escape sequence in it would act there.
+        if (unicode::hasControlCharacter(name)) {
+            throw VeerlineError::invalidProfile(curlyQuoted(unicode::escapingControlCharacters(name)) +
+                                                " holds a control character or line break. Use letters, "
+                                                "numbers, spaces and punctuation.");
+        }
         if (unicode::characterCount(name) > 40) {
             throw VeerlineError::invalidProfile(curlyQuoted(name) +
                                                 " is too long. Use 40 characters or fewer.");
@@ -251,7 +257,8 @@ void ProfileDocument::validate() const {
             throw VeerlineError::invalidProfile("Two profiles share the id " +
                                                 curlyQuoted(candidate.id.rawValue) + ".");
         }
-        if (!names.insert(unicode::lowercased(name)).second) {
+        // The key of the look-up by name, so that every name saved can be found again.
+        if (!names.insert(unicode::caseInsensitiveKey(name)).second) {
             throw VeerlineError::invalidProfile("There's already a profile called " + curlyQuoted(name) + ".");
         }
     }
@@ -287,6 +294,11 @@ void ProfileDocument::validate() const {
 }
 
 ProfileDocument decodeDocument(std::string_view text) {
+    // The JSON reader takes a NUL byte for the end of the text, and valid JSON never holds one:
+    // whatever follows must not pass unread.
+    if (std::size_t nul = text.find('\0'); nul != std::string_view::npos) {
+        throw DocumentDecodeError("not valid JSON (a NUL byte at " + position(text, nul) + ")");
+    }
     json root;
     try {
         root = json::parse(text.begin(), text.end());

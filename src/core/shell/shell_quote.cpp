@@ -9,16 +9,22 @@ namespace {
 bool isPlainWord(std::string_view text) {
     if (text.empty()) return false;
     static constexpr std::string_view allowedPunctuation = "-_./:=@%+,";
-    // A user-perceived character counts by its first code point, so an accented letter written
-    // with a combining mark stays a letter; whatever follows inside a cluster is never ASCII.
-    for (const std::string& character : unicode::graphemeClusters(text)) {
-        std::u32string codePoints = unicode::decode(character);
-        if (codePoints.empty()) return false;
-        char32_t first = codePoints.front();
-        if (first < 0x80 && allowedPunctuation.find(static_cast<char>(first)) != std::string_view::npos) {
+    // Every code point is judged, not each user-perceived character by its first one: a
+    // "prepend" letter (U+0D4E) joins the ";" after it into one character. Combining marks may
+    // stay, so an accent typed as a separate mark keeps a word plain; the shell sees no ASCII
+    // in them.
+    for (char32_t codePoint : unicode::decode(text)) {
+        if (codePoint < 0x80) {
+            bool alphanumeric = (codePoint >= 'a' && codePoint <= 'z') || (codePoint >= 'A' && codePoint <= 'Z') ||
+                                (codePoint >= '0' && codePoint <= '9');
+            if (!alphanumeric && allowedPunctuation.find(static_cast<char>(codePoint)) == std::string_view::npos) {
+                return false;
+            }
             continue;
         }
-        if (!unicode::isLetterOrNumber(first)) return false;
+        if (codePoint == U'\uFFFD' || !(unicode::isLetterOrNumber(codePoint) || unicode::isMark(codePoint))) {
+            return false;
+        }
     }
     return true;
 }
