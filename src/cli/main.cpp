@@ -4,13 +4,16 @@
 // wrongly.
 
 #include <CLI/CLI.hpp>
+#include <signal.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <iostream>
 
 #include "cli/cli.h"
 #include "cli/output.h"
 #include "base/error.h"
+#include "base/interrupt_cleanup.h"
 #include "base/unicode.h"
 
 using namespace veerline;
@@ -59,9 +62,61 @@ void printError(const std::string& message) {
     std::cerr << "veerline: " << message << "\n";
 }
 
+extern "C" void ignoreSignal(int) {}
+
+// Standard output and error through TerminalSafeOutput for the whole run, put back before the
+// buffers go away.
+class SafeStandardStreams {
+public:
+    SafeStandardStreams() : out_(STDOUT_FILENO), err_(STDERR_FILENO) {
+        previousOut_ = std::cout.rdbuf(&out_);
+        previousErr_ = std::cerr.rdbuf(&err_);
+    }
+    ~SafeStandardStreams() {
+        std::cout.flush();
+        std::cerr.flush();
+        std::cout.rdbuf(previousOut_);
+        std::cerr.rdbuf(previousErr_);
+    }
+
+    // The exit status with output failures counted: what the user asked for may be lost when
+    // standard output could not be written (a full disk, a closed pipe), so it is an error.
+    int finish(int status) {
+        std::cout.flush();
+        if (out_.error() == 0) return status;
+        printError(std::string("Couldn't write to standard output: ") + std::strerror(out_.error()));
+        return status == 0 ? 1 : status;
+    }
+
+private:
+    TerminalSafeOutput out_;
+    TerminalSafeOutput err_;
+    std::streambuf* previousOut_ = nullptr;
+    std::streambuf* previousErr_ = nullptr;
+};
+
+int runCommand(int argc, char** argv);
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // An interrupted save or install leaves no temporary files behind.
+    RemoveOnInterrupt::installHandlers();
+    // Over a file-size limit, writes then fail with "File too large" and the usual message
+    // instead of the signal ending the command silently. A handler rather than SIG_IGN, so that
+    // the programs `veerline` runs start with the default.
+    struct sigaction fileSizeAction {};
+    fileSizeAction.sa_handler = ignoreSignal;
+    sigemptyset(&fileSizeAction.sa_mask);
+    ::sigaction(SIGXFSZ, &fileSizeAction, nullptr);
+
+    SafeStandardStreams streams;
+    return streams.finish(runCommand(argc, argv));
+}
+
+namespace {
+
+int runCommand(int argc, char** argv) {
     Context context = Context::current();
 
     CLI::App app{"Keeps several accounts of the claude and codex command-line tools apart: each "
@@ -108,3 +163,5 @@ int main(int argc, char** argv) {
         return 1;
     }
 }
+
+}  // namespace

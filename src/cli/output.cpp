@@ -1,8 +1,12 @@
 #include "cli/output.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 
+#include "base/file_io.h"
 #include "base/unicode.h"
 
 namespace veerline::cli {
@@ -61,6 +65,88 @@ void Table::print(std::ostream& out) const {
         while (!line.empty() && line.back() == ' ') line.pop_back();
         out << line << "\n";
     }
+}
+
+namespace {
+
+constexpr std::size_t kOutputBuffer = 4096;
+
+// Length of a plain colour sequence (ESC [ digits and ";" m) at `pos`; 0 when there is none, and
+// std::string::npos when the text ends before it could be told.
+std::size_t colourSequenceLength(std::string_view text, std::size_t pos) {
+    constexpr std::size_t longest = 32;
+    for (std::size_t i = pos + 1; i < text.size() && i - pos < longest; ++i) {
+        char c = text[i];
+        if (i == pos + 1) {
+            if (c != '[') return 0;
+        } else if (c == 'm') {
+            return i + 1 - pos;
+        } else if (!((c >= '0' && c <= '9') || c == ';')) {
+            return 0;
+        }
+    }
+    return text.size() - pos < longest ? std::string::npos : 0;
+}
+
+// Bytes at the end of `text` that may be the start of a control character written in UTF-8.
+bool mayContinue(std::string_view text, std::size_t pos) {
+    auto rest = text.substr(pos);
+    return rest == "\xC2" || rest == "\xE2" || rest == "\xE2\x80";
+}
+
+}  // namespace
+
+TerminalSafeOutput::int_type TerminalSafeOutput::overflow(int_type c) {
+    if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+    pending_ += traits_type::to_char_type(c);
+    if (pending_.size() >= kOutputBuffer) drain(false);
+    return c;
+}
+
+std::streamsize TerminalSafeOutput::xsputn(const char* text, std::streamsize count) {
+    pending_.append(text, static_cast<std::size_t>(count));
+    if (pending_.size() >= kOutputBuffer) drain(false);
+    return count;
+}
+
+int TerminalSafeOutput::sync() {
+    drain(true);
+    return error_ == 0 ? 0 : -1;
+}
+
+void TerminalSafeOutput::drain(bool everything) {
+    std::string safe;
+    safe.reserve(pending_.size());
+    std::size_t pos = 0;
+    std::size_t plainStart = 0;
+    auto flushPlain = [&](std::size_t end) {
+        safe += unicode::escapingControlCharacters(std::string_view(pending_).substr(plainStart, end - plainStart));
+    };
+    while (pos < pending_.size()) {
+        char c = pending_[pos];
+        if (c == '\n' || c == '\t') {
+            flushPlain(pos);
+            safe += c;
+            plainStart = ++pos;
+            continue;
+        }
+        if (c == '\x1b') {
+            std::size_t length = colourSequenceLength(pending_, pos);
+            if (length == std::string::npos && !everything) break;
+            if (length != 0 && length != std::string::npos) {
+                flushPlain(pos);
+                safe.append(pending_, pos, length);
+                pos += length;
+                plainStart = pos;
+                continue;
+            }
+        }
+        if (!everything && mayContinue(pending_, pos)) break;
+        ++pos;
+    }
+    flushPlain(pos);
+    pending_.erase(0, pos);
+    if (error_ == 0) error_ = writeAll(fd_, safe);
 }
 
 bool confirm(const std::string& question) {

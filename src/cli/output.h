@@ -3,6 +3,7 @@
 // How `veerline` shows things: aligned tables, colour swatches and questions.
 
 #include <iosfwd>
+#include <streambuf>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,33 @@ private:
 
 // A "●" and a space in the profile's colour for a 24-bit terminal; nothing without colour.
 std::string swatch(ProfileColor color, bool colour);
+
+// Standard output or error for `veerline`: names, paths and messages come from files anyone
+// could have written, so every control character is written out as an escape ("\x1B") and
+// cannot clear the screen or retitle the terminal; line feeds, tabs and plain colour sequences
+// (ESC [ digits and ";" m) pass. Writes straight to the descriptor and remembers the first
+// failure, so that a full disk or a closed pipe is an error rather than lost output.
+class TerminalSafeOutput : public std::streambuf {
+public:
+    explicit TerminalSafeOutput(int fd) : fd_(fd) {}
+    ~TerminalSafeOutput() override { sync(); }
+
+    // 0, or the errno of the first write that failed.
+    int error() const noexcept { return error_; }
+
+protected:
+    int_type overflow(int_type c) override;
+    std::streamsize xsputn(const char* text, std::streamsize count) override;
+    int sync() override;
+
+private:
+    // Writes what is pending; an unfinished sequence at the end waits unless `everything`.
+    void drain(bool everything);
+
+    int fd_;
+    int error_ = 0;
+    std::string pending_;
+};
 
 // Asks a yes/no question on the terminal; only an answer starting with "y" or "Y" is a yes.
 bool confirm(const std::string& question);

@@ -19,6 +19,7 @@
 #include "resolution/document_loading.h"
 #include "base/environment.h"
 #include "base/paths.h"
+#include "base/unicode.h"
 #include "resolution/rule_resolver.h"
 #include "resolution/shim_plan.h"
 #include "platform/platform.h"
@@ -115,7 +116,8 @@ private:
         std::string cwd = run.workingDirectory();
         Resolution resolution = RuleResolver(std::move(*document), run.paths.home).resolve(cwd, cwd);
         if (resolution.profile) {
-            std::string line = resolution.profile->name + "\n";
+            // Shown in the prompt: a control character must not act on the terminal.
+            std::string line = unicode::escapingControlCharacters(resolution.profile->name) + "\n";
             std::fwrite(line.data(), 1, line.size(), stdout);
         }
     }
