@@ -1,0 +1,285 @@
+// What Veerline reads from disk is input, not instructions: crafted ids, special files and links
+// in place of its files, kills and output failures, each tried on the built `veerline` and
+// `veerline-resolve` in a temporary HOME. Canary files outside HOME prove nothing outside
+// Veerline's own folders is touched.
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "support/test_support.h"
+
+namespace veerline::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+class HostileProfilesTest : public ::testing::Test {
+protected:
+    TempDir root{"veerline-hostile"};
+    std::string home = root / "home";
+    std::string outside = root / "outside";
+    std::string support = home + "/Library/Application Support/Veerline";
+    std::string profilesFile = support + "/profiles.json";
+    std::string tools = root / "tools";
+
+    void SetUp() override {
+        writeFile(outside + "/canary", "keep");
+        // Where SUPPORT/claude-code/work-aaaa leads when claude-code is a link to `outside`.
+        writeFile(outside + "/work-aaaa/canary", "keep");
+        writeFakeTool(tools + "/claude");
+        writeFakeTool(tools + "/codex");
+        makeSymlink(VEERLINE_RESOLVE_BINARY, home + "/.veerline/bin/claude");
+        makeSymlink(VEERLINE_RESOLVE_BINARY, home + "/.veerline/bin/codex");
+    }
+
+    // Every path below `outside` with its content, to compare before and after.
+    std::map<std::string, std::string> outsideFiles() const {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(outside)) {
+            files[entry.path()] = entry.is_symlink() ? "link" : entry.is_regular_file() ? readFile(entry.path()) : "";
+        }
+        return files;
+    }
+
+    // Runs under `timeout`: nothing Veerline reads may hang it (exit 124 if it does).
+    RunResult runIn(const std::string& executable, std::vector<std::string> args, const std::string& cwd,
+                    const std::string& path) const {
+        RunOptions options;
+        options.environment = {{"HOME", home}, {"PATH", path}};
+        options.cwd = cwd;
+        args.insert(args.begin(), {"10", executable});
+        return run("/usr/bin/timeout", args, options);
+    }
+    RunResult cli(std::vector<std::string> args) const {
+        return runIn(VEERLINE_CLI_BINARY, std::move(args), home, "/usr/bin:/bin");
+    }
+    RunResult shim(const std::string& tool, const std::string& path = "") const {
+        return runIn(home + "/.veerline/bin/" + tool, {}, home, path.empty() ? tools + ":/usr/bin:/bin" : path);
+    }
+    RunResult prompt(const std::string& cwd = "") const {
+        return runIn(VEERLINE_RESOLVE_BINARY, {"--prompt"}, cwd.empty() ? home : cwd, "/usr/bin:/bin");
+    }
+
+    // A profiles file with a rule for the home folder and the terminal default on the first
+    // profile.
+    std::string writeProfiles(const json& profiles) const {
+        json rule = {{"path", "~"}, {"profileID", profiles[0]["id"]}};
+        std::string text = json{{"version", 1}, {"profiles", profiles}, {"rules", json::array({rule})},
+                                {"cliDefault", profiles[0]["id"]}}.dump();
+        writeFile(profilesFile, text);
+        return text;
+    }
+};
+
+TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByTheShims) {
+    auto evil = [](const std::string& id, const std::string& name = "Evil") { return json{{"id", id}, {"name", name}}; };
+    auto invalid = [](const std::string& id) { return "\u201C" + id + "\u201D isn't a valid profile id."; };
+    // From SUPPORT/codex/ up to `outside`.
+    const std::string escape = "../../../../../outside/x";
+    const std::vector<std::pair<json, std::string>> cases = {
+        {json::array({evil("")}), invalid("")},
+        {json::array({evil("../profiles.json")}), invalid("../profiles.json")},
+        {json::array({evil("../codex")}), invalid("../codex")},
+        {json::array({evil("./")}), invalid("./")},
+        {json::array({evil(escape)}), invalid(escape)},
+        {json::array({evil("work-aaaa"), evil("work-aaaa", "Work")}), "Two profiles share the id \u201Cwork-aaaa\u201D."},
+        {json::array({evil("evil", "Evil\x1b]0;pwned\x07")}),
+         "\u201CEvil\\x1B]0;pwned\\x07\u201D holds a control character or line break. Use letters, numbers, spaces "
+         "and punctuation."},
+    };
+    const std::vector<std::vector<std::string>> commands = {
+        {"profile", "remove", "Evil"}, {"profile", "rename", "Evil", "Nice"}, {"profile", "set", "Evil", "--badge", "X"},
+        {"profile", "add", "New"},     {"profile", "list"},                   {"env", "Evil"},
+        {"run", "Evil", "--", "true"}, {"login", "Evil", "codex", "--print"}, {"default", "Evil"},
+        {"default"},                   {"rule", "add", "~/p", "Evil"},        {"which"},
+    };
+    writeFile(support + "/claude-code/keep/canary", "keep");
+    writeFile(support + "/codex/keep/canary", "keep");
+    const auto before = outsideFiles();
+
+    for (const auto& [profiles, message] : cases) {
+        const std::string text = writeProfiles(profiles);
+        for (const auto& command : commands) {
+            RunResult result = cli(command);
+            EXPECT_EQ(result.exitCode, 1) << text << "\n" << command[0];
+            EXPECT_EQ(result.err, "veerline: Couldn't read " + profilesFile + ": " + message + "\n") << command[0];
+            EXPECT_EQ(result.out, "") << command[0];
+        }
+        // The shims pass the tools through unchanged; the prompt shows nothing.
+        for (const std::string tool : {"claude", "codex"}) {
+            RunResult result = shim(tool);
+            ASSERT_EQ(result.exitCode, 0) << result.err;
+            auto environment = parseFakeToolReport(result.out).environment;
+            EXPECT_FALSE(environment.contains("CLAUDE_CONFIG_DIR") || environment.contains("CODEX_HOME")) << text;
+        }
+        EXPECT_EQ(prompt().out, "");
+        EXPECT_EQ(readFile(profilesFile), text);
+        EXPECT_EQ(readFile(support + "/claude-code/keep/canary") + readFile(support + "/codex/keep/canary"), "keepkeep");
+        EXPECT_EQ(outsideFiles(), before) << text;
+    }
+}
+
+TEST_F(HostileProfilesTest, SpecialFilesNeitherHangNorSwampAReader) {
+    const std::string good = writeProfiles(json::array({{{"id", "work"}, {"name", "Work"}}}));
+    const std::string appPath = home + "/.veerline/app-path";
+    const std::string hint = support + "/codex-app-path";
+    const std::string dotfileFolder = home + "/p";
+    const std::string huge(5 << 20, ' ');
+    makeDirs(dotfileFolder);
+
+    for (const std::string kind : {"fifo", "/dev/zero", "huge"}) {
+        auto plant = [&](const std::string& path, const std::string& content) {
+            fs::remove(path);
+            if (kind == "fifo") {
+                EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+            } else if (kind == "huge") {
+                writeFile(path, content + huge);
+            } else {
+                makeSymlink("/dev/zero", path);
+            }
+        };
+        plant(profilesFile, good);
+        RunResult listed = cli({"profile", "list"});
+        EXPECT_EQ(listed.exitCode, 1) << kind;
+        EXPECT_EQ(listed.err, "veerline: Couldn't read " + profilesFile + ": " +
+                                  (kind == "huge" ? "the file is too large (over 4 MB).\n" : "it isn't a regular file.\n"));
+        EXPECT_EQ(prompt().out, "") << kind;
+        RunResult passedThrough = shim("claude");
+        EXPECT_EQ(passedThrough.exitCode, 0) << kind;
+        EXPECT_FALSE(parseFakeToolReport(passedThrough.out).environment.contains("CLAUDE_CONFIG_DIR")) << kind;
+        fs::remove(profilesFile);
+        writeFile(profilesFile, good);
+
+        // The hint files and the dotfile are passed over: Veerline still answers.
+        plant(appPath, "/no/such/app");
+        EXPECT_EQ(prompt().out, "Work\n") << kind;
+        EXPECT_EQ(parseFakeToolReport(shim("claude").out).environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
+        fs::remove(appPath);
+        plant(hint, "/no/such/ChatGPT.app");
+        RunResult noCodex = shim("codex", "/usr/bin:/bin");
+        EXPECT_EQ(noCodex.exitCode, 127) << kind;
+        EXPECT_EQ(noCodex.err, "veerline: couldn't find the real `codex` on your PATH. Is it installed?\n");
+        plant(dotfileFolder + "/.veerline", "Nobody");
+        EXPECT_EQ(prompt(dotfileFolder).out, "Work\n") << kind;
+    }
+}
+
+TEST_F(HostileProfilesTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowedToDelete) {
+    const json work = json::array({{{"id", "work-aaaa"}, {"name", "Work"}}});
+    const auto before = outsideFiles();
+    writeProfiles(work);
+
+    // A data folder that is a link goes as a link.
+    makeDirs(support + "/claude-code");
+    makeSymlink(outside, support + "/codex/work-aaaa");
+    RunResult removed = cli({"profile", "remove", "Work"});
+    EXPECT_EQ(removed.exitCode, 0) << removed.err;
+    EXPECT_FALSE(fs::is_symlink(support + "/codex/work-aaaa"));
+    EXPECT_EQ(outsideFiles(), before);
+
+    // A tool folder that is a link is not gone through.
+    writeProfiles(work);
+    fs::remove(support + "/claude-code");
+    makeSymlink(outside, support + "/claude-code");
+    RunResult refused = cli({"profile", "remove", "Work"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.ends_with("veerline: Refused to delete " + support +
+                                      "/claude-code/work-aaaa because it isn't inside Veerline's own data folder.\n"))
+        << refused.err;
+    EXPECT_EQ(outsideFiles(), before);
+
+    // The lock file is never created or locked through a link.
+    fs::remove(support + "/.profiles.lock");
+    makeSymlink(outside + "/lock", support + "/.profiles.lock");
+    RunResult locked = cli({"profile", "add", "Locked"});
+    EXPECT_EQ(locked.exitCode, 1);
+    EXPECT_TRUE(locked.err.starts_with("veerline: Couldn't open " + support + "/.profiles.lock: ")) << locked.err;
+    EXPECT_EQ(outsideFiles(), before);
+    fs::remove(support + "/.profiles.lock");
+
+    // The profiles file kept elsewhere through a link stays a link.
+    fs::rename(profilesFile, home + "/synced.json");
+    makeSymlink("../../../synced.json", profilesFile);
+    EXPECT_EQ(cli({"profile", "add", "Linked"}).exitCode, 0);
+    EXPECT_TRUE(fs::is_symlink(profilesFile));
+    EXPECT_NE(readFile(home + "/synced.json").find("\"Linked\""), std::string::npos);
+}
+
+TEST_F(HostileProfilesTest, ProfilesFilesVeerlineDidNotWriteAreRefusedAndKept) {
+    const std::string tooNew = "veerline: Your profiles were saved by a newer version of Veerline (format ";
+    const std::string empty = R"("profiles": [], "rules": []})";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {R"({"version": 2.0, )" + empty, tooNew + "2). Update Veerline to change them.\n"},
+        {R"({"version": 1e1, )" + empty, tooNew + "10). Update Veerline to change them.\n"},
+        {R"({"version": 1, )" + empty + std::string("\0garbage", 8),
+         "veerline: Couldn't read " + profilesFile + ": not valid JSON (a NUL byte at line 1, column 44)\n"},
+    };
+    for (const auto& [text, message] : cases) {
+        writeFile(profilesFile, text);
+        RunResult added = cli({"profile", "add", "X"});
+        EXPECT_EQ(added.exitCode, 1);
+        EXPECT_EQ(added.err, message);
+        EXPECT_EQ(readFile(profilesFile), text);
+    }
+
+    // Names equal once case-folded and composed are the same name, as look-up by name finds them.
+    fs::remove(profilesFile);
+    EXPECT_EQ(cli({"profile", "add", "Caf\u00E9"}).exitCode, 0);
+    RunResult decomposed = cli({"profile", "add", "CAFE\u0301"});
+    EXPECT_EQ(decomposed.exitCode, 1);
+    EXPECT_EQ(decomposed.err, "veerline: There's already a profile called \u201CCAFE\u0301\u201D.\n");
+}
+
+TEST_F(HostileProfilesTest, OutputFailuresKillsAndEscapesAreHandled) {
+    // A control character reaching output (here from a folder name) is shown escaped.
+    const std::string folder = home + "/a\x1b]0;x\x07";
+    writeFile(folder + "/.veerline", "Nobody");
+    EXPECT_EQ(runIn(VEERLINE_CLI_BINARY, {"which"}, folder, "/usr/bin:/bin").out,
+              "No profile applies here: no folder rule, dotfile or terminal default covers it.\nWarning: " + home +
+                  "/a\\x1B]0;x\\x07/.veerline names \u201CNobody\u201D, but there's no profile with that name.\n");
+
+    auto shell = [&](const std::string& script) {
+        return runIn("/bin/sh", {"-c", script, VEERLINE_CLI_BINARY}, home, "/usr/bin:/bin");
+    };
+    RunResult full = shell(R"(exec "$0" profile add Zed > /dev/full)");
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_EQ(full.err, "veerline: Couldn't write to standard output: No space left on device\n");
+    RunResult limited = shell(R"(ulimit -f 0 && exec "$0" profile add Big)");
+    EXPECT_EQ(limited.exitCode, 1);
+    EXPECT_EQ(limited.err, "veerline: Couldn't save profiles: File too large\n");
+
+    // Saves killed at random moments leave the file valid; the next save removes what they left
+    // behind, but not the temporary file of a process that still runs.
+    writeFile(support + "/profiles.json.tmp.99999999.7", "stale");
+    const std::string live = support + "/profiles.json.tmp." + std::to_string(::getpid()) + ".7";
+    writeFile(live, "live");
+    for (int kill = 0; kill < 30; ++kill) {
+        pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            ::setenv("HOME", home.c_str(), 1);
+            ::execl(VEERLINE_CLI_BINARY, "veerline", "profile", "add", ("K" + std::to_string(kill)).c_str(), nullptr);
+            ::_exit(127);
+        }
+        ::usleep(static_cast<useconds_t>(500 * (kill % 12)));
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    EXPECT_EQ(cli({"profile", "add", "Last"}).exitCode, 0);
+    EXPECT_EQ(cli({"profile", "list"}).exitCode, 0);
+    std::vector<std::string> temporary;
+    for (const auto& entry : fs::directory_iterator(support)) {
+        if (entry.path().filename().string().starts_with("profiles.json.tmp.")) temporary.push_back(entry.path());
+    }
+    EXPECT_EQ(temporary, std::vector<std::string>{live});
+}
+
+}  // namespace
+}  // namespace veerline::testing
