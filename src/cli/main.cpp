@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 
 #include "cli/cli.h"
@@ -70,8 +71,9 @@ int main(int argc, char** argv) {
                  "veerline"};
     app.set_version_flag("--version", kVersion, "Print the version and exit");
     app.require_subcommand(0, 1);
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("veerline: ") + error.what() + "\nRun `veerline --help` for usage.\n";
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    app.failure_message([&words](const CLI::App* failed, const CLI::Error& error) {
+        return usageErrorReport(*failed, error.what(), words);
     });
 
     Action chosen;
@@ -98,7 +100,7 @@ int main(int argc, char** argv) {
     try {
         return chosen();
     } catch (const UsageError& error) {
-        printError(error.what());
+        std::cerr << usageErrorReport(app, error.what(), words);
         return 2;
     } catch (const VeerlineError& error) {
         printError(error.errorDescription());

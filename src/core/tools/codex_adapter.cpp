@@ -51,6 +51,7 @@ void putFileAtomically(const std::string& target, std::string_view content, bool
         if (exists(target)) return;
     }
     if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw ioErrorFromErrno("write " + target, errno);
+    temporary.keep();
 }
 
 // Whether `path` is a regular file holding exactly a starter text of an earlier version.
