@@ -54,6 +54,7 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRuleCommands(CLI::App& app, const Context& context, Action& chosen);
 void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
+void addCompletionCommands(CLI::App& app, const Context& context, Action& chosen);
 
 // The report of a command typed wrongly: "veerline: " and `message`, the command line with
 // "--" in its place when an option meant for another program was typed before it, and where to
