@@ -58,6 +58,10 @@ std::string fallbackHomeDirectory();
 // The per-user temporary folder, without a trailing "/".
 std::string temporaryDirectory();
 
+// Variables through which the tools reach the user's session services, such as a keyring; the
+// tools' own commands get them besides the base environment.
+std::span<const std::string_view> sessionServiceVariables() noexcept;
+
 // The first lines of a managed profile's Codex "config.toml": where Codex keeps the profile's
 // sign-in on this system, with a comment saying so for whoever opens the file.
 std::string_view codexStarterConfig() noexcept;

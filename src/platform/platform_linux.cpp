@@ -241,6 +241,12 @@ std::string temporaryDirectory() {
     return folder;
 }
 
+std::span<const std::string_view> sessionServiceVariables() noexcept {
+    // The Secret Service answers on the session bus, found through these two.
+    static constexpr std::string_view names[] = {"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR"};
+    return names;
+}
+
 std::string_view codexStarterConfig() noexcept {
     // "keyring" alone fails every sign-in where no Secret Service runs (servers, SSH sessions,
     // containers, minimal desktops); "auto" falls back to a file that only the user can read.

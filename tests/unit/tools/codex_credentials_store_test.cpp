@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/platform.h"
 #include "support/test_support.h"
+#include "tools/process_runner.h"
 #include "tools/codex_adapter.h"
 
 namespace veerline {
@@ -86,6 +88,12 @@ TEST_F(CodexCredentialsStoreTest, OnlyAnUntouchedOldStarterIsReplaced) {
     struct stat st {};
     EXPECT_TRUE(::lstat(config.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
     EXPECT_EQ(testing::readFile(config), keyringStarter);
+}
+
+TEST(CodexKeyringTest, StatusChecksCanReachTheSessionKeyring) {
+    if (platform::sessionServiceVariables().empty()) GTEST_SKIP() << "no variables lead to this system's keyring";
+    Environment session{{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/1000/bus"}, {"XDG_RUNTIME_DIR", "/run/user/1000"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(session), session);
 }
 
 }  // namespace
