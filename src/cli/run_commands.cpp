@@ -65,19 +65,28 @@ std::vector<std::string> splitNames(const std::string& list) {
     return names;
 }
 
+// Pointers to the strings, then a null pointer: an argv or envp for exec.
+std::vector<char*> nullTerminated(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (auto& text : strings) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> environmentEntries(const Environment& environment) {
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
+    return entries;
+}
+
 // Replaces this process with `file`; on failure prints why and returns the shell's status
 // for it (127 not found, 126 otherwise).
 int execute(const std::string& file, const std::vector<std::string>& arguments, const Environment& environment,
             bool searchPath) {
-    std::vector<std::string> entries;
-    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (auto& entry : entries) envp.push_back(entry.data());
-    envp.push_back(nullptr);
+    std::vector<std::string> entries = environmentEntries(environment);
+    std::vector<char*> envp = nullTerminated(entries);
     std::vector<std::string> args = arguments;
-    std::vector<char*> argv;
-    for (auto& argument : args) argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv = nullTerminated(args);
 
     std::cout.flush();
     std::cerr.flush();
@@ -135,25 +144,20 @@ int runWithProfile(const Context& context, const RunOptions& options) {
 // Returns its exit status, or 128 plus the signal that ended it.
 int runWithInput(const std::string& file, const std::vector<std::string>& arguments, const Environment& environment,
                  std::string_view input) {
+    std::vector<std::string> entries = environmentEntries(environment);
+    std::vector<char*> envp = nullTerminated(entries);
+    std::vector<std::string> args = arguments;
+    std::vector<char*> argv = nullTerminated(args);
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) throw ioErrorFromErrno("start " + file, errno);
     FileDescriptor reading(ends[0]);
     FileDescriptor writing(ends[1]);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, reading.get(), STDIN_FILENO);
-    std::vector<std::string> entries;
-    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (auto& entry : entries) envp.push_back(entry.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> args = arguments;
-    std::vector<char*> argv;
-    for (auto& argument : args) argv.push_back(argument.data());
-    argv.push_back(nullptr);
 
     std::cout.flush();
     std::cerr.flush();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, reading.get(), STDIN_FILENO);
     pid_t child = 0;
     int spawnError = ::posix_spawn(&child, file.c_str(), &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
@@ -173,6 +177,12 @@ int runWithInput(const std::string& file, const std::vector<std::string>& argume
     }
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
+
+// A secret in memory, overwritten when it is no longer needed.
+struct WipedOnExit {
+    std::string text;
+    ~WipedOnExit() { OPENSSL_cleanse(text.data(), text.size()); }
+};
 
 // Claude Code takes an API key from the environment only, so Veerline has to keep the key for
 // the profile and hand it over at each start: that needs the secret store.
@@ -220,12 +230,11 @@ int login(const Context& context, const RunOptions& options) {
     std::vector<std::string> arguments = {command->executable};
     arguments.insert(arguments.end(), command->arguments.begin(), command->arguments.end());
     if (options.apiKey) {
-        std::string key = readSecret(toolName + " API key for " + curlyQuoted(profile.name) + ": ");
+        // Codex reads up to the end of its input, so the key goes without a line feed.
+        WipedOnExit key{readSecret(toolName + " API key for " + curlyQuoted(profile.name) + ": ")};
         std::cerr << "Signing in to " << toolName << " for " << curlyQuoted(profile.name)
                   << " with the key: " << command->shellLine() << "\n";
-        int status = runWithInput(command->executable, arguments, environment, key + "\n");
-        OPENSSL_cleanse(key.data(), key.size());
-        return status;
+        return runWithInput(command->executable, arguments, environment, key.text);
     }
     std::cerr << "Signing in to " << toolName << " for " << curlyQuoted(profile.name) << ": " << command->shellLine()
               << "\n";

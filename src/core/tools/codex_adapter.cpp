@@ -11,8 +11,8 @@
 #include "base/error.h"
 #include "base/file_io.h"
 #include "base/unicode.h"
-#include "tools/process_runner.h"
 #include "platform/platform.h"
+#include "tools/process_runner.h"
 
 namespace veerline {
 
@@ -171,7 +171,7 @@ CodexAdapter::LoginState CodexAdapter::parseLoginStatus(std::string_view text) {
             if (auto dash = method.find(" - "); dash != std::string_view::npos) method = method.substr(0, dash);
             return LoginState::signedIn(std::string(method));
         }
-        // Since 0.16x, an API key is reported as "API key configured - sk-proj-***1234".
+        // codex-cli 0.169.0 reports a key as "API key configured - sk-proj-***12345".
         if (line.starts_with("API key configured")) return LoginState::signedIn("API key");
         if (line.starts_with("Not logged in")) return LoginState::signedOut();
     }
