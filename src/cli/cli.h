@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "base/environment.h"
 #include "base/paths.h"
@@ -53,6 +54,13 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRuleCommands(CLI::App& app, const Context& context, Action& chosen);
 void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
+void addCompletionCommands(CLI::App& app, const Context& context, Action& chosen);
+
+// The report of a command typed wrongly: "veerline: " and `message`, the command line with
+// "--" in its place when an option meant for another program was typed before it, and where to
+// read the usage of the command the parser reached. `words` are the arguments after the
+// program's name.
+std::string usageErrorReport(const CLI::App& app, const std::string& message, const std::vector<std::string>& words);
 
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.

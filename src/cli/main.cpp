@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 
@@ -125,8 +126,9 @@ int runCommand(int argc, char** argv) {
                  "veerline"};
     app.set_version_flag("--version", kVersion, "Print the version and exit");
     app.require_subcommand(0, 1);
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("veerline: ") + error.what() + "\nRun `veerline --help` for usage.\n";
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    app.failure_message([&words](const CLI::App* failed, const CLI::Error& error) {
+        return usageErrorReport(*failed, error.what(), words);
     });
 
     Action chosen;
@@ -134,6 +136,7 @@ int runCommand(int argc, char** argv) {
     addRuleCommands(app, context, chosen);
     addRunCommands(app, context, chosen);
     addShellCommands(app, context, chosen);
+    addCompletionCommands(app, context, chosen);
     // Set after the commands are added, which would otherwise inherit it.
     app.footer("Run `veerline COMMAND --help` for the options of a command.");
 
@@ -153,7 +156,7 @@ int runCommand(int argc, char** argv) {
     try {
         return chosen();
     } catch (const UsageError& error) {
-        printError(error.what());
+        std::cerr << usageErrorReport(app, error.what(), words);
         return 2;
     } catch (const VeerlineError& error) {
         printError(error.errorDescription());

@@ -185,18 +185,18 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen) {
     onSelected(add, chosen, [&context, options] { return addProfile(context, *options); });
 
     CLI::App* rename = group->add_subcommand("rename", "Give a profile a new name (its id stays)");
-    rename->add_option("name", options->name, nameHelp)->required();
+    rename->add_option("name", options->name, nameHelp)->required()->type_name("PROFILE");
     rename->add_option("new-name", options->newName, "The new name")->required();
     onSelected(rename, chosen, [&context, options] { return renameProfile(context, *options); });
 
     CLI::App* set = group->add_subcommand("set", "Change a profile's colour, badge, tools or storage");
-    set->add_option("name", options->name, nameHelp)->required();
+    set->add_option("name", options->name, nameHelp)->required()->type_name("PROFILE");
     addAppearance(set);
     onSelected(set, chosen, [&context, options] { return setProfile(context, *options); });
 
     CLI::App* remove = group->add_subcommand(
         "remove", "Remove a profile, its folder rules and, unless --keep-data, its tools' data folders");
-    remove->add_option("name", options->name, nameHelp)->required();
+    remove->add_option("name", options->name, nameHelp)->required()->type_name("PROFILE");
     remove->add_flag("--keep-data", options->keepData, "Keep the profile's data folders on disk");
     onSelected(remove, chosen, [&context, options] { return removeProfile(context, *options); });
 }

@@ -2,10 +2,15 @@
 // to a command, or used to sign a tool in.
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -14,7 +19,9 @@
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "cli/secret_input.h"
 #include "base/error.h"
+#include "base/file_io.h"
 #include "tools/claude_code_adapter.h"
 #include "tools/codex_adapter.h"
 #include "profiles/profile_store.h"
@@ -30,8 +37,9 @@ namespace {
 struct RunOptions {
     std::string profile;
     std::string tool;
-    std::vector<std::string> command;
+    std::vector<std::string> command;  // `run`: the command; `login`: more arguments for the sign-in
     bool print = false;
+    bool apiKey = false;
 };
 
 ToolContext toolContext(const Context& context) {
@@ -57,19 +65,28 @@ std::vector<std::string> splitNames(const std::string& list) {
     return names;
 }
 
+// Pointers to the strings, then a null pointer: an argv or envp for exec.
+std::vector<char*> nullTerminated(std::vector<std::string>& strings) {
+    std::vector<char*> pointers;
+    for (auto& text : strings) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+std::vector<std::string> environmentEntries(const Environment& environment) {
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
+    return entries;
+}
+
 // Replaces this process with `file`; on failure prints why and returns the shell's status
 // for it (127 not found, 126 otherwise).
 int execute(const std::string& file, const std::vector<std::string>& arguments, const Environment& environment,
             bool searchPath) {
-    std::vector<std::string> entries;
-    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (auto& entry : entries) envp.push_back(entry.data());
-    envp.push_back(nullptr);
+    std::vector<std::string> entries = environmentEntries(environment);
+    std::vector<char*> envp = nullTerminated(entries);
     std::vector<std::string> args = arguments;
-    std::vector<char*> argv;
-    for (auto& argument : args) argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv = nullTerminated(args);
 
     std::cout.flush();
     std::cerr.flush();
@@ -123,6 +140,58 @@ int runWithProfile(const Context& context, const RunOptions& options) {
     return execute(options.command.front(), options.command, environment, true);
 }
 
+// Runs `file` with `input` on its standard input and this terminal's output, and waits for it.
+// Returns its exit status, or 128 plus the signal that ended it.
+int runWithInput(const std::string& file, const std::vector<std::string>& arguments, const Environment& environment,
+                 std::string_view input) {
+    std::vector<std::string> entries = environmentEntries(environment);
+    std::vector<char*> envp = nullTerminated(entries);
+    std::vector<std::string> args = arguments;
+    std::vector<char*> argv = nullTerminated(args);
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw ioErrorFromErrno("start " + file, errno);
+    FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+
+    std::cout.flush();
+    std::cerr.flush();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, reading.get(), STDIN_FILENO);
+    pid_t child = 0;
+    int spawnError = ::posix_spawn(&child, file.c_str(), &actions, nullptr, argv.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawnError != 0) throw ioErrorFromErrno("run " + file, spawnError);
+    reading.close();
+    // A tool that exits without reading must not take this process down with SIGPIPE.
+    struct sigaction ignore {}, previous {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGPIPE, &ignore, &previous);
+    writeAll(writing.get(), input);
+    writing.close();
+    ::sigaction(SIGPIPE, &previous, nullptr);
+
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) throw ioErrorFromErrno("wait for " + file, errno);
+    }
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+// A secret in memory, overwritten when it is no longer needed.
+struct WipedOnExit {
+    std::string text;
+    ~WipedOnExit() { OPENSSL_cleanse(text.data(), text.size()); }
+};
+
+// Claude Code takes an API key from the environment only, so Veerline has to keep the key for
+// the profile and hand it over at each start: that needs the secret store.
+int signInClaudeCodeWithAPIKey(const Context&, const Profile& profile) {
+    throw VeerlineError::unsupported("Signing Claude Code in with an API key needs the secret store, which this "
+                                     "version of Veerline doesn't have yet. Sign in with `veerline login " +
+                                     ShellQuote::quote(profile.name) + " claude` instead.");
+}
+
 int login(const Context& context, const RunOptions& options) {
     ToolKind kind = parseTool(options.tool);
     ProfileDocument document = ProfileStore(context.paths).load();
@@ -140,12 +209,16 @@ int login(const Context& context, const RunOptions& options) {
         throw VeerlineError::unsupported(curlyQuoted(profile.name) + " doesn't use " + toolName + ". Add it with `veerline profile set " +
                                          ShellQuote::quote(profile.name) + " --tools ...` first.");
     }
+    if (options.apiKey && kind == ToolKind::claudeCode) return signInClaudeCodeWithAPIKey(context, profile);
     auto command = adapter->setUp(profile);
     if (!command) {
         throw VeerlineError::unsupported(toolName + " isn't installed: there's no `" +
                                          std::string(kind == ToolKind::codex ? CodexAdapter::binaryName : ClaudeCodeAdapter::binaryName) +
                                          "` on your PATH.");
     }
+    // Codex reads the key from its standard input, never from its command line.
+    if (options.apiKey) command->arguments.push_back("--with-api-key");
+    command->arguments.insert(command->arguments.end(), options.command.begin(), options.command.end());
     if (options.print) {
         std::cout << command->shellLine() << "\n";
         return 0;
@@ -156,6 +229,13 @@ int login(const Context& context, const RunOptions& options) {
     for (const auto& [name, value] : command->environment) environment[name] = value;
     std::vector<std::string> arguments = {command->executable};
     arguments.insert(arguments.end(), command->arguments.begin(), command->arguments.end());
+    if (options.apiKey) {
+        // Codex reads up to the end of its input, so the key goes without a line feed.
+        WipedOnExit key{readSecret(toolName + " API key for " + curlyQuoted(profile.name) + ": ")};
+        std::cerr << "Signing in to " << toolName << " for " << curlyQuoted(profile.name)
+                  << " with the key: " << command->shellLine() << "\n";
+        return runWithInput(command->executable, arguments, environment, key.text);
+    }
     std::cerr << "Signing in to " << toolName << " for " << curlyQuoted(profile.name) << ": " << command->shellLine()
               << "\n";
     return execute(command->executable, arguments, environment, false);
@@ -195,9 +275,15 @@ void addRunCommands(CLI::App& app, const Context& context, Action& chosen) {
     CLI::App* signIn = app.add_subcommand("login", "Sign a profile in to claude or codex");
     signIn->add_option("profile", options->profile, profileHelp)->required();
     signIn->add_option("tool", options->tool, "claude-code (or claude) or codex")->required();
+    signIn->add_option("arguments", options->command, "More arguments for the tool's sign-in command, after --");
     signIn->add_flag("--print", options->print, "Print the sign-in command instead of running it");
-    signIn->footer("Prepares the profile's data folder, then runs the tool's own sign-in command in this "
-                   "terminal.");
+    signIn->add_flag("--api-key", options->apiKey,
+                     "Sign in with an API key read from standard input (typed unseen on a terminal)");
+    signIn->footer("Write it as: veerline login PROFILE TOOL [-- ARGS...]\n"
+                   "Prepares the profile's data folder, then runs the tool's own sign-in command in this "
+                   "terminal, for example `veerline login Work codex -- --device-auth` on a machine "
+                   "without a browser. With --api-key: `printenv OPENAI_API_KEY | veerline login Work codex "
+                   "--api-key`.");
     onSelected(signIn, chosen, [&context, options] { return login(context, *options); });
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -56,5 +57,17 @@ std::string fallbackHomeDirectory();
 
 // The per-user temporary folder, without a trailing "/".
 std::string temporaryDirectory();
+
+// Variables through which the tools reach the user's session services, such as a keyring; the
+// tools' own commands get them besides the base environment.
+std::span<const std::string_view> sessionServiceVariables() noexcept;
+
+// The first lines of a managed profile's Codex "config.toml": where Codex keeps the profile's
+// sign-in on this system, with a comment saying so for whoever opens the file.
+std::string_view codexStarterConfig() noexcept;
+
+// Starter files that earlier versions wrote on this system. A file that still holds exactly one
+// of them was never edited, so today's starter may replace it.
+std::span<const std::string_view> outdatedCodexStarterConfigs() noexcept;
 
 }  // namespace veerline::platform

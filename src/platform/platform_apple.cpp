@@ -73,6 +73,21 @@ std::string temporaryDirectory() {
     return folder;
 }
 
+std::span<const std::string_view> sessionServiceVariables() noexcept {
+    // The Keychain needs nothing from the environment.
+    return {};
+}
+
+std::string_view codexStarterConfig() noexcept {
+    return "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
+           "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
+           "cli_auth_credentials_store = \"keyring\"\n";
+}
+
+std::span<const std::string_view> outdatedCodexStarterConfigs() noexcept {
+    return {};
+}
+
 }  // namespace veerline::platform
 
 #endif

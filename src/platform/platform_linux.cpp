@@ -241,4 +241,28 @@ std::string temporaryDirectory() {
     return folder;
 }
 
+std::span<const std::string_view> sessionServiceVariables() noexcept {
+    // The Secret Service answers on the session bus, found through these two.
+    static constexpr std::string_view names[] = {"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR"};
+    return names;
+}
+
+std::string_view codexStarterConfig() noexcept {
+    // "keyring" alone fails every sign-in where no Secret Service runs (servers, SSH sessions,
+    // containers, minimal desktops); "auto" falls back to a file that only the user can read.
+    return "# Written by Veerline for this profile. Codex keeps this profile's login in the\n"
+           "# keyring where a Secret Service runs (most desktops), else in auth.json in this\n"
+           "# folder, readable by you only. Add your own settings below.\n"
+           "cli_auth_credentials_store = \"auto\"\n";
+}
+
+std::span<const std::string_view> outdatedCodexStarterConfigs() noexcept {
+    static constexpr std::string_view outdated[] = {
+        "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
+        "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
+        "cli_auth_credentials_store = \"keyring\"\n",
+    };
+    return outdated;
+}
+
 }  // namespace veerline::platform

@@ -4,13 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
 #include "base/error.h"
 #include "base/file_io.h"
-#include "tools/process_runner.h"
 #include "base/unicode.h"
+#include "platform/platform.h"
+#include "tools/process_runner.h"
 
 namespace veerline {
 
@@ -32,9 +34,9 @@ int writeWhole(const std::string& path, std::string_view content) {
     return error;
 }
 
-// Puts `content` at `target` atomically, but never replaces anything already there: the file is
-// written beside it and hard-linked into place, which fails rather than overwrites.
-void createFileAtomically(const std::string& target, std::string_view content) {
+// Puts `content` at `target` atomically: the file is written beside it, then hard-linked into
+// place, which never replaces anything already there, or renamed over it when `replace` is set.
+void putFileAtomically(const std::string& target, std::string_view content, bool replace) {
     static std::atomic<unsigned> counter{0};
     std::string folder = PathUtil::parent(target);
     std::string name = target.substr(target.rfind('/') + 1);
@@ -43,10 +45,29 @@ void createFileAtomically(const std::string& target, std::string_view content) {
     if (int error = writeWhole(temporary.path(), content); error != 0) {
         throw ioErrorFromErrno("write " + target, error);
     }
-    if (::link(temporary.path().c_str(), target.c_str()) == 0 || errno == EEXIST) return;
-    // File systems without hard links: a plain rename, after one more look.
-    if (exists(target)) return;
+    if (!replace) {
+        if (::link(temporary.path().c_str(), target.c_str()) == 0 || errno == EEXIST) return;
+        // File systems without hard links: a plain rename, after one more look.
+        if (exists(target)) return;
+    }
     if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw ioErrorFromErrno("write " + target, errno);
+    temporary.keep();
+}
+
+// Whether `path` is a regular file holding exactly a starter text of an earlier version.
+bool holdsOutdatedStarter(const std::string& path) {
+    auto outdated = platform::outdatedCodexStarterConfigs();
+    if (outdated.empty()) return false;
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    struct stat st {};
+    if (!file || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    std::size_t size = static_cast<std::size_t>(st.st_size);
+    if (std::none_of(outdated.begin(), outdated.end(), [size](std::string_view text) { return text.size() == size; })) {
+        return false;
+    }
+    std::string text;
+    if (readAll(file.get(), text, size + 1) != 0) return false;
+    return std::find(outdated.begin(), outdated.end(), text) != outdated.end();
 }
 
 // Nothing when the hint is missing, not a small regular file, or not UTF-8.
@@ -77,7 +98,38 @@ std::string_view trimSpacesAndTabs(std::string_view line) {
     return line.substr(begin, end - begin + 1);
 }
 
+// The lines of a tool's answer, trimmed of spaces and tabs, empty ones left out.
+std::vector<std::string_view> answerLines(std::string_view text) {
+    std::vector<std::string_view> lines;
+    std::size_t start = 0;
+    std::size_t position = 0;
+    while (start <= text.size()) {
+        std::size_t breakLength = 0;
+        while (position < text.size() && (breakLength = lineBreakLength(text, position)) == 0) ++position;
+        if (auto line = trimSpacesAndTabs(text.substr(start, position - start)); !line.empty()) lines.push_back(line);
+        if (position >= text.size()) break;
+        position += breakLength;
+        start = position;
+    }
+    return lines;
+}
+
+// A line of the tool's own to quote to the user: at most `limit` characters, "…" ending one that
+// was cut.
+std::string quotedLine(std::string_view line, std::size_t limit) {
+    if (line.size() <= limit) return std::string(line);
+    auto characters = unicode::graphemeClusters(line);
+    if (characters.size() <= limit) return std::string(line);
+    std::string cut;
+    for (std::size_t i = 0; i + 1 < limit; ++i) cut += characters[i];
+    return cut + "\u2026";
+}
+
 }  // namespace
+
+std::string_view CodexAdapter::managedConfig() noexcept {
+    return platform::codexStarterConfig();
+}
 
 std::string CodexAdapter::bundledHintFile(const Paths& paths) {
     return paths.supportDirectory() + "/codex-app-path";
@@ -115,22 +167,16 @@ bool CodexAdapter::usesBundledCodex() const {
 
 CodexAdapter::LoginState CodexAdapter::parseLoginStatus(std::string_view text) {
     static constexpr std::string_view signedInPrefix = "Logged in using ";
-    std::size_t start = 0;
-    std::size_t position = 0;
-    while (start <= text.size()) {
-        std::size_t breakLength = 0;
-        while (position < text.size() && (breakLength = lineBreakLength(text, position)) == 0) ++position;
-        std::string_view line = trimSpacesAndTabs(text.substr(start, position - start));
+    for (std::string_view line : answerLines(text)) {
         if (line.starts_with(signedInPrefix)) {
             std::string_view method = line.substr(signedInPrefix.size());
             if (method.starts_with("an ")) method.remove_prefix(3);
             if (auto dash = method.find(" - "); dash != std::string_view::npos) method = method.substr(0, dash);
             return LoginState::signedIn(std::string(method));
         }
+        // codex-cli 0.169.0 reports a key as "API key configured - sk-proj-***12345".
+        if (line.starts_with("API key configured")) return LoginState::signedIn("API key");
         if (line.starts_with("Not logged in")) return LoginState::signedOut();
-        if (position >= text.size()) break;
-        position += breakLength;
-        start = position;
     }
     return LoginState::unknown();
 }
@@ -156,7 +202,8 @@ ToolStatus CodexAdapter::status(const Profile& profile) const noexcept {
                                                       context().commandTimeout);
         if (result.timedOut) return ToolStatus::needsAttention("`codex login status` didn't answer in time.");
         // The tool has answered on either stream over its versions.
-        LoginState state = parseLoginStatus(result.combinedOutput());
+        std::string answer = result.combinedOutput();
+        LoginState state = parseLoginStatus(answer);
         switch (state.kind) {
             case LoginState::Kind::signedIn: {
                 AccountInfo account;
@@ -169,8 +216,11 @@ ToolStatus CodexAdapter::status(const Profile& profile) const noexcept {
             case LoginState::Kind::unknown:
                 break;
         }
-        return ToolStatus::needsAttention("Couldn't read `codex login status` (exit " +
-                                          std::to_string(result.exitCode) + ").");
+        std::string message = "Couldn't read `codex login status` (exit " + std::to_string(result.exitCode) + ")";
+        // The tool's own words usually say what is wrong, such as a keyring it cannot reach.
+        auto lines = answerLines(answer);
+        if (!lines.empty()) return ToolStatus::needsAttention(message + ": " + quotedLine(lines.front(), 200));
+        return ToolStatus::needsAttention(message + ".");
     } catch (const std::exception& error) {
         return ToolStatus::needsAttention(error.what());
     }
@@ -179,10 +229,14 @@ ToolStatus CodexAdapter::status(const Profile& profile) const noexcept {
 void CodexAdapter::prepare(const Profile& profile) const {
     auto folder = createDataDirectory(profile);
     if (!folder) return;
-    // Whatever is there is the user's: the starter lines are written once, never again.
+    // Whatever is there is the user's: the starter lines are written once, never again, unless
+    // they are an earlier version's, untouched since.
     std::string config = *folder + "/config.toml";
-    if (exists(config)) return;
-    createFileAtomically(config, managedConfig);
+    if (!exists(config)) {
+        putFileAtomically(config, managedConfig(), false);
+    } else if (holdsOutdatedStarter(config)) {
+        putFileAtomically(config, managedConfig(), true);
+    }
 }
 
 std::optional<SignInCommand> CodexAdapter::setUp(const Profile& profile) const {

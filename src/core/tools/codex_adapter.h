@@ -18,10 +18,9 @@ public:
     static constexpr std::string_view binaryName = "codex";
     static constexpr std::array<std::string_view, 2> overridingVariables = {"OPENAI_API_KEY", "CODEX_API_KEY"};
     static constexpr std::string_view desktopAppBundleID = "com.openai.codex";
-    static constexpr std::string_view managedConfig =
-        "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
-        "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
-        "cli_auth_credentials_store = \"keyring\"\n";
+    // The starter config.toml of a managed profile; it differs between systems, since each keeps
+    // credentials its own way.
+    static std::string_view managedConfig() noexcept;
 
     struct LoginState {
         enum class Kind { signedIn, signedOut, unknown };
@@ -49,15 +48,17 @@ public:
     // The first candidate that is an executable regular file.
     static std::optional<std::string> bundledCodex(const Paths& paths);
 
-    // Decided by the first line beginning "Logged in using " (signed in, with the method) or
-    // "Not logged in" (signed out); unknown otherwise.
+    // Decided by the first line beginning "Logged in using " (signed in, with the method),
+    // "API key configured" (signed in with "API key") or "Not logged in" (signed out); unknown
+    // otherwise.
     static LoginState parseLoginStatus(std::string_view text);
 
     bool isInstalled() const override;
     Environment environment(const Profile& profile) const override;
     ToolStatus status(const Profile& profile) const noexcept override;
-    // Creates the data folder and writes `managedConfig` as its config.toml unless something is
-    // already there.
+    // Creates the data folder and writes `managedConfig()` as its config.toml unless something is
+    // already there; a starter that an earlier version wrote and nobody edited is brought up to
+    // date.
     void prepare(const Profile& profile) const override;
     std::optional<SignInCommand> setUp(const Profile& profile) const override;
     void removeData(const Profile& profile) const override;

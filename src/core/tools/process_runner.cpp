@@ -18,6 +18,7 @@
 
 #include "base/file_io.h"
 #include "base/unicode.h"
+#include "platform/platform.h"
 
 namespace veerline {
 
@@ -358,6 +359,9 @@ Environment baseEnvironment(const Environment& from) {
     Environment environment;
     for (const char* name : names) {
         if (auto value = lookup(from, name)) environment.emplace(name, *value);
+    }
+    for (std::string_view name : platform::sessionServiceVariables()) {
+        if (auto value = lookup(from, std::string(name))) environment.emplace(name, *value);
     }
     return environment;
 }

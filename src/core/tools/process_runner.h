@@ -34,7 +34,8 @@ ProcessResult runSync(const std::string& executable, const std::vector<std::stri
 std::future<ProcessResult> run(std::string executable, std::vector<std::string> arguments,
                                Environment environment, double timeout);
 
-// The minimal environment a tool's child process starts from.
+// The minimal environment a tool's child process starts from, with the variables that lead to
+// the session's keyring on this system.
 Environment baseEnvironment(const Environment& from);
 
 }  // namespace ProcessRunner

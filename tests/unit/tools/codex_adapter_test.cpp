@@ -160,7 +160,8 @@ TEST_F(CodexAdapterTest, StatusOutcomes) {
     EXPECT_EQ(recorded().environment.count("CODEX_HOME"), 0u);
 
     installCodex("echo 'error: unexpected argument' >&2; exit 2");
-    EXPECT_EQ(adapter().status(managed), ToolStatus::needsAttention("Couldn't read `codex login status` (exit 2)."));
+    EXPECT_EQ(adapter().status(managed),
+              ToolStatus::needsAttention("Couldn't read `codex login status` (exit 2): error: unexpected argument"));
 }
 
 TEST_F(CodexAdapterTest, StatusThatHangsNeedsAttention) {
@@ -173,9 +174,9 @@ TEST_F(CodexAdapterTest, StatusThatHangsNeedsAttention) {
 TEST_F(CodexAdapterTest, PrepareWritesTheStarterConfigOnce) {
     adapter().prepare(managed);
     EXPECT_EQ(testing::fileMode(managedFolder), 0700u);
-    EXPECT_EQ(testing::readFile(managedFolder + "/config.toml"), CodexAdapter::managedConfig);
+    EXPECT_EQ(testing::readFile(managedFolder + "/config.toml"), CodexAdapter::managedConfig());
 
-    std::string edited = std::string(CodexAdapter::managedConfig) + "model = \"o3\"\n";
+    std::string edited = std::string(CodexAdapter::managedConfig()) + "model = \"o3\"\n";
     testing::writeFile(managedFolder + "/config.toml", edited);
     adapter().prepare(managed);
     EXPECT_EQ(testing::readFile(managedFolder + "/config.toml"), edited);

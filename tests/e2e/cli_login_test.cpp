@@ -1,0 +1,106 @@
+// `veerline login` with the tools' own arguments and with an API key, against fake tools that
+// answer as the real ones do, and where usage errors send the user.
+
+#include <gtest/gtest.h>
+
+#include "support/test_support.h"
+
+namespace veerline::testing {
+namespace {
+
+const std::string key = "sk-proj-abcdefghij12345";
+
+class CliLoginTest : public ::testing::Test {
+protected:
+    TempDir root{"veerline-cli-login"};
+    std::string home = root / "home";
+    std::string tools = root / "tools";
+    std::string codexHome;
+
+    void SetUp() override {
+        makeDirs(home);
+        writeFakeTool(tools + "/claude");
+        writeFakeTool(tools + "/codex");
+        std::string id = cli({"profile", "add", "Work", "--tools", "claude,codex"}).out;
+        codexHome = home + "/Library/Application Support/Veerline/codex/" + id.substr(0, id.find('\n'));
+    }
+
+    RunResult cli(const std::vector<std::string>& args, const std::string& input = "") const {
+        RunOptions options;
+        options.environment = {{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}};
+        options.cwd = home;
+        options.input = input;
+        return run(VEERLINE_CLI_BINARY, args, options);
+    }
+};
+
+TEST_F(CliLoginTest, ArgumentsAfterDashDashGoToTheSignInCommand) {
+    EXPECT_EQ(cli({"login", "Work", "codex", "--print", "--", "--device-auth"}).out,
+              "env CODEX_HOME='" + codexHome + "' " + tools + "/codex login --device-auth\n");
+
+    RunResult claude = cli({"login", "Work", "claude", "--", "--console", "--email", "a b@example.com"});
+    ASSERT_EQ(claude.exitCode, 0) << claude.err;
+    EXPECT_EQ(parseFakeToolReport(claude.out).arguments,
+              (std::vector<std::string>{"auth", "login", "--console", "--email", "a b@example.com"}));
+}
+
+TEST_F(CliLoginTest, CodexSignsInWithAKeyFromStandardInput) {
+    // A profile set up by an earlier version, whose starter only works with a keyring.
+    writeFile(codexHome + "/config.toml",
+              "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
+              "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
+              "cli_auth_credentials_store = \"keyring\"\n");
+    EXPECT_EQ(cli({"login", "Work", "codex", "--api-key", "--print"}).out,
+              "env CODEX_HOME='" + codexHome + "' " + tools + "/codex login --with-api-key\n");
+
+    RunResult signIn = cli({"login", "Work", "codex", "--api-key"}, key + "\n");
+    ASSERT_EQ(signIn.exitCode, 0) << signIn.err;
+    EXPECT_NE(signIn.err.find("API key saved."), std::string::npos) << signIn.err;
+    EXPECT_EQ((signIn.out + signIn.err).find(key), std::string::npos) << "the key is never shown";
+    EXPECT_NE(readFile(codexHome + "/auth.json").find("\"OPENAI_API_KEY\": \"" + key + "\""), std::string::npos);
+    EXPECT_NE(readFile(codexHome + "/config.toml").find("= \"auto\""), std::string::npos);
+
+    RunResult empty = cli({"login", "Work", "codex", "--api-key"});
+    EXPECT_EQ(empty.exitCode, 2);
+    EXPECT_EQ(empty.err, "veerline: No secret was given on standard input.\nRun `veerline login --help` for usage.\n");
+}
+
+TEST_F(CliLoginTest, ACodexThatCannotReachAKeyringSaysSo) {
+    writeFile(codexHome + "/config.toml", "cli_auth_credentials_store = \"keyring\"\n");
+    RunResult signIn = cli({"login", "Work", "codex", "--api-key"}, key);
+    EXPECT_EQ(signIn.exitCode, 1);
+    EXPECT_NE(signIn.err.find("Error logging in: failed to write OAuth tokens to keyring: Platform secure storage "
+                              "failure: no secret service provider or dbus session found"),
+              std::string::npos)
+        << signIn.err;
+    EXPECT_EQ((signIn.out + signIn.err).find(key), std::string::npos);
+    EXPECT_FALSE(exists(codexHome + "/auth.json"));
+}
+
+TEST_F(CliLoginTest, ClaudeCodeWithAKeyWaitsForTheSecretStore) {
+    RunResult signIn = cli({"login", "Work", "claude", "--api-key"}, key);
+    EXPECT_EQ(signIn.exitCode, 1);
+    EXPECT_NE(signIn.err.find("needs the secret store"), std::string::npos) << signIn.err;
+    EXPECT_EQ(signIn.out, "");
+}
+
+TEST_F(CliLoginTest, UsageErrorsPointToTheCommandsHelp) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"login", "Work"}, "veerline: tool is required\nRun `veerline login --help` for usage.\n"},
+        {{"login", "Work", "cursor"}, "Run `veerline login --help` for usage.\n"},
+        {{"profile", "set", "Work", "--color", "red"}, "Run `veerline profile set --help` for usage.\n"},
+        {{"run", "Work", "claude", "--version"},
+         "Options for the other program go after `--`: veerline run Work -- claude --version\n"
+         "Run `veerline run --help` for usage.\n"},
+        {{"login", "Work", "codex", "--print", "--device-auth"},
+         "Options for the other program go after `--`: veerline login Work codex --print -- --device-auth\n"
+         "Run `veerline login --help` for usage.\n"}};
+    for (const auto& [args, ending] : cases) {
+        RunResult result = cli(args);
+        EXPECT_EQ(result.exitCode, 2) << args.back();
+        EXPECT_TRUE(result.err.ends_with(ending)) << result.err;
+    }
+}
+
+}  // namespace
+}  // namespace veerline::testing
