@@ -36,7 +36,7 @@ TEST_F(CompletionTest, BashCompletesCommandsOptionsProfilesAndTools) {
         tab() { COMP_WORDS=("$@"); COMP_CWORD=$(( $# - 1 )); _veerline; printf '<%s>' "${COMPREPLY[@]}"; echo; }
         tab veerline lo; tab veerline login B; tab veerline profile set --co; tab veerline login Work ''
         tab veerline completion z; tab veerline rule add '')"});
-    EXPECT_EQ(result.out, "complete -F _veerline veerline\n<login>\n<Bob's Home>\n<--color>\n<claude><codex>\n<zsh>\n<>\n")
+    EXPECT_EQ(result.out, "complete -F _veerline veerline\n<login>\n<Bob\\'s\\ Home>\n<--color>\n<claude><codex>\n<zsh>\n<>\n")
         << result.err;
 }
 
