@@ -52,7 +52,7 @@ TEST_F(CompletionTest, ZshCompletesOnTabInAnInteractiveShell) {
         for line in 'veerline lo' 'veerline login Wo' 'veerline profile remove Bo' 'veerline login Work co'; do
             zpty -w -n z "$line"$'\t\x18'
         done
-        for i in {1..200}; do [[ -f $ZDOTDIR/lines && $(wc -l < $ZDOTDIR/lines) -ge 4 ]] && break; sleep 0.05; done
+        for i in {1..600}; do [[ -f $ZDOTDIR/lines && $(wc -l < $ZDOTDIR/lines) -ge 4 ]] && break; sleep 0.05; done
         zpty -d z; cat $ZDOTDIR/lines)"});
     EXPECT_EQ(result.out, "veerline login \nveerline login Work \nveerline profile remove Bob\\'s\\ Home \n"
                           "veerline login Work codex \n")
