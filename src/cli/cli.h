@@ -54,6 +54,9 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRuleCommands(CLI::App& app, const Context& context, Action& chosen);
 void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
+// Completion reads the command tree at each Tab. A positional or option named "profile" (or
+// given the type name "PROFILE") is completed with profile names, "tool" and "tools" with tools,
+// "folder" and "path" with file names, one checked by CLI::IsMember with its choices.
 void addCompletionCommands(CLI::App& app, const Context& context, Action& chosen);
 
 // The report of a command typed wrongly: "veerline: " and `message`, the command line with

@@ -36,13 +36,12 @@ _veerline() {
         compopt -o default 2>/dev/null
         return
     fi
-    # Names with spaces or quotes come back quoted by readline.
-    compopt -o filenames 2>/dev/null
+    # Compared as typed without its quoting; offered quoted, for names with spaces or quotes.
     cur=${cur//\\/}
     cur=${cur#[\"\']}
     while IFS= read -r line; do
         line=${line%%$'\t'*}
-        [[ -n $line && $line == "$cur"* ]] && COMPREPLY+=("$line")
+        [[ -n $line && $line == "$cur"* ]] && printf -v line '%q' "$line" && COMPREPLY+=("$line")
     done <<< "$output"
 }
 complete -F _veerline veerline

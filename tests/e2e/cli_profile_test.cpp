@@ -47,7 +47,7 @@ protected:
         std::string before = exists(profilesFile) ? readFile(profilesFile) : "";
         RunResult result = cli(args);
         EXPECT_EQ(result.exitCode, exitCode) << args[0] << " " << (args.size() > 1 ? args[1] : "");
-        EXPECT_EQ(result.err, "veerline: " + message + "\n");
+        EXPECT_TRUE(result.err.starts_with("veerline: " + message + "\n")) << result.err;
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(exists(profilesFile) ? readFile(profilesFile) : "", before);
     }

@@ -36,7 +36,7 @@ TEST_F(CompletionTest, BashCompletesCommandsOptionsProfilesAndTools) {
         tab() { COMP_WORDS=("$@"); COMP_CWORD=$(( $# - 1 )); _veerline; printf '<%s>' "${COMPREPLY[@]}"; echo; }
         tab veerline lo; tab veerline login B; tab veerline profile set --co; tab veerline login Work ''
         tab veerline completion z; tab veerline rule add '')"});
-    EXPECT_EQ(result.out, "complete -F _veerline veerline\n<login>\n<Bob's Home>\n<--color>\n<claude><codex>\n<zsh>\n<>\n")
+    EXPECT_EQ(result.out, "complete -F _veerline veerline\n<login>\n<Bob\\'s\\ Home>\n<--color>\n<claude><codex>\n<zsh>\n<>\n")
         << result.err;
 }
 
@@ -52,7 +52,7 @@ TEST_F(CompletionTest, ZshCompletesOnTabInAnInteractiveShell) {
         for line in 'veerline lo' 'veerline login Wo' 'veerline profile remove Bo' 'veerline login Work co'; do
             zpty -w -n z "$line"$'\t\x18'
         done
-        for i in {1..200}; do [[ -f $ZDOTDIR/lines && $(wc -l < $ZDOTDIR/lines) -ge 4 ]] && break; sleep 0.05; done
+        for i in {1..600}; do [[ -f $ZDOTDIR/lines && $(wc -l < $ZDOTDIR/lines) -ge 4 ]] && break; sleep 0.05; done
         zpty -d z; cat $ZDOTDIR/lines)"});
     EXPECT_EQ(result.out, "veerline login \nveerline login Work \nveerline profile remove Bob\\'s\\ Home \n"
                           "veerline login Work codex \n")

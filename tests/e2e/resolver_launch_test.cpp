@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "support/test_support.h"
+#include "tools/codex_adapter.h"
 
 namespace veerline::testing {
 namespace {
@@ -90,10 +91,7 @@ TEST_F(ResolverLaunchTest, CodexGetsItsHomeAndStarterConfig) {
     auto report = runTool("codex", home + "/work");
     EXPECT_EQ(report.environment["CODEX_HOME"], support + "/codex/work");
     EXPECT_EQ(report.environment["VEERLINE_PROFILE"], "Work");
-    EXPECT_EQ(readFile(support + "/codex/work/config.toml"),
-              "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
-              "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
-              "cli_auth_credentials_store = \"keyring\"\n");
+    EXPECT_EQ(readFile(support + "/codex/work/config.toml"), CodexAdapter::managedConfig());
 }
 
 TEST_F(ResolverLaunchTest, DotfileInsideRuleFolderWins) {
