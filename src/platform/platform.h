@@ -57,4 +57,12 @@ std::string fallbackHomeDirectory();
 // The per-user temporary folder, without a trailing "/".
 std::string temporaryDirectory();
 
+// Where short-lived private files go (a preview of a start-up file): the user's own runtime
+// folder where the system has one, else the temporary folder.
+std::string privateScratchDirectory();
+
+// Whether an interactive bash started in a terminal reads ~/.bashrc. Linux terminals start
+// non-login shells, which do; macOS terminals start login shells, which read ~/.bash_profile.
+bool interactiveBashReadsBashrc() noexcept;
+
 }  // namespace veerline::platform

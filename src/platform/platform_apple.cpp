@@ -73,6 +73,15 @@ std::string temporaryDirectory() {
     return folder;
 }
 
+std::string privateScratchDirectory() {
+    // The per-user temporary folder is already private to the user here.
+    return temporaryDirectory();
+}
+
+bool interactiveBashReadsBashrc() noexcept {
+    return false;
+}
+
 }  // namespace veerline::platform
 
 #endif
