@@ -1,9 +1,18 @@
 #include "base/file_io.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "base/error.h"
+#include "base/interrupt_cleanup.h"
 
 namespace veerline {
 
@@ -24,6 +33,19 @@ int FileDescriptor::close() noexcept {
     return ::close(release()) == 0 ? 0 : errno;
 }
 
+namespace {
+
+std::string describeSize(std::size_t bytes) {
+    if (bytes >= 1024 * 1024 && bytes % (1024 * 1024) == 0) return std::to_string(bytes / (1024 * 1024)) + " MB";
+    if (bytes >= 1024 && bytes % 1024 == 0) return std::to_string(bytes / 1024) + " kB";
+    return std::to_string(bytes) + " bytes";
+}
+
+}  // namespace
+
+TemporaryFile::TemporaryFile(std::string path) noexcept
+    : path_(std::move(path)), interrupted_(path_, RemoveOnInterrupt::Kind::file) {}
+
 TemporaryFile::~TemporaryFile() {
     if (!kept_) ::unlink(path_.c_str());
 }
@@ -39,6 +61,61 @@ int writeAll(int fd, std::string_view bytes) noexcept {
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
     return 0;
+}
+
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file) {
+        if (errno == ENOENT) return std::nullopt;
+        throw ioErrorFromErrno("read " + path, errno);
+    }
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0) throw ioErrorFromErrno("read " + path, errno);
+    if (!S_ISREG(info.st_mode)) {
+        throw VeerlineError::io("Couldn't read " + path + ": it isn't a regular file.");
+    }
+    auto tooLarge = [&] {
+        return VeerlineError::io("Couldn't read " + path + ": the file is too large (over " + describeSize(limit) +
+                                 ").");
+    };
+    if (info.st_size > 0 && static_cast<std::uintmax_t>(info.st_size) > limit) throw tooLarge();
+    std::string bytes;
+    // One byte more than allowed shows a file that grew, or one whose size the system can't tell.
+    const std::size_t bound = limit == std::numeric_limits<std::size_t>::max() ? limit : limit + 1;
+    if (int error = readAll(file.get(), bytes, bound); error != 0) throw ioErrorFromErrno("read " + path, error);
+    if (bytes.size() > limit) throw tooLarge();
+    return bytes;
+}
+
+int removeTreeAt(int folderFD, const std::string& name) {
+    struct stat info {};
+    if (::fstatat(folderFD, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : errno;
+    if (!S_ISDIR(info.st_mode)) {
+        return ::unlinkat(folderFD, name.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+    }
+    int fd = ::openat(folderFD, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) return errno;
+    // fdopendir takes the descriptor over; closedir closes it.
+    std::unique_ptr<DIR, FolderCloser> folder(::fdopendir(fd));
+    if (!folder) {
+        int error = errno;
+        ::close(fd);
+        return error;
+    }
+    // Names first, removals after: a folder changed while it is read may list names twice or not
+    // at all.
+    std::vector<std::string> names;
+    errno = 0;
+    while (const dirent* entry = ::readdir(folder.get())) {
+        std::string_view entryName(entry->d_name);
+        if (entryName != "." && entryName != "..") names.emplace_back(entryName);
+    }
+    if (errno != 0) return errno;
+    for (const std::string& entryName : names) {
+        if (int error = removeTreeAt(::dirfd(folder.get()), entryName); error != 0) return error;
+    }
+    folder.reset();
+    return ::unlinkat(folderFD, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 int readAll(int fd, std::string& out, std::size_t limit) {

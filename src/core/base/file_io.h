@@ -1,10 +1,15 @@
 #pragma once
 
+#include <dirent.h>
+
 #include <cstddef>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "base/interrupt_cleanup.h"
 
 namespace veerline {
 
@@ -30,24 +35,51 @@ private:
     int fd_ = -1;
 };
 
-// Unlinks `path` on destruction unless keep() says the rename that consumes it went through.
+// Closes a DIR* from opendir or fdopendir, for std::unique_ptr.
+struct FolderCloser {
+    void operator()(DIR* folder) const noexcept { ::closedir(folder); }
+};
+
+// Unlinks `path` on destruction unless keep() says the rename that consumes it went through; an
+// interrupt (SIGINT, SIGTERM, SIGHUP) meanwhile removes it too.
 class TemporaryFile {
 public:
-    explicit TemporaryFile(std::string path) noexcept : path_(std::move(path)) {}
+    explicit TemporaryFile(std::string path) noexcept;
     ~TemporaryFile();
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
     const std::string& path() const noexcept { return path_; }
-    void keep() noexcept { kept_ = true; }
+    void keep() noexcept {
+        kept_ = true;
+        interrupted_.dismiss();
+    }
 
 private:
     std::string path_;
     bool kept_ = false;
+    RemoveOnInterrupt interrupted_;
 };
 
 // Writes all of `bytes`: 0, or the errno of the write that failed (EIO if one wrote nothing).
 int writeAll(int fd, std::string_view bytes) noexcept;
+
+// The small files Veerline writes itself to name an app (~/.veerline/app-path, codex-app-path):
+// a path and a line break. Anything larger was not written by Veerline.
+inline constexpr std::size_t maxHintFileSize = 16 * 1024;
+
+// The content of the regular file at `path` (links followed), or nothing when no file is there
+// (ENOENT). What Veerline reads from disk is input, so nothing in its place may stall or swamp
+// the reader: the file is opened non-blocking (a FIFO cannot hang a prompt), must be a regular
+// file by fstat before a byte is read (no device, FIFO or folder), and may hold at most `limit`
+// bytes. Throws VeerlineError::io, "Couldn't read PATH: WHY", when any of that fails.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit);
+
+// Removes `name` in the open folder `folderFD` without following a symbolic link anywhere: a
+// link is removed as a link, a folder with everything in it, each level opened with O_NOFOLLOW
+// relative to its parent. 0 when it is gone (or was never there), otherwise the errno of the
+// first failure.
+int removeTreeAt(int folderFD, const std::string& name);
 
 // Appends to `out` until end of file or until `out` holds `limit` bytes: 0 or errno. A caller
 // that refuses files over some size passes one byte more and checks whether `out` reached it.
