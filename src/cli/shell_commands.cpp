@@ -11,6 +11,7 @@
 #include "cli/cli.h"
 #include "cli/output.h"
 #include "base/error.h"
+#include "base/interrupt_cleanup.h"
 #include "shell/shell_integration.h"
 #include "platform/platform.h"
 
@@ -94,6 +95,7 @@ bool mayWrite(const Context& context, const ShellOptions& options, const std::st
 }
 
 int install(const Context& context, const ShellOptions& options) {
+    RemoveOnInterrupt::installHandlers();
     Executables executables = findExecutables();
     ShellIntegration shell(context.paths, context.environment);
     auto plan = shell.planInstall();
@@ -113,6 +115,7 @@ int install(const Context& context, const ShellOptions& options) {
 }
 
 int uninstall(const Context& context, const ShellOptions& options) {
+    RemoveOnInterrupt::installHandlers();
     ShellIntegration shell(context.paths, context.environment);
     auto plan = shell.planUninstall();
     showPlan(context, shell, plan);

@@ -11,7 +11,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
-#include "shell/interrupt_cleanup.h"
+#include "shell/stale_files.h"
 #include "shell/shell_integration.h"
 #include "base/unicode.h"
 
@@ -82,7 +82,6 @@ void ShellIntegration::atomicReplace(const std::string& contents, const std::str
     };
     TemporaryFile temporary(PathUtil::parent(target) + "/." + lastComponent(target) + std::string(temporaryMarker) +
                             std::to_string(::getpid()));
-    InterruptCleanup onInterrupt(temporary.path());
     const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
     FileDescriptor fd(::open(temporary.path().c_str(), flags, 0600));
     if (!fd && errno == EEXIST) {
@@ -103,7 +102,6 @@ void ShellIntegration::copyAtomically(const std::string& source, const std::stri
         return VeerlineError::io("Couldn't install " + paths_.abbreviate(destination) + ": " + cause);
     };
     TemporaryFile temporary(destination + ".tmp." + std::to_string(::getpid()));
-    InterruptCleanup onInterrupt(temporary.path());
     std::error_code error;
     std::filesystem::remove(temporary.path(), error);
     if (!std::filesystem::copy_file(source, temporary.path(), error)) throw failure(error.message());

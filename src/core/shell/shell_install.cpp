@@ -8,7 +8,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
-#include "shell/interrupt_cleanup.h"
+#include "shell/stale_files.h"
 #include "shell/shell_integration.h"
 #include "base/unicode.h"
 

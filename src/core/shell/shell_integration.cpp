@@ -10,7 +10,8 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
-#include "shell/interrupt_cleanup.h"
+#include "base/interrupt_cleanup.h"
+#include "shell/stale_files.h"
 #include "tools/process_runner.h"
 #include "base/unicode.h"
 #include "platform/platform.h"
@@ -103,7 +104,8 @@ public:
         std::string pattern = parent + "/" + std::string(scratchPrefix) + std::to_string(::getpid()) + "-XXXXXX";
         if (::mkdtemp(pattern.data()) == nullptr) return;
         path_ = std::move(pattern);
-        folderCleanup_.emplace(path_, InterruptCleanup::Kind::folder);
+        // Newest first on interrupt: the files, then their folder.
+        folderCleanup_.emplace(path_, RemoveOnInterrupt::Kind::folder);
         aCleanup_.emplace(path_ + "/a");
         bCleanup_.emplace(path_ + "/b");
     }
@@ -128,9 +130,9 @@ public:
 
 private:
     std::string path_;
-    std::optional<InterruptCleanup> folderCleanup_;
-    std::optional<InterruptCleanup> aCleanup_;
-    std::optional<InterruptCleanup> bCleanup_;
+    std::optional<RemoveOnInterrupt> folderCleanup_;
+    std::optional<RemoveOnInterrupt> aCleanup_;
+    std::optional<RemoveOnInterrupt> bCleanup_;
 };
 
 }  // namespace

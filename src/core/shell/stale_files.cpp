@@ -1,81 +1,10 @@
-#include "shell/interrupt_cleanup.h"
-
-#include <limits.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <array>
-#include <atomic>
-#include <cstring>
-
-namespace veerline {
-
-namespace {
-
-enum SlotState : int { freeSlot = 0, claimed = 1, fileSlot = 2, folderSlot = 3 };
-
-struct Slot {
-    std::atomic<int> state{freeSlot};
-    char path[PATH_MAX];
-};
-
-std::array<Slot, 16> slots;
-std::atomic<bool> handlersInstalled{false};
-
-// Only async-signal-safe calls from here on.
-void removeRegistered(int signalNumber) {
-    for (int pass : {fileSlot, folderSlot}) {
-        for (Slot& slot : slots) {
-            if (slot.state.load() != pass) continue;
-            if (pass == fileSlot) {
-                ::unlink(slot.path);
-            } else {
-                ::rmdir(slot.path);
-            }
-        }
-    }
-    ::signal(signalNumber, SIG_DFL);
-    ::raise(signalNumber);
-}
-
-void installHandlers() {
-    if (handlersInstalled.exchange(true)) return;
-    for (int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction current {};
-        // A signal the caller chose to ignore stays ignored.
-        if (::sigaction(signalNumber, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
-        struct sigaction action {};
-        action.sa_handler = removeRegistered;
-        ::sigemptyset(&action.sa_mask);
-        for (int blocked : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&action.sa_mask, blocked);
-        ::sigaction(signalNumber, &action, nullptr);
-    }
-}
-
-}  // namespace
-
-InterruptCleanup::InterruptCleanup(const std::string& path, Kind kind) noexcept {
-    if (path.size() >= PATH_MAX) return;
-    installHandlers();
-    for (std::size_t i = 0; i < slots.size(); ++i) {
-        int expected = freeSlot;
-        if (!slots[i].state.compare_exchange_strong(expected, claimed)) continue;
-        std::memcpy(slots[i].path, path.c_str(), path.size() + 1);
-        slots[i].state.store(kind == Kind::file ? fileSlot : folderSlot);
-        slot_ = static_cast<int>(i);
-        return;
-    }
-}
-
-InterruptCleanup::~InterruptCleanup() {
-    if (slot_ >= 0) slots[static_cast<std::size_t>(slot_)].state.store(freeSlot);
-}
-
-}  // namespace veerline
+#include "shell/stale_files.h"
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>

@@ -1,29 +1,10 @@
 #pragma once
 
-#include <string>
-
-namespace veerline {
-
-// While alive, keeps `path` on a list that SIGINT, SIGTERM and SIGHUP empty before the process
-// dies of the signal: files are unlinked first, then folders removed (when empty). The list is
-// small and fixed; a path that doesn't fit, or is too long, is simply not covered.
-class InterruptCleanup {
-public:
-    enum class Kind { file, folder };
-
-    explicit InterruptCleanup(const std::string& path, Kind kind = Kind::file) noexcept;
-    ~InterruptCleanup();
-    InterruptCleanup(const InterruptCleanup&) = delete;
-    InterruptCleanup& operator=(const InterruptCleanup&) = delete;
-
-private:
-    int slot_ = -1;
-};
-
-}  // namespace veerline
+// Left-overs of Veerline processes that were killed: temporary files named after the process id.
 
 #include <functional>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace veerline {
