@@ -260,15 +260,40 @@ TEST_F(HostileShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
         {VEERLINE_CLI_BINARY, "shell", "uninstall", "--yes"},
         {VEERLINE_CLI_BINARY, "profile", "add", "Work"},
     };
+    // What the shell commands leave behind (profile saves sweep their own folder).
+    auto leftOvers = [&] {
+        std::vector<std::string> found;
+        for (const std::string& folder : {home + "/.veerline", runtime}) {
+            if (!exists(folder)) continue;
+            for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+                std::string name = entry.path().filename().string();
+                if (name.find(".tmp.") != std::string::npos || name.starts_with("veerline-diff-")) {
+                    found.push_back(entry.path());
+                }
+            }
+        }
+        for (const auto& entry : fs::directory_iterator(home)) {
+            if (entry.path().filename().string().find("veerline-tmp") != std::string::npos) {
+                found.push_back(entry.path());
+            }
+        }
+        return found;
+    };
     std::mt19937 random(20261123);
     for (int round = 0; round < 36; ++round) {
         auto command = commands[random() % commands.size()];
         if (command[1] == "profile") command.back() += std::to_string(round);
+        const auto earlier = leftOvers();
         pid_t pid = spawn(command, environment());
         ASSERT_GT(pid, 0);
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
-        ::kill(pid, SIGKILL);
+        // An interrupt removes the command's own temporary files; a kill leaves them for later.
+        const bool interrupt = round % 3 == 0 && command[1] == "shell";
+        ::kill(pid, interrupt ? SIGTERM : SIGKILL);
         ::waitpid(pid, nullptr, 0);
+        for (const std::string& path : interrupt ? leftOvers() : std::vector<std::string>{}) {
+            EXPECT_NE(std::find(earlier.begin(), earlier.end(), path), earlier.end()) << path << " round " << round;
+        }
 
         for (const auto& [name, original] : {std::pair{"/.zshrc", zshrc}, std::pair{"/.bashrc", bashrc}}) {
             std::string text = readFile(home + name);
@@ -284,17 +309,7 @@ TEST_F(HostileShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
 
     RunResult last = cli({"shell", "install", "--yes"});
     ASSERT_EQ(last.exitCode, 0) << last.err;
-    // Profile saves sweep their own folder; this checks what the shell commands leave.
-    for (const std::string& folder : {home + "/.veerline", runtime}) {
-        for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-            std::string name = entry.path().filename().string();
-            EXPECT_EQ(name.find(".tmp."), std::string::npos) << entry.path();
-            EXPECT_FALSE(name.starts_with("veerline-diff-")) << entry.path();
-        }
-    }
-    for (const auto& entry : fs::directory_iterator(home)) {
-        EXPECT_EQ(entry.path().filename().string().find("veerline-tmp"), std::string::npos) << entry.path();
-    }
+    EXPECT_EQ(leftOvers(), std::vector<std::string>{});
 }
 
 }  // namespace

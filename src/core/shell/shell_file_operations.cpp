@@ -167,6 +167,7 @@ void ShellIntegration::removeStaleTemporaries() const noexcept {
                 return pid && processIsGone(*pid);
             };
         };
+        removeStaleScratchFolders();
         removeEntriesInside(libexec(), staleAfter(".tmp."));
         removeEntriesInside(root(), [&](std::string_view name) {
             return name.starts_with(".") && staleAfter(temporaryMarker)(name);

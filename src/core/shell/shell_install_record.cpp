@@ -8,6 +8,7 @@
 #include <set>
 
 #include "base/error.h"
+#include "base/file_io.h"
 #include "shell/shell_integration.h"
 
 namespace veerline {
@@ -161,16 +162,15 @@ void ShellIntegration::applyUninstall(const std::vector<FileChange>& plan) const
         const InstallState::FileRecord* record = state ? state->record(change.path) : nullptr;
         if (auto destination = linkToRestore(record, change.before)) {
             // The file was a link to nothing before the install: make it that link again.
-            std::string temporary = PathUtil::parent(change.path) + "/." +
+            TemporaryFile temporary(PathUtil::parent(change.path) + "/." +
                                     change.path.substr(change.path.rfind('/') + 1) + ".veerline-tmp." +
-                                    std::to_string(::getpid());
-            ::unlink(temporary.c_str());
-            if (::symlink(destination->c_str(), temporary.c_str()) != 0 ||
-                ::rename(temporary.c_str(), change.path.c_str()) != 0) {
-                int error = errno;
-                ::unlink(temporary.c_str());
-                throw ioErrorFromErrno("write " + paths_.abbreviate(change.path), error);
+                                    std::to_string(::getpid()));
+            ::unlink(temporary.path().c_str());
+            if (::symlink(destination->c_str(), temporary.path().c_str()) != 0 ||
+                ::rename(temporary.path().c_str(), change.path.c_str()) != 0) {
+                throw ioErrorFromErrno("write " + paths_.abbreviate(change.path), errno);
             }
+            temporary.keep();
         } else if (record != nullptr && !record->existedBefore) {
             // The install created this file: nothing of the user's left means it goes.
             if (change.after.empty() && kindOf(change.path) == FileKind::regular) {

@@ -1,6 +1,8 @@
 #include "shell/shell_integration.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,18 +98,23 @@ constexpr std::string_view scratchPrefix = "veerline-diff-";
 class ScratchFolder {
 public:
     ScratchFolder() {
-        const std::string parent = platform::privateScratchDirectory();
-        removeEntriesInside(parent, [](std::string_view name) {
-            auto pid = name.starts_with(scratchPrefix) ? processIdAfter(name, scratchPrefix, '-') : std::nullopt;
-            return pid && processIsGone(*pid);
-        });
-        std::string pattern = parent + "/" + std::string(scratchPrefix) + std::to_string(::getpid()) + "-XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) return;
-        path_ = std::move(pattern);
-        // Newest first on interrupt: the files, then their folder.
-        folderCleanup_.emplace(path_, RemoveOnInterrupt::Kind::folder);
-        aCleanup_.emplace(path_ + "/a");
-        bCleanup_.emplace(path_ + "/b");
+        ShellIntegration::removeStaleScratchFolders();
+        std::string pattern = platform::privateScratchDirectory() + "/" + std::string(scratchPrefix) +
+                              std::to_string(::getpid()) + "-XXXXXX";
+        // No interrupt between making the folder and registering it.
+        sigset_t interrupts;
+        sigset_t previous;
+        sigemptyset(&interrupts);
+        for (int signalNumber : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&interrupts, signalNumber);
+        ::pthread_sigmask(SIG_BLOCK, &interrupts, &previous);
+        if (::mkdtemp(pattern.data()) != nullptr) {
+            path_ = std::move(pattern);
+            // Newest first on interrupt: the files, then their folder.
+            folderCleanup_.emplace(path_, RemoveOnInterrupt::Kind::folder);
+            aCleanup_.emplace(path_ + "/a");
+            bCleanup_.emplace(path_ + "/b");
+        }
+        ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     }
     ~ScratchFolder() {
         if (path_.empty()) return;
@@ -136,6 +143,13 @@ private:
 };
 
 }  // namespace
+
+void ShellIntegration::removeStaleScratchFolders() noexcept {
+    removeEntriesInside(platform::privateScratchDirectory(), [](std::string_view name) {
+        auto pid = name.starts_with(scratchPrefix) ? processIdAfter(name, scratchPrefix, '-') : std::nullopt;
+        return pid && processIsGone(*pid);
+    });
+}
 
 const std::string& ShellIntegration::block() {
     static const std::string text = std::string(beginMarker) +

@@ -111,6 +111,7 @@ public:
     void removeFile(const std::string& path) const;
     // Temporary files and preview folders left by Veerline processes that no longer run.
     void removeStaleTemporaries() const noexcept;
+    static void removeStaleScratchFolders() noexcept;
 
     // 64 lower-case hexadecimal digits.
     static std::string sha256(std::string_view text) noexcept;
