@@ -98,7 +98,11 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::uninstall() const {
 bool ShellIntegration::refreshBinariesIfStale(const std::string& resolver, const std::optional<std::string>& cli,
                                               const std::optional<std::string>& launcher) const noexcept {
     try {
-        if (!PathUtil::isDirectory(libexec())) return false;
+        // Only into the folder install made, never through a link put in its place.
+        for (const std::string& folder : {root(), libexec()}) {
+            struct stat info {};
+            if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return false;
+        }
         if (!PathUtil::isExecutableFile(libexec() + "/veerline-resolve")) return false;
         bool refreshed = false;
         const std::pair<const std::optional<std::string>, const char*> sources[] = {
