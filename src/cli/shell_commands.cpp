@@ -11,6 +11,7 @@
 #include "cli/cli.h"
 #include "cli/output.h"
 #include "base/error.h"
+#include "base/interrupt_cleanup.h"
 #include "shell/shell_integration.h"
 #include "platform/platform.h"
 
@@ -94,6 +95,7 @@ bool mayWrite(const Context& context, const ShellOptions& options, const std::st
 }
 
 int install(const Context& context, const ShellOptions& options) {
+    RemoveOnInterrupt::installHandlers();
     Executables executables = findExecutables();
     ShellIntegration shell(context.paths, context.environment);
     auto plan = shell.planInstall();
@@ -113,6 +115,7 @@ int install(const Context& context, const ShellOptions& options) {
 }
 
 int uninstall(const Context& context, const ShellOptions& options) {
+    RemoveOnInterrupt::installHandlers();
     ShellIntegration shell(context.paths, context.environment);
     auto plan = shell.planUninstall();
     showPlan(context, shell, plan);
@@ -141,13 +144,14 @@ int status(const Context& context, const ShellOptions& options) {
             result["blocks"].push_back({{"path", block.path}, {"isLast", block.isLast}});
         }
         result["appPath"] = status.appPath ? nlohmann::json(*status.appPath) : nlohmann::json(nullptr);
+        result["missingBlocks"] = status.missingBlocks;
         std::cout << encodeStoredJSON(result);
         return 0;
     }
     const Paths& paths = context.paths;
     if (status.isInstalled()) {
         std::cout << "Installed.\n";
-    } else if (status.binariesInstalled || !status.blocks.empty()) {
+    } else if (status.binariesInstalled || !status.blocks.empty() || !status.missingBlocks.empty()) {
         std::cout << "Partly installed. Run `veerline shell install` to repair it.\n";
     } else {
         std::cout << "Not installed. Run `veerline shell install` to use profiles in the terminal.\n";
@@ -159,6 +163,9 @@ int status(const Context& context, const ShellOptions& options) {
                   << (block.isLast ? "block in place"
                                    : "block in place, but lines after it may put other folders before the shims")
                   << "\n";
+    }
+    for (const auto& path : status.missingBlocks) {
+        std::cout << paths.abbreviate(path) << ": no block, and your shell reads this file\n";
     }
     if (status.isInstalled()) {
         const std::string* path = lookup(context.environment, "PATH");
@@ -188,7 +195,8 @@ void addShellCommands(CLI::App& app, const Context& context, Action& chosen) {
     CLI::App* group = app.add_subcommand("shell", "Install, remove or check the shell integration");
     group->require_subcommand(0, 1);
     group->footer("The integration puts ~/.veerline/bin first on PATH (a marked block in ~/.zshrc, and in "
-                  "~/.bashrc and ~/.bash_profile when they exist), where claude and codex lead to Veerline.");
+                  "~/.bash_profile when it exists, and ~/.bashrc when it exists or bash is your shell), where claude and "
+                  "codex lead to Veerline.");
 
     auto addWriteFlags = [&](CLI::App* command) {
         command->add_flag("-y,--yes", options->yes, "Don't ask; needed when standard input isn't a terminal");
@@ -209,7 +217,7 @@ void addShellCommands(CLI::App& app, const Context& context, Action& chosen) {
 
     CLI::App* statusCommand = group->add_subcommand("status", "Show what is installed");
     statusCommand->add_flag("--json", options->json,
-                            "Print {isInstalled, binariesInstalled, blocks: [{path, isLast}], appPath} as JSON");
+                            "Print {isInstalled, binariesInstalled, blocks: [{path, isLast}], appPath, missingBlocks} as JSON");
     onSelected(statusCommand, chosen, [&context, options] { return status(context, *options); });
 
     CLI::App* promptCommand = app.add_subcommand("prompt", "Print a snippet that shows the profile in your prompt");

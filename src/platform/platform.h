@@ -70,4 +70,12 @@ std::string_view codexStarterConfig() noexcept;
 // of them was never edited, so today's starter may replace it.
 std::span<const std::string_view> outdatedCodexStarterConfigs() noexcept;
 
+// Where short-lived private files go (a preview of a start-up file): the user's own runtime
+// folder where the system has one, else the temporary folder.
+std::string privateScratchDirectory();
+
+// Whether an interactive bash started in a terminal reads ~/.bashrc. Linux terminals start
+// non-login shells, which do; macOS terminals start login shells, which read ~/.bash_profile.
+bool interactiveBashReadsBashrc() noexcept;
+
 }  // namespace veerline::platform

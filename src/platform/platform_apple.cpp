@@ -88,6 +88,15 @@ std::span<const std::string_view> outdatedCodexStarterConfigs() noexcept {
     return {};
 }
 
+std::string privateScratchDirectory() {
+    // The per-user temporary folder is already private to the user here.
+    return temporaryDirectory();
+}
+
+bool interactiveBashReadsBashrc() noexcept {
+    return false;
+}
+
 }  // namespace veerline::platform
 
 #endif

@@ -265,4 +265,16 @@ std::span<const std::string_view> outdatedCodexStarterConfigs() noexcept {
     return outdated;
 }
 
+std::string privateScratchDirectory() {
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (runtime == nullptr || runtime[0] != '/') return temporaryDirectory();
+    std::string folder = runtime;
+    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    return folder;
+}
+
+bool interactiveBashReadsBashrc() noexcept {
+    return true;
+}
+
 }  // namespace veerline::platform

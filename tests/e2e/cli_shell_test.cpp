@@ -58,7 +58,7 @@ TEST_F(CliShellTest, InstallThenUninstallRestoresTheStartUpFiles) {
     const std::string bashrc = "# mine\nexport A=1";
     writeFile(home + "/.bashrc", bashrc);
     EXPECT_EQ(status(), json::parse(R"({"isInstalled": false, "binariesInstalled": false, "blocks": [],
-                                        "appPath": null})"));
+                                        "appPath": null, "missingBlocks": []})"));
 
     RunResult installed = cli({"shell", "install", "--yes"});
     ASSERT_EQ(installed.exitCode, 0) << installed.err;
@@ -79,7 +79,8 @@ TEST_F(CliShellTest, InstallThenUninstallRestoresTheStartUpFiles) {
     EXPECT_TRUE(readFile(home + "/.zshrc").starts_with("# >>> veerline >>>\n"));
     EXPECT_TRUE(readFile(home + "/.bashrc").starts_with(bashrc + "\n# >>> veerline >>>\n"));
 
-    EXPECT_EQ(status(), json::parse(R"({"isInstalled": true, "binariesInstalled": true, "appPath": null, "blocks": [
+    EXPECT_EQ(status(), json::parse(R"({"isInstalled": true, "binariesInstalled": true, "appPath": null,
+        "missingBlocks": [], "blocks": [
         {"path": ")" + home + R"(/.zshrc", "isLast": true}, {"path": ")" + home + R"(/.bashrc", "isLast": true}]})"));
     RunResult text = cli({"shell", "status"});
     EXPECT_EQ(text.out, "Installed.\nShims in ~/.veerline/bin: in place\n~/.zshrc: block in place\n"
@@ -114,7 +115,8 @@ TEST_F(CliShellTest, PromptSnippets) {
     RunResult zsh = cli({"prompt", "zsh"});
     ASSERT_EQ(zsh.exitCode, 0);
     EXPECT_EQ(zsh.out, cli({"prompt", "oh-my-zsh"}).out);
-    EXPECT_TRUE(zsh.out.ends_with("RPROMPT='${VEERLINE_PROFILE:+[$VEERLINE_PROFILE]}'\"$RPROMPT\"\n")) << zsh.out;
+    EXPECT_TRUE(zsh.out.ends_with("RPROMPT='${VEERLINE_PROFILE:+[${VEERLINE_PROFILE//\\%/%%}]}'\"$RPROMPT\"\n"))
+        << zsh.out;
     EXPECT_TRUE(cli({"prompt", "bash"}).out.starts_with("# Veerline: show this folder's profile in your prompt. Add "
                                                         "to ~/.bashrc.\n"));
     EXPECT_EQ(cli({"prompt", "starship"}).out.find("$HOME"), std::string::npos);

@@ -1,5 +1,6 @@
 #include "shell/install_state.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -120,14 +121,24 @@ const InstallState::FileRecord* InstallState::record(const std::string& path) co
 
 std::optional<InstallState> ShellIntegration::loadState() const noexcept {
     try {
-        return InstallState::decoded(read(stateFile()));
+        // The record is input, not instructions: it may name only the start-up files Veerline
+        // manages, and backups only inside its own backups folder.
+        constexpr std::size_t recordLimit = 1024 * 1024;
+        std::optional<InstallState> state = InstallState::decoded(readBounded(stateFile(), recordLimit, false));
+        if (!state) return std::nullopt;
+        std::erase_if(state->files,
+                      [&](const InstallState::FileRecord& record) { return !isManagedFile(record.path); });
+        for (InstallState::FileRecord& record : state->files) {
+            if (record.backupPath && !isOwnBackup(*record.backupPath)) record.backupPath.reset();
+        }
+        return state;
     } catch (...) {
         return std::nullopt;
     }
 }
 
 void ShellIntegration::saveState(const InstallState& state) const {
-    write(state.encoded(paths_.abbreviate(stateFile())), stateFile());
+    replaceOwnFile(state.encoded(paths_.abbreviate(stateFile())), stateFile(), 0644);
 }
 
 }  // namespace veerline

@@ -14,11 +14,12 @@ constexpr std::string_view zshHead =
     "# for themes. Add to ~/.zshrc after your theme or oh-my-zsh is loaded.\n"
     "_veerline_update() { export VEERLINE_PROFILE=\"$(\"";
 
+// zsh expands % sequences in the prompt after substituting the name: a "%" in a name is doubled.
 constexpr std::string_view zshTail =
     "\n"
     "autoload -Uz add-zsh-hook && add-zsh-hook chpwd _veerline_update && _veerline_update\n"
     "setopt PROMPT_SUBST\n"
-    "RPROMPT='${VEERLINE_PROFILE:+[$VEERLINE_PROFILE]}'\"$RPROMPT\"";
+    "RPROMPT='${VEERLINE_PROFILE:+[${VEERLINE_PROFILE//\\%/%%}]}'\"$RPROMPT\"";
 
 constexpr std::string_view bashHead =
     "# Veerline: show this folder's profile in your prompt. Add to ~/.bashrc.\n"

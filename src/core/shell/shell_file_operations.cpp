@@ -11,6 +11,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "shell/stale_files.h"
 #include "shell/shell_integration.h"
 #include "base/unicode.h"
 
@@ -23,16 +24,27 @@ std::string lastComponent(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+constexpr std::string_view temporaryMarker = ".veerline-tmp.";
+
 }  // namespace
 
 std::string ShellIntegration::read(const std::string& path) const {
+    return readBounded(path, startupFileLimit, true);
+}
+
+std::string ShellIntegration::readBounded(const std::string& path, std::size_t limit, bool followLink) const {
     auto failure = [&](const std::string& cause) {
         return VeerlineError::io("Couldn't read " + paths_.abbreviate(path) + ": " + cause);
     };
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) throw failure(std::strerror(errno));
+    // O_NONBLOCK: opening a pipe must not wait for a writer that never comes.
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW)));
+    if (!fd) throw failure(errno == ELOOP && !followLink ? "It's a symbolic link." : std::strerror(errno));
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0) throw failure(std::strerror(errno));
+    if (!S_ISREG(info.st_mode)) throw failure("It isn't a regular file.");
     std::string text;
-    if (int error = readAll(fd.get(), text); error != 0) throw failure(std::strerror(error));
+    if (int error = readAll(fd.get(), text, limit + 1); error != 0) throw failure(std::strerror(error));
+    if (text.size() > limit) throw failure("It's too large (over " + std::to_string(limit / 1024) + " KB).");
     if (!unicode::isValidUTF8(text)) {
         throw failure("The file \u201C" + lastComponent(path) +
                       "\u201D couldn't be opened using text encoding Unicode (UTF-8).");
@@ -40,24 +52,47 @@ std::string ShellIntegration::read(const std::string& path) const {
     return text;
 }
 
-void ShellIntegration::write(const std::string& contents, const std::string& path) const {
-    auto failure = [&](int errorNumber) {
-        return ioErrorFromErrno("write " + paths_.abbreviate(path), errorNumber);
-    };
-    // Through a symlinked start-up file: replace the file it points at and keep the link.
-    std::string target = PathUtil::realPath(path).value_or(path);
-    mode_t mode = 0644;
-    if (struct stat info {}; ::stat(target.c_str(), &info) == 0) mode = info.st_mode & 07777;
+void ShellIntegration::checkWritable(const std::string& path, FileKind kind) const {
+    if (kind != FileKind::other) return;
+    throw VeerlineError::io("Couldn't write " + paths_.abbreviate(path) +
+                            ": It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
+}
 
-    TemporaryFile temporary(PathUtil::parent(target) + "/." + lastComponent(target) + ".veerline-tmp." +
-                            std::to_string(::getpid()));
-    {
-        FileDescriptor fd(::open(temporary.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (!fd) throw failure(errno);
-        if (int error = writeAll(fd.get(), contents); error != 0) throw failure(error);
-        ::fchmod(fd.get(), mode);
-        if (int error = fd.close(); error != 0) throw failure(error);
+void ShellIntegration::write(const std::string& contents, const std::string& path) const {
+    FileKind kind = kindOf(path);
+    checkWritable(path, kind);
+    // Through a symlinked start-up file: replace the file it points at and keep the link. A link
+    // to nothing is replaced itself (its backup keeps it).
+    std::string target = kind == FileKind::linkToRegular ? PathUtil::realPath(path).value_or(path) : path;
+    mode_t mode = 0644;
+    if (struct stat info {}; ::lstat(target.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+        mode = info.st_mode & 07777;
     }
+    atomicReplace(contents, path, target, mode);
+}
+
+void ShellIntegration::replaceOwnFile(const std::string& contents, const std::string& path, mode_t mode) const {
+    atomicReplace(contents, path, path, mode);
+}
+
+void ShellIntegration::atomicReplace(const std::string& contents, const std::string& displayPath,
+                                     const std::string& target, mode_t mode) const {
+    auto failure = [&](int errorNumber) {
+        return ioErrorFromErrno("write " + paths_.abbreviate(displayPath), errorNumber);
+    };
+    TemporaryFile temporary(PathUtil::parent(target) + "/." + lastComponent(target) + std::string(temporaryMarker) +
+                            std::to_string(::getpid()));
+    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
+    FileDescriptor fd(::open(temporary.path().c_str(), flags, 0600));
+    if (!fd && errno == EEXIST) {
+        // Left by an earlier process with this id.
+        ::unlink(temporary.path().c_str());
+        fd = FileDescriptor(::open(temporary.path().c_str(), flags, 0600));
+    }
+    if (!fd) throw failure(errno);
+    if (int error = writeAll(fd.get(), contents); error != 0) throw failure(error);
+    ::fchmod(fd.get(), mode);
+    if (int error = fd.close(); error != 0) throw failure(error);
     if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw failure(errno);
     temporary.keep();
 }
@@ -85,7 +120,16 @@ void ShellIntegration::symlink(const std::string& link, const std::string& desti
     }
 }
 
-void ShellIntegration::createDirectory(const std::string& path) const {
+void ShellIntegration::createDirectory(const std::string& path, mode_t mode) const {
+    auto refuseLink = [&] {
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+            throw VeerlineError::io("Couldn't create " + paths_.abbreviate(path) +
+                                    ": It's a symbolic link, and Veerline writes only into folders it made. "
+                                    "Remove the link and try again.");
+        }
+    };
+    refuseLink();
     if (PathUtil::isDirectory(path)) return;
     int lastError = 0;
     std::string partial;
@@ -95,9 +139,10 @@ void ShellIntegration::createDirectory(const std::string& path) const {
         partial += rest.substr(0, slash);
         rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash);
         if (partial == "/" || partial.ends_with("/")) continue;
-        lastError = ::mkdir(partial.c_str(), 0755) == 0 ? 0 : errno;
+        lastError = ::mkdir(partial.c_str(), rest.empty() ? mode : 0755) == 0 ? 0 : errno;
         if (lastError != 0 && lastError != EEXIST) break;
     }
+    refuseLink();
     if (!PathUtil::isDirectory(path)) {
         throw ioErrorFromErrno("create " + paths_.abbreviate(path), lastError != 0 ? lastError : ENOTDIR);
     }
@@ -112,6 +157,35 @@ void ShellIntegration::removeFile(const std::string& path) const {
         return;
     }
     if (::unlink(path.c_str()) != 0) throw ioErrorFromErrno("remove " + paths_.abbreviate(path), errno);
+}
+
+void ShellIntegration::removeStaleTemporaries() const noexcept {
+    try {
+        auto staleAfter = [](std::string_view marker) {
+            return [marker](std::string_view name) {
+                auto pid = processIdAfter(name, marker);
+                return pid && processIsGone(*pid);
+            };
+        };
+        removeStaleScratchFolders();
+        removeEntriesInside(libexec(), staleAfter(".tmp."));
+        removeEntriesInside(root(), [&](std::string_view name) {
+            return name.starts_with(".") && staleAfter(temporaryMarker)(name);
+        });
+        removeEntriesInside(backups(), [&](std::string_view name) {
+            return name.starts_with(".") && staleAfter(temporaryMarker)(name);
+        });
+        for (const std::string& path : managedFiles()) {
+            std::string target = kindOf(path) == FileKind::linkToRegular ? PathUtil::realPath(path).value_or(path) : path;
+            std::string prefix = "." + lastComponent(target) + std::string(temporaryMarker);
+            removeEntriesInside(PathUtil::parent(target), [&](std::string_view name) {
+                auto pid = name.starts_with(prefix) ? processIdAfter(name, prefix) : std::nullopt;
+                return pid && processIsGone(*pid);
+            });
+        }
+    } catch (...) {
+        // Allocation only; the left-overs wait for the next run.
+    }
 }
 
 std::string ShellIntegration::sha256(std::string_view text) noexcept {

@@ -2,11 +2,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <utility>
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "shell/stale_files.h"
 #include "shell/shell_integration.h"
 #include "base/unicode.h"
 
@@ -43,10 +45,15 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::install(
     const std::string& resolver, const std::optional<std::string>& cli, const std::optional<std::string>& launcher,
     const std::optional<std::string>& appPath) const {
     const std::string shims = paths_.shimDirectory();
+    removeStaleTemporaries();
+    // Every start-up file is checked before anything at all changes.
+    std::vector<FileChange> plan = planInstall();
     createDirectory(root());
     createDirectory(libexec());
     createDirectory(shims);
-    createDirectory(backups());
+    // Backups hold copies of the user's start-up files: for their eyes only.
+    createDirectory(backups(), 0700);
+    ::chmod(backups().c_str(), 0700);
 
     copyAtomically(resolver, libexec() + "/veerline-resolve");
     if (cli) copyAtomically(*cli, libexec() + "/veerline");
@@ -57,42 +64,31 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::install(
     if (cli) symlink(shims + "/veerline", "../libexec/veerline");
 
     if (appPath) {
-        write(*appPath + "\n", appPathFile());
+        replaceOwnFile(*appPath + "\n", appPathFile(), 0644);
     } else {
-        try {
-            removeFile(appPathFile());
-        } catch (const VeerlineError&) {
-        }
+        ::unlink(appPathFile().c_str());
     }
 
-    std::vector<FileChange> plan = planInstall();
     recordInstall(plan);
     return plan;
 }
 
 std::vector<ShellIntegration::FileChange> ShellIntegration::uninstall() const {
+    removeStaleTemporaries();
     std::vector<FileChange> plan = planUninstall();
     applyUninstall(plan);
 
-    auto removeQuietly = [this](const std::string& path) {
-        try {
-            removeFile(path);
-        } catch (const VeerlineError&) {
-        }
-    };
+    // Only inside Veerline's own folders, never through a link: a folder that is a link (to
+    // somewhere else) keeps everything in it.
     const std::string shims = paths_.shimDirectory();
-    for (std::string_view name : toolNames) removeQuietly(shims + "/" + std::string(name));
-    removeQuietly(shims + "/veerline");
-    for (const char* name : {"/veerline-resolve", "/veerline", "/veerline-launcher"}) removeQuietly(libexec() + name);
-    removeQuietly(stateFile());
-    removeQuietly(appPathFile());
-
-    std::error_code error;
-    std::vector<std::string> backupEntries;
-    for (std::filesystem::directory_iterator it(backups(), error), end; !error && it != end; it.increment(error)) {
-        backupEntries.push_back(backups() + "/" + it->path().filename().string());
-    }
-    for (const std::string& entry : backupEntries) removeQuietly(entry);
+    removeEntriesInside(shims, [](std::string_view name) {
+        return name == "veerline" || std::find(toolNames.begin(), toolNames.end(), name) != toolNames.end();
+    });
+    removeEntriesInside(libexec(), [](std::string_view name) {
+        return name == "veerline-resolve" || name == "veerline" || name == "veerline-launcher";
+    });
+    removeEntriesInside(root(), [](std::string_view name) { return name == "install.json" || name == "app-path"; });
+    removeEntriesInside(backups(), [](std::string_view) { return true; });
 
     // Only empty folders go: anything the user put there keeps its folder.
     for (const std::string& folder : {shims, libexec(), backups(), root()}) ::rmdir(folder.c_str());
@@ -102,7 +98,11 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::uninstall() const {
 bool ShellIntegration::refreshBinariesIfStale(const std::string& resolver, const std::optional<std::string>& cli,
                                               const std::optional<std::string>& launcher) const noexcept {
     try {
-        if (!PathUtil::isDirectory(libexec())) return false;
+        // Only into the folder install made, never through a link put in its place.
+        for (const std::string& folder : {root(), libexec()}) {
+            struct stat info {};
+            if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return false;
+        }
         if (!PathUtil::isExecutableFile(libexec() + "/veerline-resolve")) return false;
         bool refreshed = false;
         const std::pair<const std::optional<std::string>, const char*> sources[] = {
@@ -128,10 +128,10 @@ void ShellIntegration::recordAppLocation(const std::string& path) const noexcept
         if (!PathUtil::isDirectory(libexec())) return;
         if (!path.ends_with(".app")) return;
         try {
-            if (unicode::trimmed(read(appPathFile())) == path) return;
+            if (unicode::trimmed(readBounded(appPathFile(), appPathLimit, false)) == path) return;
         } catch (const VeerlineError&) {
         }
-        write(path + "\n", appPathFile());
+        replaceOwnFile(path + "\n", appPathFile(), 0644);
     } catch (...) {
     }
 }
@@ -145,18 +145,27 @@ ShellIntegration::Status ShellIntegration::status() const noexcept {
             if (!status.binariesInstalled) break;
             status.binariesInstalled = PathUtil::isExecutableFile(shims + "/" + std::string(name));
         }
-        for (const std::string& path : targetFiles()) {
+        const std::vector<std::string> targets = targetFiles();
+        for (const std::string& path : targets) {
+            // Where the user's own shell reads this file, a missing block means Veerline isn't
+            // there when they open a terminal.
+            const bool readByUsersShell = loginShell_ == "zsh" ? path == targets.front()
+                                          : loginShell_ == "bash" ? path.ends_with("/.bashrc") ||
+                                                                        path.ends_with("/.bash_profile")
+                                                                  : false;
             std::string text;
             try {
                 text = read(path);
             } catch (const VeerlineError&) {
+            }
+            if (text.find(beginMarker) == std::string::npos) {
+                if (readByUsersShell) status.missingBlocks.push_back(path);
                 continue;
             }
-            if (text.find(beginMarker) == std::string::npos) continue;
             status.blocks.push_back({path, blockIsLast(text)});
         }
         try {
-            status.appPath = unicode::trimmed(read(appPathFile()));
+            status.appPath = unicode::trimmed(readBounded(appPathFile(), appPathLimit, false));
         } catch (const VeerlineError&) {
         }
     } catch (...) {

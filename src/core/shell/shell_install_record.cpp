@@ -1,8 +1,14 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
+#include <filesystem>
 #include <set>
 
 #include "base/error.h"
+#include "base/file_io.h"
 #include "shell/shell_integration.h"
 
 namespace veerline {
@@ -29,6 +35,40 @@ std::string iso8601Now() {
 
 }  // namespace
 
+bool ShellIntegration::isOwnBackup(const std::string& path) const noexcept {
+    const std::string folder = backups() + "/";
+    if (!path.starts_with(folder)) return false;
+    std::string_view name = std::string_view(path).substr(folder.size());
+    if (name.empty() || name == "." || name == ".." || name.find('/') != std::string_view::npos) return false;
+    struct stat info {};
+    // The folder itself must be Veerline's, not a link to somewhere else.
+    if (::lstat(backups().c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return false;
+    return ::lstat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode) || S_ISLNK(info.st_mode);
+}
+
+std::string ShellIntegration::backUp(const FileChange& change, const std::string& stamp) const {
+    const std::string base = backups() + "/" + backupName(change.path, stamp);
+    // A second install within the same second (say, after the record was lost) must not
+    // overwrite the first backup.
+    std::string path = base;
+    struct stat info {};
+    for (int n = 2; ::lstat(path.c_str(), &info) == 0; ++n) path = base + "-" + std::to_string(n);
+
+    if (kindOf(change.path) == FileKind::linkToNothing) {
+        std::error_code error;
+        std::string destination = std::filesystem::read_symlink(change.path, error).native();
+        if (error) throw VeerlineError::io("Couldn't read " + paths_.abbreviate(change.path) + ": " + error.message());
+        if (::symlink(destination.c_str(), path.c_str()) != 0) {
+            throw ioErrorFromErrno("create " + paths_.abbreviate(path), errno);
+        }
+        return path;
+    }
+    mode_t mode = 0600;
+    if (::stat(change.path.c_str(), &info) == 0) mode = info.st_mode & 0777;
+    replaceOwnFile(change.before, path, mode);
+    return path;
+}
+
 void ShellIntegration::recordInstall(const std::vector<FileChange>& plan) const {
     InstallState state = loadState().value_or(InstallState{});
     const std::string stamp = timestamp();
@@ -39,10 +79,7 @@ void ShellIntegration::recordInstall(const std::vector<FileChange>& plan) const 
             record = *known;
         } else {
             record.path = change.path;
-            if (change.existed) {
-                record.backupPath = backups() + "/" + backupName(change.path, stamp);
-                write(change.before, *record.backupPath);
-            }
+            if (change.existed) record.backupPath = backUp(change, stamp);
             record.existedBefore = change.existed;
             record.addedNewline = !change.before.empty() && change.before.back() != '\n';
         }
@@ -57,44 +94,86 @@ void ShellIntegration::recordInstall(const std::vector<FileChange>& plan) const 
 
 std::vector<ShellIntegration::FileChange> ShellIntegration::planUninstall() const {
     const std::optional<InstallState> state = loadState();
+    // Also without a record: a lost install.json must not leave the block behind.
     std::set<std::string> candidates;
     for (std::string& path : targetFiles()) candidates.insert(std::move(path));
+    for (std::string& path : managedFiles()) candidates.insert(std::move(path));
     if (state) {
         for (const auto& file : state->files) candidates.insert(file.path);
     }
 
     std::vector<FileChange> plan;
     for (const std::string& path : candidates) {
-        if (!itemExists(path)) continue;
-        std::string current = read(path);
+        // Only text can hold a block: pipes, devices and links to nothing are left alone.
+        FileKind kind = kindOf(path);
+        if (kind != FileKind::regular && kind != FileKind::linkToRegular) continue;
+        FileChange change{path, true, read(path), {}};
         const InstallState::FileRecord* record = state ? state->record(path) : nullptr;
         std::optional<std::string> after;
-        if (record != nullptr && sha256(current) == record->installedSHA256) {
-            // Untouched since the install: the exact old contents come back.
-            if (record->backupPath) {
-                try {
-                    after = read(*record->backupPath);
-                } catch (const VeerlineError&) {
+        if (record != nullptr && sha256(change.before) == record->installedSHA256) {
+            // Untouched since the install: the exact old contents (or link) come back.
+            struct stat info {};
+            if (record->backupPath && ::lstat(record->backupPath->c_str(), &info) == 0) {
+                if (S_ISLNK(info.st_mode)) {
+                    // The link comes back; as text, the file is then gone.
+                    if (linkToRestore(record, change.before)) after = std::string();
+                } else {
+                    try {
+                        after = readBounded(*record->backupPath, startupFileLimit, false);
+                    } catch (const VeerlineError&) {
+                    }
+                    // A backup taken when the file already held a block (the record was lost
+                    // and Veerline installed again) must not bring the block back.
+                    if (after && !unclosedBlockLine(*after)) after = removingBlock(*after);
                 }
             }
             if (!after && !record->existedBefore) after = std::string();
         }
         if (!after) {
-            after = removingBlock(current);
+            if (auto line = unclosedBlockLine(change.before)) {
+                throw VeerlineError::io("Couldn't take the block out of " + paths_.abbreviate(path) + ": line " +
+                                        std::to_string(*line) + " opens a block (\u201C" + std::string(beginMarker) +
+                                        "\u201D) that no \u201C" + std::string(endMarker) +
+                                        "\u201D line closes. Close or remove it, then try again.");
+            }
+            after = removingBlock(change.before);
             if (record != nullptr && record->addedNewline && after->ends_with('\n')) after->pop_back();
         }
-        plan.push_back({path, true, std::move(current), std::move(*after)});
+        change.after = std::move(*after);
+        plan.push_back(std::move(change));
     }
     return plan;
+}
+
+std::optional<std::string> ShellIntegration::linkToRestore(const InstallState::FileRecord* record,
+                                                           const std::string& current) const {
+    if (record == nullptr || !record->backupPath || sha256(current) != record->installedSHA256) return std::nullopt;
+    struct stat info {};
+    if (::lstat(record->backupPath->c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) return std::nullopt;
+    std::error_code error;
+    auto destination = std::filesystem::read_symlink(*record->backupPath, error);
+    if (error) return std::nullopt;
+    return destination.native();
 }
 
 void ShellIntegration::applyUninstall(const std::vector<FileChange>& plan) const {
     const std::optional<InstallState> state = loadState();
     for (const FileChange& change : plan) {
         const InstallState::FileRecord* record = state ? state->record(change.path) : nullptr;
-        if (record != nullptr && !record->existedBefore) {
+        if (auto destination = linkToRestore(record, change.before)) {
+            // The file was a link to nothing before the install: make it that link again.
+            TemporaryFile temporary(PathUtil::parent(change.path) + "/." +
+                                    change.path.substr(change.path.rfind('/') + 1) + ".veerline-tmp." +
+                                    std::to_string(::getpid()));
+            ::unlink(temporary.path().c_str());
+            if (::symlink(destination->c_str(), temporary.path().c_str()) != 0 ||
+                ::rename(temporary.path().c_str(), change.path.c_str()) != 0) {
+                throw ioErrorFromErrno("write " + paths_.abbreviate(change.path), errno);
+            }
+            temporary.keep();
+        } else if (record != nullptr && !record->existedBefore) {
             // The install created this file: nothing of the user's left means it goes.
-            if (change.after.empty()) {
+            if (change.after.empty() && kindOf(change.path) == FileKind::regular) {
                 removeFile(change.path);
             } else {
                 write(change.after, change.path);

@@ -1,5 +1,8 @@
 #include "shell/shell_integration.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +11,9 @@
 #include <utility>
 
 #include "base/error.h"
+#include "base/file_io.h"
+#include "base/interrupt_cleanup.h"
+#include "shell/stale_files.h"
 #include "tools/process_runner.h"
 #include "base/unicode.h"
 #include "platform/platform.h"
@@ -63,27 +69,87 @@ std::vector<std::string_view> splitLines(std::string_view text) {
     return lines;
 }
 
-// Removes the folder and everything in it when the diff is done, whichever way it ends.
+std::string lastComponent(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// Whether `name` is the user's login shell or can be found on their PATH.
+bool shellIsUsed(const Environment& environment, const std::string& name) {
+    if (const std::string* shell = lookup(environment, "SHELL"); shell != nullptr && lastComponent(*shell) == name) {
+        return true;
+    }
+    const std::string* path = lookup(environment, "PATH");
+    if (path == nullptr) return false;
+    std::size_t start = 0;
+    while (start <= path->size()) {
+        std::size_t colon = std::min(path->find(':', start), path->size());
+        std::string folder = path->substr(start, colon - start);
+        if (folder.starts_with("/") && PathUtil::isExecutableFile(folder + "/" + name)) return true;
+        start = colon + 1;
+    }
+    return false;
+}
+
+constexpr std::string_view scratchPrefix = "veerline-diff-";
+
+// The preview's copies of a start-up file, in a folder only the user can enter (mkdtemp makes
+// it 0700), removed when the diff is done or the command is interrupted. A killed preview's
+// folder carries its process id, so a later preview removes it.
 class ScratchFolder {
 public:
-    explicit ScratchFolder(std::string path) : path_(std::move(path)) {
-        std::error_code ignored;
-        std::filesystem::create_directories(path_, ignored);
+    ScratchFolder() {
+        ShellIntegration::removeStaleScratchFolders();
+        std::string pattern = platform::privateScratchDirectory() + "/" + std::string(scratchPrefix) +
+                              std::to_string(::getpid()) + "-XXXXXX";
+        // No interrupt between making the folder and registering it.
+        sigset_t interrupts;
+        sigset_t previous;
+        sigemptyset(&interrupts);
+        for (int signalNumber : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&interrupts, signalNumber);
+        ::pthread_sigmask(SIG_BLOCK, &interrupts, &previous);
+        if (::mkdtemp(pattern.data()) != nullptr) {
+            path_ = std::move(pattern);
+            // Newest first on interrupt: the files, then their folder.
+            folderCleanup_.emplace(path_, RemoveOnInterrupt::Kind::folder);
+            aCleanup_.emplace(path_ + "/a");
+            bCleanup_.emplace(path_ + "/b");
+        }
+        ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     }
     ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        if (path_.empty()) return;
+        ::unlink((path_ + "/a").c_str());
+        ::unlink((path_ + "/b").c_str());
+        ::rmdir(path_.c_str());
     }
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
+    bool ok() const { return !path_.empty(); }
     const std::string& path() const { return path_; }
+
+    // Private copies: created new, 0600, never through a link.
+    bool put(const char* name, const std::string& contents) const {
+        FileDescriptor fd(::open((path_ + "/" + name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                 0600));
+        return fd && writeAll(fd.get(), contents) == 0 && fd.close() == 0;
+    }
 
 private:
     std::string path_;
+    std::optional<RemoveOnInterrupt> folderCleanup_;
+    std::optional<RemoveOnInterrupt> aCleanup_;
+    std::optional<RemoveOnInterrupt> bCleanup_;
 };
 
 }  // namespace
+
+void ShellIntegration::removeStaleScratchFolders() noexcept {
+    removeEntriesInside(platform::privateScratchDirectory(), [](std::string_view name) {
+        auto pid = name.starts_with(scratchPrefix) ? processIdAfter(name, scratchPrefix, '-') : std::nullopt;
+        return pid && processIsGone(*pid);
+    });
+}
 
 const std::string& ShellIntegration::block() {
     static const std::string text = std::string(beginMarker) +
@@ -97,25 +163,52 @@ const std::string& ShellIntegration::block() {
     return text;
 }
 
-ShellIntegration::ShellIntegration(Paths paths, const Environment& environment) : paths_(std::move(paths)) {
+ShellIntegration::ShellIntegration(Paths paths, const Environment& environment)
+    : paths_(std::move(paths)), usesBash_(shellIsUsed(environment, "bash")) {
+    if (const std::string* shell = lookup(environment, "SHELL")) loginShell_ = lastComponent(*shell);
     const std::string* value = lookup(environment, "ZDOTDIR");
     if (value == nullptr || !value->starts_with("/")) return;
     std::string normalized = PathUtil::normalize(*value);
     if (normalized != paths_.home) zdotdir_ = std::move(normalized);
 }
 
-bool ShellIntegration::itemExists(const std::string& path) noexcept {
+ShellIntegration::FileKind ShellIntegration::kindOf(const std::string& path) noexcept {
     struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
+    if (::lstat(path.c_str(), &info) != 0) return FileKind::missing;
+    if (S_ISREG(info.st_mode)) return FileKind::regular;
+    if (!S_ISLNK(info.st_mode)) return FileKind::other;
+    if (::stat(path.c_str(), &info) != 0) return errno == ENOENT ? FileKind::linkToNothing : FileKind::other;
+    return S_ISREG(info.st_mode) ? FileKind::linkToRegular : FileKind::other;
 }
 
 std::vector<std::string> ShellIntegration::targetFiles() const {
     std::vector<std::string> files{zdotdir_.value_or(paths_.home) + "/.zshrc"};
     for (const char* name : {".bashrc", ".bash_profile"}) {
         std::string path = paths_.home + "/" + name;
-        if (itemExists(path)) files.push_back(std::move(path));
+        bool wanted = kindOf(path) != FileKind::missing ||
+                      (name == std::string_view(".bashrc") && usesBash_ && platform::interactiveBashReadsBashrc());
+        if (wanted) files.push_back(std::move(path));
     }
     return files;
+}
+
+std::vector<std::string> ShellIntegration::managedFiles() const {
+    std::vector<std::string> files{paths_.home + "/.zshrc"};
+    if (zdotdir_) files.push_back(*zdotdir_ + "/.zshrc");
+    files.push_back(paths_.home + "/.bashrc");
+    files.push_back(paths_.home + "/.bash_profile");
+    return files;
+}
+
+bool ShellIntegration::isManagedFile(const std::string& path) const noexcept {
+    try {
+        const std::vector<std::string> managed = managedFiles();
+        if (std::find(managed.begin(), managed.end(), path) != managed.end()) return true;
+        return path.ends_with("/.zshrc") && path.starts_with("/") && PathUtil::normalize(path) == path &&
+               PathUtil::isSameOrInside(path, paths_.home, true);
+    } catch (...) {
+        return false;
+    }
 }
 
 std::string ShellIntegration::removingBlock(std::string_view contents) {
@@ -137,6 +230,17 @@ std::string ShellIntegration::removingBlock(std::string_view contents) {
         result += lines[i];
     }
     return result;
+}
+
+std::optional<std::size_t> ShellIntegration::unclosedBlockLine(std::string_view contents) {
+    std::vector<std::string_view> lines = splitLines(contents);
+    std::optional<std::size_t> open;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        std::string_view line = trimmingSpacesAndTabs(lines[i]);
+        if (!open && line == beginMarker) open = i + 1;
+        if (open && line == endMarker) open.reset();
+    }
+    return open;
 }
 
 std::string ShellIntegration::addingBlock(std::string_view contents) {
@@ -163,8 +267,16 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::planInstall() const 
     for (const std::string& path : targetFiles()) {
         FileChange change;
         change.path = path;
-        change.existed = itemExists(path);
-        if (change.existed) change.before = read(path);
+        FileKind kind = kindOf(path);
+        checkWritable(path, kind);
+        change.existed = kind != FileKind::missing;
+        if (kind == FileKind::regular || kind == FileKind::linkToRegular) change.before = read(path);
+        if (auto line = unclosedBlockLine(change.before)) {
+            throw VeerlineError::io("Couldn't add the block to " + paths_.abbreviate(path) + ": line " +
+                                    std::to_string(*line) + " opens a block (\u201C" + std::string(beginMarker) +
+                                    "\u201D) that no \u201C" + std::string(endMarker) +
+                                    "\u201D line closes. Close or remove it, then try again.");
+        }
         change.after = addingBlock(change.before);
         plan.push_back(std::move(change));
     }
@@ -173,15 +285,8 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::planInstall() const 
 
 std::string ShellIntegration::diff(const FileChange& change) const noexcept {
     try {
-        ScratchFolder scratch(platform::temporaryDirectory() + "/veerline-diff-" + std::to_string(::getpid()) +
-                              "-" + std::to_string(platform::secureRandomBelow(UINT32_MAX)));
-        for (const auto& [contents, name] : {std::pair{&change.before, "/a"}, std::pair{&change.after, "/b"}}) {
-            try {
-                write(*contents, scratch.path() + name);
-            } catch (const VeerlineError&) {
-                // Nothing to show then; diff reports the missing file on standard error.
-            }
-        }
+        ScratchFolder scratch;
+        if (!scratch.ok() || !scratch.put("a", change.before) || !scratch.put("b", change.after)) return {};
         std::string label = paths_.abbreviate(change.path);
         std::string oldLabel = change.existed ? label : label + " (new file)";
         ProcessResult result = ProcessRunner::runSync(

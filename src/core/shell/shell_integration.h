@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <optional>
 #include <string>
@@ -40,8 +42,10 @@ public:
         bool binariesInstalled = false;
         std::vector<Block> blocks;            // target files holding a managed block, in target order
         std::optional<std::string> appPath;   // trimmed; nothing when the app-path file can't be read
+        // Target files that the user's own shell ($SHELL) reads and that hold no block.
+        std::vector<std::string> missingBlocks;
 
-        bool isInstalled() const noexcept { return binariesInstalled && !blocks.empty(); }
+        bool isInstalled() const noexcept { return binariesInstalled && !blocks.empty() && missingBlocks.empty(); }
         bool operator==(const Status&) const = default;
     };
 
@@ -64,8 +68,15 @@ public:
     std::string stateFile() const { return root() + "/install.json"; }
     std::string appPathFile() const { return root() + "/app-path"; }
 
-    // The zsh file always, then ~/.bashrc and ~/.bash_profile when they exist.
+    // The zsh file always, then ~/.bashrc and ~/.bash_profile when something (even a link to
+    // nothing) is there. Where an interactive bash reads ~/.bashrc, that file is a target also
+    // when it is missing, as long as bash is the user's shell or on their PATH.
     std::vector<std::string> targetFiles() const;
+    // The start-up files Veerline looks after whatever the environment says now.
+    std::vector<std::string> managedFiles() const;
+    // The only paths the install record may name: managedFiles(), and a zsh file in any folder
+    // of the home folder (ZDOTDIR may have been different at install).
+    bool isManagedFile(const std::string& path) const noexcept;
 
     // Every managed block removed and one fresh block at the end.
     static std::string addingBlock(std::string_view contents);
@@ -74,28 +85,41 @@ public:
     // Whether only blank and comment lines follow the last end marker.
     static bool blockIsLast(std::string_view contents);
 
-    // One change per target file, unchanged ones included. Writes nothing.
+    // The 1-based number of a line that opens a managed block no end marker closes.
+    static std::optional<std::size_t> unclosedBlockLine(std::string_view contents);
+
+    // One change per target file, unchanged ones included. Writes nothing. Refuses, before
+    // anything is written, a target that isn't a regular file (or a link to one, or to nothing)
+    // and a block that is opened but never closed.
     std::vector<FileChange> planInstall() const;
     // A unified diff of the change for the user to review; empty when there is nothing to show.
     std::string diff(const FileChange& change) const noexcept;
 
     // File operations.
+    // A regular file only, read without waiting on a pipe and up to a bound.
     std::string read(const std::string& path) const;
-    // Replaces the file (through a symbolic link: its target) atomically, keeping its mode.
+    // Replaces the file atomically, keeping its mode. Through a symbolic link only when the link
+    // leads to a regular file (then the file it leads to is replaced and the link stays); a link
+    // to nothing is replaced itself; anything else is refused.
     void write(const std::string& contents, const std::string& path) const;
     // Installs an executable (mode 0755) copy of `source` atomically.
     void copyAtomically(const std::string& source, const std::string& destination) const;
     // Makes `link` a symbolic link storing `destination` verbatim; an equal link is left alone.
     void symlink(const std::string& link, const std::string& destination) const;
-    void createDirectory(const std::string& path) const;
+    // An existing folder is success; a symbolic link at `path` is refused.
+    void createDirectory(const std::string& path, mode_t mode = 0755) const;
     void removeFile(const std::string& path) const;
+    // Temporary files and preview folders left by Veerline processes that no longer run.
+    void removeStaleTemporaries() const noexcept;
+    static void removeStaleScratchFolders() noexcept;
 
     // 64 lower-case hexadecimal digits.
     static std::string sha256(std::string_view text) noexcept;
     // The current local time as "yyyyMMdd-HHmmss".
     static std::string timestamp() noexcept;
 
-    // Nothing when the record is missing, unreadable or damaged.
+    // Nothing when the record is missing, unreadable or damaged. Records of files other than
+    // managedFiles() are left out, and so is a backupPath outside the backups folder.
     std::optional<InstallState> loadState() const noexcept;
     void saveState(const InstallState& state) const;
 
@@ -122,11 +146,33 @@ public:
     static std::optional<std::string> promptSnippet(std::string_view name);
 
 private:
-    // The platform's file-exists test: follows symbolic links.
-    static bool itemExists(const std::string& path) noexcept;
+    // Start-up files are text a person edits: anything larger is not one.
+    static constexpr std::size_t startupFileLimit = 8 * 1024 * 1024;
+    // The app-path hint is one path.
+    static constexpr std::size_t appPathLimit = 16 * 1024;
+
+    enum class FileKind { missing, regular, linkToRegular, linkToNothing, other };
+    static FileKind kindOf(const std::string& path) noexcept;
+    // Throws when install must not touch what is at `path`.
+    void checkWritable(const std::string& path, FileKind kind) const;
+
+    std::string readBounded(const std::string& path, std::size_t limit, bool followLink) const;
+    // Replaces `path` itself (never through a link): for Veerline's own files.
+    void replaceOwnFile(const std::string& contents, const std::string& path, mode_t mode) const;
+    void atomicReplace(const std::string& contents, const std::string& displayPath, const std::string& target,
+                       mode_t mode) const;
+    // Copies the file (or the link to nothing) as it was before the install into the backups
+    // folder under a name no other backup has; returns the backup's path.
+    std::string backUp(const FileChange& change, const std::string& stamp) const;
+    bool isOwnBackup(const std::string& path) const noexcept;
+    // The destination of the link to nothing that uninstall puts back at the record's file, when
+    // the file is exactly as the install left it.
+    std::optional<std::string> linkToRestore(const InstallState::FileRecord* record, const std::string& current) const;
 
     Paths paths_;
     std::optional<std::string> zdotdir_;
+    bool usesBash_ = false;
+    std::string loginShell_;   // the last component of $SHELL
 };
 
 }  // namespace veerline

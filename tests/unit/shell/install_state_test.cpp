@@ -175,7 +175,9 @@ TEST_F(InstallRecordTest, FailedShellFileWriteKeepsThePreviousRecord) {
         shell.recordInstall(plan);
         ADD_FAILURE() << "no error";
     } catch (const VeerlineError& error) {
-        EXPECT_STREQ(error.what(), "Couldn't write ~/.bashrc: Is a directory");
+        EXPECT_STREQ(error.what(),
+                     "Couldn't write ~/.bashrc: It isn't a regular file, nor a symbolic link to one. Nothing was "
+                     "changed.");
     }
     EXPECT_EQ(testing::readFile(zshrc), plan[0].after);
     EXPECT_EQ(testing::readFile(shell.stateFile()), saved);

@@ -63,7 +63,7 @@ TEST_F(ShellInstallTest, InstallLaysOutTheFolderAndUninstallTakesItAway) {
     EXPECT_TRUE(entriesOf(shell.backups()).empty());
 
     auto status = shell.status();
-    EXPECT_EQ(status, (ShellIntegration::Status{true, {{zshrc, true}}, std::nullopt}));
+    EXPECT_EQ(status, (ShellIntegration::Status{true, {{zshrc, true}}, std::nullopt, {}}));
     EXPECT_TRUE(status.isInstalled());
 
     auto undone = shell.uninstall();

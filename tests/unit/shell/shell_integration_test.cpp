@@ -112,10 +112,11 @@ TEST_F(ShellIntegrationTest, TargetFilesAndZdotdir) {
     testing::writeFile(home + "/.bashrc", "");
     EXPECT_EQ(shell.targetFiles(),
               (std::vector<std::string>{home + "/.zshrc", home + "/.bashrc", home + "/.bash_profile"}));
-    // A dangling link doesn't count as an existing file.
+    // A dangling link is the user's too.
     ::unlink((home + "/.bashrc").c_str());
     testing::makeSymlink(root / "missing", home + "/.bashrc");
-    EXPECT_EQ(shell.targetFiles(), (std::vector<std::string>{home + "/.zshrc", home + "/.bash_profile"}));
+    EXPECT_EQ(shell.targetFiles(),
+              (std::vector<std::string>{home + "/.zshrc", home + "/.bashrc", home + "/.bash_profile"}));
 
     Paths paths(home, "/Applications");
     EXPECT_EQ(ShellIntegration(paths, {{"ZDOTDIR", "/Users/x/.config//zsh/"}}).targetFiles().front(),
@@ -145,7 +146,8 @@ TEST_F(ShellIntegrationTest, PlanInstall) {
 
 TEST_F(ShellIntegrationTest, PlanInstallFailsOnUnreadableFiles) {
     testing::makeDirs(home + "/.zshrc");
-    EXPECT_EQ(errorOf([&] { shell.planInstall(); }), "Couldn't read ~/.zshrc: Is a directory");
+    EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
+              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
     ::rmdir((home + "/.zshrc").c_str());
     testing::writeFile(home + "/.zshrc", "caf\xE9\n");
     EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
@@ -198,7 +200,8 @@ TEST_F(ShellIntegrationTest, WriteIsAtomicAndKeepsModeAndLinks) {
 TEST_F(ShellIntegrationTest, WriteFailureLeavesNoTemporaryFile) {
     // Renaming a file over a folder that holds something fails for every user, root included.
     testing::writeFile(home + "/.zshrc/inside", "keep");
-    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }), "Couldn't write ~/.zshrc: Is a directory");
+    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }),
+              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
     EXPECT_EQ(entriesOf(home), std::vector<std::string>{".zshrc"});
     EXPECT_EQ(testing::readFile(home + "/.zshrc/inside"), "keep");
     EXPECT_EQ(errorOf([&] { shell.write("x", home + "/missing/file"); }),
