@@ -2,6 +2,7 @@
 BUILD_DIR   ?= build
 ASAN_DIR    ?= build-asan
 BENCH_DIR   ?= build-bench
+COVERAGE_DIR ?= build-coverage
 PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
 JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
@@ -10,7 +11,7 @@ GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
 CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
 
-.PHONY: all build test test-asan bench install uninstall bootstrap clean
+.PHONY: all build test test-asan coverage bench install uninstall bootstrap clean
 
 all: build
 
@@ -26,6 +27,19 @@ test-asan:
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
+
+# Unoptimised, so that each line counts where it is written; stale counts from an earlier run are
+# dropped first. The report covers src/ only: the tests themselves are not the measure.
+coverage:
+	cmake -S . -B $(COVERAGE_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=--coverage \
+		-DCMAKE_EXE_LINKER_FLAGS=--coverage $(CMAKE_FLAGS)
+	cmake --build $(COVERAGE_DIR) -j $(JOBS)
+	find $(COVERAGE_DIR) -name '*.gcda' -delete
+	ctest --test-dir $(COVERAGE_DIR) --output-on-failure -j $(JOBS)
+	mkdir -p $(COVERAGE_DIR)/coverage
+	gcovr -r . --filter src/ -j $(JOBS) --print-summary \
+		--html-details $(COVERAGE_DIR)/coverage/index.html $(COVERAGE_DIR)
+	@echo "HTML report: $(COVERAGE_DIR)/coverage/index.html"
 
 bench:
 	cmake -S . -B $(BENCH_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVEERLINE_BENCH=ON -DVEERLINE_TESTS=ON $(CMAKE_FLAGS)
@@ -51,4 +65,4 @@ uninstall:
 	-rmdir $(PREFIX)/libexec/veerline 2>/dev/null
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR)
