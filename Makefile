@@ -3,6 +3,8 @@ BUILD_DIR   ?= build
 ASAN_DIR    ?= build-asan
 BENCH_DIR   ?= build-bench
 COVERAGE_DIR ?= build-coverage
+FUZZ_DIR    ?= build-fuzz
+FUZZ_SECONDS ?= 30
 PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
 JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
@@ -11,7 +13,7 @@ GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
 CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
 
-.PHONY: all build test test-asan coverage bench install uninstall bootstrap clean
+.PHONY: all build test test-asan coverage fuzz bench install uninstall bootstrap clean
 
 all: build
 
@@ -41,6 +43,24 @@ coverage:
 		--html-details $(COVERAGE_DIR)/coverage/index.html $(COVERAGE_DIR)
 	@echo "HTML report: $(COVERAGE_DIR)/coverage/index.html"
 
+# Each tests/fuzz/<name>_fuzz.cpp runs FUZZ_SECONDS on a scratch copy of tests/fuzz/corpus/<name>/,
+# so the seeds in the repository stay as they are; any crash fails the run and leaves its input in
+# $(FUZZ_DIR)/artifacts/.
+fuzz:
+	cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+		-DVEERLINE_FUZZ=ON -DVEERLINE_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_DIR) --target veerline-fuzzers -j $(JOBS)
+	@mkdir -p $(FUZZ_DIR)/artifacts
+	@for source in tests/fuzz/*_fuzz.cpp; do \
+		name=$$(basename $$source _fuzz.cpp); scratch=$(FUZZ_DIR)/corpus/$$name; \
+		rm -rf $$scratch && mkdir -p $$scratch && cp -R tests/fuzz/corpus/$$name/. $$scratch/ || exit 1; \
+		echo "fuzz: $$name for $(FUZZ_SECONDS) s"; \
+		$(FUZZ_DIR)/$${name}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
+			-artifact_prefix=$(FUZZ_DIR)/artifacts/$$name- $$scratch > $(FUZZ_DIR)/$$name.log 2>&1 \
+			|| { tail -n 60 $(FUZZ_DIR)/$$name.log; echo "fuzz: $$name failed"; exit 1; }; \
+		grep -E '^stat::number_of_executed_runs' $(FUZZ_DIR)/$$name.log; \
+	done
+
 bench:
 	cmake -S . -B $(BENCH_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVEERLINE_BENCH=ON -DVEERLINE_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BENCH_DIR) -j $(JOBS)
@@ -65,4 +85,4 @@ uninstall:
 	-rmdir $(PREFIX)/libexec/veerline 2>/dev/null
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR) $(FUZZ_DIR)
