@@ -1,5 +1,5 @@
-// `veerline-resolve --prompt` reads HOME, PWD, VEERLINE_DISABLE and the shims' bookkeeping from
-// whatever environment the shell has; none of it may make the prompt fail. The input holds the
+// `veerline-resolve --prompt` reads HOME, PWD and VEERLINE_DISABLE from whatever environment the
+// shell has; none of it may make the prompt fail. The input holds the
 // values separated by NUL bytes; an empty HOME stands for a home with a profiles file in it.
 #include <algorithm>
 #include <cstdint>
@@ -7,12 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <string_view>
 
 #include "base/paths.h"
 #include "resolution/document_loading.h"
 #include "resolution/rule_resolver.h"
-#include "resolution/shim_plan.h"
 
 using namespace veerline;
 
@@ -27,13 +25,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }();
     std::string_view rest(reinterpret_cast<const char*>(data), size);
     Environment environment;
-    for (const char* name : {"HOME", "PWD", "VEERLINE_DISABLE", "VEERLINE_MANAGED_VARS"}) {
+    for (const char* name : {"HOME", "PWD", "VEERLINE_DISABLE"}) {
         std::size_t end = std::min(rest.find('\0'), rest.size());
         environment[name] = std::string(rest.substr(0, end));
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     if (environment["HOME"].empty()) environment["HOME"] = home;
-    ShimPlan::managedNames(lookup(environment, "VEERLINE_MANAGED_VARS"));
     Paths paths = Paths::forCurrentUser(environment);
     if (auto document = loadDocument(environment, paths)) {
         std::string cwd = logicalWorkingDirectory(environment);
