@@ -54,11 +54,10 @@ fuzz:
 	@for source in tests/fuzz/*_fuzz.cpp; do \
 		name=$$(basename $$source _fuzz.cpp); scratch=$(FUZZ_DIR)/corpus/$$name; \
 		rm -rf $$scratch && mkdir -p $$scratch && cp -R tests/fuzz/corpus/$$name/. $$scratch/ || exit 1; \
-		echo "fuzz: $$name for $(FUZZ_SECONDS) s"; \
 		$(FUZZ_DIR)/$${name}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
 			-artifact_prefix=$(FUZZ_DIR)/artifacts/$$name- $$scratch > $(FUZZ_DIR)/$$name.log 2>&1 \
-			|| { tail -n 60 $(FUZZ_DIR)/$$name.log; echo "fuzz: $$name failed"; exit 1; }; \
-		grep -E '^stat::number_of_executed_runs' $(FUZZ_DIR)/$$name.log; \
+			|| { tail -n 60 $(FUZZ_DIR)/$$name.log; echo "fuzz: $$name crashed (log: $(FUZZ_DIR)/$$name.log)"; exit 1; }; \
+		echo "fuzz: $$name: $$(sed -n 's/^stat::number_of_executed_units: *//p' $(FUZZ_DIR)/$$name.log) runs in $(FUZZ_SECONDS) s, no crash"; \
 	done
 
 bench:
