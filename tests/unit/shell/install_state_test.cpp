@@ -74,5 +74,28 @@ TEST_F(InstallRecordTest, FailedShellFileWriteKeepsThePreviousRecord) {
     EXPECT_FALSE(testing::exists(root / "..dir.veerline-tmp." + std::to_string(::getpid())));
 }
 
+TEST(InstallStateTest, DecodingIsLenientAboutExtrasAndStrictAboutTypes) {
+    auto state = InstallState::decoded(
+        R"({"version": 7, "extra": [1], "files": [{"path": "/p", "existedBefore": false,
+            "addedNewline": true, "installedSHA256": "h", "backupPath": null, "other": 1}]})");
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->version, 7);
+    EXPECT_EQ(state->installedAt, std::nullopt);
+    ASSERT_EQ(state->files.size(), 1u);
+    EXPECT_EQ(state->files[0], (FileRecord{"/p", false, std::nullopt, true, "h"}));
+    EXPECT_EQ(InstallState::decoded(R"({"version": 2.0, "files": []})")->version, 2);
+
+    for (const char* broken : {"", "{", "[]", "not json", R"({"files": []})", R"({"version": 1})",
+                               R"({"version": "1", "files": []})", R"({"version": 1.5, "files": []})",
+                               R"({"version": 1, "files": {}})", R"({"version": 1, "files": [1]})",
+                               R"({"version": 1, "installedAt": 5, "files": []})",
+                               R"({"version": 1, "files": [{"path": "/p", "existedBefore": false,
+                                   "addedNewline": true}]})",
+                               R"({"version": 1, "files": [{"path": "/p", "existedBefore": 0,
+                                   "addedNewline": true, "installedSHA256": "h"}]})"}) {
+        EXPECT_EQ(InstallState::decoded(broken), std::nullopt) << broken;
+    }
+}
+
 }  // namespace
 }  // namespace veerline

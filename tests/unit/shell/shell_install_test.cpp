@@ -152,5 +152,61 @@ TEST_F(ShellInstallTest, UnwritableShellFileFailsAndKeepsTheOldFile) {
     EXPECT_EQ(testing::readFile(zshrc), original + "\n");
 }
 
+TEST_F(ShellInstallTest, OptionalExecutablesAndAppPath) {
+    std::string launcher = root / "build/veerline-launcher";
+    testing::writeFile(launcher, "#!/bin/sh\n", 0755);
+    shell.install(resolver, cli, launcher, "/Applications/Veerline.app");
+    EXPECT_EQ(entriesOf(shell.libexec()),
+              (std::vector<std::string>{"veerline", "veerline-launcher", "veerline-resolve"}));
+    EXPECT_EQ(linkText(home + "/.veerline/bin/veerline"), "../libexec/veerline");
+    EXPECT_EQ(testing::readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
+    EXPECT_EQ(shell.status().appPath, "/Applications/Veerline.app");
+
+    // A launcher that isn't there is skipped; what an earlier install made stays.
+    shell.install(resolver, std::nullopt, root / "missing-launcher", std::nullopt);
+    EXPECT_EQ(entriesOf(shell.libexec()),
+              (std::vector<std::string>{"veerline", "veerline-launcher", "veerline-resolve"}));
+    EXPECT_FALSE(testing::exists(shell.appPathFile()));
+
+    shell.uninstall();
+    EXPECT_FALSE(testing::exists(shell.root()));
+}
+
+TEST_F(ShellInstallTest, RefreshBinariesIfStale) {
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
+    EXPECT_FALSE(testing::exists(shell.root()));
+
+    installResolverOnly();
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
+
+    testing::writeFile(resolver, "#!/bin/sh\necho newer\n", 0755);
+    EXPECT_TRUE(shell.refreshBinariesIfStale(resolver, cli, root / "no-launcher"));
+    EXPECT_EQ(testing::readFile(shell.libexec() + "/veerline-resolve"), "#!/bin/sh\necho newer\n");
+    // The command-line tool is installed, its link isn't made.
+    EXPECT_EQ(testing::readFile(shell.libexec() + "/veerline"), testing::readFile(cli));
+    EXPECT_FALSE(testing::exists(home + "/.veerline/bin/veerline"));
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
+
+    // A source that isn't executable is skipped.
+    testing::writeFile(resolver, "changed", 0644);
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
+}
+
+TEST_F(ShellInstallTest, RecordAppLocation) {
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_FALSE(testing::exists(shell.root()));
+
+    installResolverOnly();
+    shell.recordAppLocation("/opt/veerline");
+    EXPECT_FALSE(testing::exists(shell.appPathFile()));
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_EQ(testing::readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
+
+    // The same path, written differently on disk, is left as it is.
+    testing::writeFile(shell.appPathFile(), "  /Applications/Veerline.app\n\n");
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_EQ(testing::readFile(shell.appPathFile()), "  /Applications/Veerline.app\n\n");
+}
+
 }  // namespace
 }  // namespace veerline
