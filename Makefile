@@ -2,6 +2,9 @@
 BUILD_DIR   ?= build
 ASAN_DIR    ?= build-asan
 BENCH_DIR   ?= build-bench
+COVERAGE_DIR ?= build-coverage
+FUZZ_DIR    ?= build-fuzz
+FUZZ_SECONDS ?= 30
 PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
 JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
@@ -10,7 +13,7 @@ GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
 CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
 
-.PHONY: all build test test-asan bench install uninstall bootstrap clean
+.PHONY: all build test test-asan coverage fuzz bench install uninstall bootstrap clean
 
 all: build
 
@@ -26,6 +29,36 @@ test-asan:
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
+
+# Unoptimised, so that each line counts where it is written; stale counts from an earlier run are
+# dropped first. The report covers src/ only: the tests themselves are not the measure.
+coverage:
+	cmake -S . -B $(COVERAGE_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS=--coverage \
+		-DCMAKE_EXE_LINKER_FLAGS=--coverage $(CMAKE_FLAGS)
+	cmake --build $(COVERAGE_DIR) -j $(JOBS)
+	find $(COVERAGE_DIR) -name '*.gcda' -delete
+	ctest --test-dir $(COVERAGE_DIR) --output-on-failure -j $(JOBS)
+	mkdir -p $(COVERAGE_DIR)/coverage
+	gcovr -r . --filter src/ -j $(JOBS) --print-summary \
+		--html-details $(COVERAGE_DIR)/coverage/index.html $(COVERAGE_DIR)
+	@echo "HTML report: $(COVERAGE_DIR)/coverage/index.html"
+
+# Each tests/fuzz/<name>_fuzz.cpp runs FUZZ_SECONDS on a scratch copy of tests/fuzz/corpus/<name>/,
+# so the seeds in the repository stay as they are; any crash fails the run and leaves its input in
+# $(FUZZ_DIR)/artifacts/.
+fuzz:
+	cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+		-DVEERLINE_FUZZ=ON -DVEERLINE_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_DIR) --target veerline-fuzzers -j $(JOBS)
+	@mkdir -p $(FUZZ_DIR)/artifacts
+	@for source in tests/fuzz/*_fuzz.cpp; do \
+		name=$$(basename $$source _fuzz.cpp); scratch=$(FUZZ_DIR)/corpus/$$name; \
+		rm -rf $$scratch && mkdir -p $$scratch && cp -R tests/fuzz/corpus/$$name/. $$scratch/ || exit 1; \
+		$(FUZZ_DIR)/$${name}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
+			-artifact_prefix=$(FUZZ_DIR)/artifacts/$$name- $$scratch > $(FUZZ_DIR)/$$name.log 2>&1 \
+			|| { tail -n 60 $(FUZZ_DIR)/$$name.log; echo "fuzz: $$name crashed (log: $(FUZZ_DIR)/$$name.log)"; exit 1; }; \
+		echo "fuzz: $$name: $$(sed -n 's/^stat::number_of_executed_units: *//p' $(FUZZ_DIR)/$$name.log) runs in $(FUZZ_SECONDS) s, no crash"; \
+	done
 
 bench:
 	cmake -S . -B $(BENCH_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVEERLINE_BENCH=ON -DVEERLINE_TESTS=ON $(CMAKE_FLAGS)
@@ -51,4 +84,4 @@ uninstall:
 	-rmdir $(PREFIX)/libexec/veerline 2>/dev/null
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR) $(FUZZ_DIR)

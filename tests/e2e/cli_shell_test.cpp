@@ -111,50 +111,5 @@ TEST_F(CliShellTest, InstallThenUninstallRestoresTheStartUpFiles) {
     EXPECT_EQ(cli({"shell", "uninstall"}).exitCode, 1) << "still asks first without a terminal";
 }
 
-TEST_F(CliShellTest, PromptSnippets) {
-    RunResult zsh = cli({"prompt", "zsh"});
-    ASSERT_EQ(zsh.exitCode, 0);
-    EXPECT_EQ(zsh.out, cli({"prompt", "oh-my-zsh"}).out);
-    EXPECT_TRUE(zsh.out.ends_with("RPROMPT='${VEERLINE_PROFILE:+[${VEERLINE_PROFILE//\\%/%%}]}'\"$RPROMPT\"\n"))
-        << zsh.out;
-    EXPECT_TRUE(cli({"prompt", "bash"}).out.starts_with("# Veerline: show this folder's profile in your prompt. Add "
-                                                        "to ~/.bashrc.\n"));
-    EXPECT_EQ(cli({"prompt", "starship"}).out.find("$HOME"), std::string::npos);
-
-    for (const char* name : {"fish", "Zsh"}) {
-        RunResult unknown = cli({"prompt", name});
-        EXPECT_EQ(unknown.exitCode, 2);
-        EXPECT_TRUE(unknown.err.starts_with(std::string("veerline: There's no prompt snippet for \u201C") + name +
-                                            "\u201D. Use zsh, oh-my-zsh, bash or starship.\n"));
-        EXPECT_EQ(unknown.out, "");
-    }
-}
-
-TEST_F(CliShellTest, VersionHelpAndUsageErrors) {
-    RunResult version = cli({"--version"});
-    EXPECT_EQ(version.exitCode, 0);
-    EXPECT_EQ(version.out, "veerline 0.1.0\n");
-
-    RunResult help = cli({"--help"});
-    EXPECT_EQ(help.exitCode, 0);
-    EXPECT_NE(help.out.find("Usage: veerline"), std::string::npos);
-
-    RunResult bare = cli({});
-    EXPECT_EQ(bare.exitCode, 2);
-    EXPECT_NE(bare.err.find("Usage: veerline"), std::string::npos);
-    RunResult group = cli({"rule"});
-    EXPECT_EQ(group.exitCode, 2);
-    EXPECT_NE(group.err.find("Usage: veerline rule"), std::string::npos) << group.err;
-
-    for (auto args : std::vector<std::vector<std::string>>{{"bogus"}, {"profile", "list", "--bogus"}, {"profile", "add"},
-                                                            {"rule", "add", "~/x"}}) {
-        RunResult result = cli(args);
-        EXPECT_EQ(result.exitCode, 2) << args[0];
-        EXPECT_TRUE(result.err.starts_with("veerline: ")) << result.err;
-        EXPECT_TRUE(result.err.ends_with(" --help` for usage.\n")) << result.err;
-    }
-    EXPECT_FALSE(exists(home + "/Library")) << "nothing is created by commands that didn't run";
-}
-
 }  // namespace
 }  // namespace veerline::testing

@@ -22,19 +22,5 @@ TEST(VeerlineErrorTest, MessagesAreCompleteSentences) {
     EXPECT_EQ(VeerlineError::keychain(12345).errorDescription(), "Keychain error 12345: unknown");
 }
 
-TEST(VeerlineErrorTest, EqualityComparesCaseAndPayload) {
-    EXPECT_EQ(VeerlineError::io("a"), VeerlineError::io("a"));
-    EXPECT_NE(VeerlineError::io("a"), VeerlineError::io("b"));
-    EXPECT_NE(VeerlineError::invalidProfile("m"), VeerlineError::invalidRule("m"));
-    EXPECT_NE(VeerlineError::storeCorrupt("p", "x"), VeerlineError::storeCorrupt("p", "y"));
-    EXPECT_NE(VeerlineError::storeTooNew(2), VeerlineError::storeTooNew(3));
-    EXPECT_NE(VeerlineError::keychain(1), VeerlineError::keychain(2));
-}
-
-TEST(VeerlineErrorTest, ErrnoHelperUsesSystemText) {
-    EXPECT_EQ(ioErrorFromErrno("write /x", ENOENT).errorDescription(),
-              "Couldn't write /x: No such file or directory");
-}
-
 }  // namespace
 }  // namespace veerline

@@ -14,11 +14,6 @@ TEST(UnicodeTest, CaseMapping) {
     EXPECT_FALSE(unicode::equalIgnoringCase("work", "works"));
 }
 
-TEST(UnicodeTest, FoldingForSlugs) {
-    EXPECT_EQ(unicode::foldedForSlug("Café Ärger"), "cafe arger");
-    EXPECT_EQ(unicode::foldedForSlug("Ünïcödé"), "unicode");
-}
-
 TEST(UnicodeTest, GraphemeClustersKeepCombiningMarks) {
     auto clusters = unicode::graphemeClusters("e\u0301x🇫🇷");
     ASSERT_EQ(clusters.size(), 3u);

@@ -9,12 +9,10 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <thread>
 
 #include "base/error.h"
 #include "support/failure.h"
@@ -70,8 +68,6 @@ protected:
         testing::writeFile(paths.profilesFile(), text, 0600);
     }
 
-    VeerlineError loadFailure() { return failureOf([&] { store.load(); }); }
-
     VeerlineError updateFailure(const std::function<void(ProfileDocument&)>& edit) {
         return failureOf([&] { store.update(edit); });
     }
@@ -80,11 +76,6 @@ protected:
         store.update([&](ProfileDocument& document) { document.profiles.push_back(makeProfile(id, name)); });
     }
 };
-
-TEST_F(ProfileStoreTest, MissingFileReadsAsEmptyAndCreatesNothing) {
-    EXPECT_EQ(store.load(), ProfileDocument::empty());
-    EXPECT_FALSE(testing::exists(home / "Library"));
-}
 
 TEST_F(ProfileStoreTest, UnchangedEditWritesNothing) {
     // A file laid out by someone else stays as it is.
@@ -110,51 +101,6 @@ TEST_F(ProfileStoreTest, UnchangedEditWritesNothing) {
     EXPECT_EQ(testing::fileMode(paths.lockFile()) & 0777, 0600u);
 }
 
-TEST_F(ProfileStoreTest, FirstUpdateCreatesPrivateFolders) {
-    store.update([](ProfileDocument&) {});
-    EXPECT_FALSE(testing::exists(paths.profilesFile()));
-    EXPECT_TRUE(testing::exists(paths.lockFile()));
-    for (const std::string& folder : {home / "Library", home / "Library/Application Support",
-                                      paths.supportDirectory()}) {
-        EXPECT_EQ(testing::fileMode(folder) & 0777, 0700u) << folder;
-    }
-
-    // Existing folders keep their permissions.
-    TempDir other;
-    testing::makeDirs(other / "Library/Application Support", 0755);
-    ProfileStore(Paths(other.path(), "/Applications")).update([](ProfileDocument& document) {
-        document.profiles.push_back(makeProfile("w", "Work"));
-    });
-    EXPECT_EQ(testing::fileMode(other / "Library") & 0777, 0755u);
-    EXPECT_EQ(testing::fileMode(other / "Library/Application Support/Veerline") & 0777, 0700u);
-}
-
-TEST_F(ProfileStoreTest, SaveWritesPrivateSortedFileAtomically) {
-    std::string name = store.update([](ProfileDocument& document) {
-        document.profiles.push_back(makeProfile("w", "Work"));
-        document.rules.push_back(FolderRule{"~/code/**", ProfileID("w")});
-        document.cliDefault = ProfileID("w");
-        return std::string("done");
-    });
-    EXPECT_EQ(name, "done");
-
-    std::string text = testing::readFile(paths.profilesFile());
-    EXPECT_EQ(testing::fileMode(paths.profilesFile()) & 0777, 0600u);
-    ASSERT_GE(text.size(), 2u);
-    EXPECT_EQ(text.back(), '\n');
-    EXPECT_NE(text[text.size() - 2], '\n');
-    EXPECT_LT(text.find("\"cliDefault\""), text.find("\"profiles\""));
-    EXPECT_LT(text.find("\"rules\""), text.find("\"version\""));
-    EXPECT_LT(text.find("\"badge\""), text.find("\"tools\""));
-    EXPECT_NE(text.find("\"~/code/**\""), std::string::npos);
-    EXPECT_TRUE(temporaryFiles(paths.supportDirectory()).empty());
-
-    ProfileDocument loaded = store.load();
-    EXPECT_EQ(loaded.profiles.size(), 1u);
-    EXPECT_EQ(loaded.cliDefault, ProfileID("w"));
-    EXPECT_EQ(text, encodeDocument(loaded));
-}
-
 TEST_F(ProfileStoreTest, FailedEditsLeaveTheFileAlone) {
     addProfile("w", "Work");
     const std::string before = testing::readFile(paths.profilesFile());
@@ -173,66 +119,6 @@ TEST_F(ProfileStoreTest, FailedEditsLeaveTheFileAlone) {
                  std::runtime_error);
     EXPECT_EQ(testing::readFile(paths.profilesFile()), before);
     EXPECT_TRUE(temporaryFiles(paths.supportDirectory()).empty());
-}
-
-TEST_F(ProfileStoreTest, NewerVersionsAreRefused) {
-    writeProfiles(R"({"version": 2, "profiles": [], "rules": []})");
-    EXPECT_EQ(loadFailure(), VeerlineError::storeTooNew(2));
-    EXPECT_EQ(updateFailure([](ProfileDocument& document) { document.profiles.clear(); }),
-              VeerlineError::storeTooNew(2));
-
-    // The version is found even when the rest would not decode.
-    writeProfiles(R"({"version": 7, "profiles": "nope"})");
-    EXPECT_EQ(loadFailure(), VeerlineError::storeTooNew(7));
-    writeProfiles(R"({"version": 18446744073709551615})");
-    EXPECT_EQ(loadFailure().kind(), VeerlineError::Kind::storeTooNew);
-
-    for (const char* version : {"0", "1", "-3"}) {
-        writeProfiles(std::string(R"({"version": )") + version + R"(, "profiles": [], "rules": []})");
-        EXPECT_EQ(store.load().version, std::stoll(version));
-    }
-}
-
-TEST_F(ProfileStoreTest, DamagedFilesAreCorrupt) {
-    const std::string path = paths.profilesFile();
-    writeProfiles("");
-    EXPECT_EQ(loadFailure(), VeerlineError::storeCorrupt(path, "the file is empty"));
-    EXPECT_EQ(loadFailure().errorDescription(), "Couldn't read " + path + ": the file is empty");
-
-    EXPECT_EQ(loadFailure().errorDescription(), "Couldn't read " + path + ": the file is empty");
-
-    const std::vector<std::pair<std::string, std::string>> damaged = {
-        {R"({"version": "2", "profiles": [], "rules": []})", "version: expected an integer, found a string"},
-        {R"({"version": 1, "profiles": [{"id": "a", "name": "A", "tools": ["cursor"]}], "rules": []})",
-         R"(profiles[0].tools[0]: "cursor" is not a tool)"},
-    };
-    for (const auto& [text, reason] : damaged) {
-        writeProfiles(text);
-        EXPECT_EQ(loadFailure(), VeerlineError::storeCorrupt(path, reason)) << text;
-    }
-    writeProfiles("not json");
-    EXPECT_EQ(loadFailure().kind(), VeerlineError::Kind::storeCorrupt);
-    const std::string before = testing::readFile(path);
-    EXPECT_EQ(updateFailure([](ProfileDocument& document) { document.profiles.clear(); }).kind(),
-              VeerlineError::Kind::storeCorrupt);
-    EXPECT_EQ(testing::readFile(path), before);
-}
-
-TEST_F(ProfileStoreTest, FileSystemFailuresHaveTheirMessages) {
-    // A folder where the file should be cannot be read.
-    testing::makeDirs(paths.profilesFile());
-    EXPECT_EQ(loadFailure(), VeerlineError::io("Couldn't read " + paths.profilesFile() + ": it isn't a regular file."));
-    std::filesystem::remove(paths.profilesFile());
-
-    testing::makeDirs(paths.lockFile());
-    EXPECT_EQ(updateFailure([](ProfileDocument&) {}),
-              VeerlineError::io("Couldn't open " + paths.lockFile() + ": " + std::strerror(EISDIR)));
-
-    TempDir other;
-    testing::writeFile(other / "Library", "a file, not a folder");
-    Paths otherPaths(other.path(), "/Applications");
-    EXPECT_EQ(failureOf([&] { ProfileStore(otherPaths).update([](ProfileDocument&) {}); }),
-              VeerlineError::io("Couldn't create " + otherPaths.supportDirectory() + ": " + std::strerror(ENOTDIR)));
 }
 
 TEST_F(ProfileStoreTest, WriteRefusedByFileSizeLimitKeepsOldFile) {
@@ -269,39 +155,6 @@ TEST_F(ProfileStoreTest, WriteRefusedByFileSizeLimitKeepsOldFile) {
     EXPECT_EQ(message, std::string("Couldn't save profiles: ") + std::strerror(EFBIG));
     EXPECT_EQ(testing::readFile(paths.profilesFile()), before);
     EXPECT_TRUE(temporaryFiles(paths.supportDirectory()).empty());
-}
-
-TEST_F(ProfileStoreTest, ReadOnlyFolderRefusesTheTemporaryFile) {
-    if (geteuid() == 0) GTEST_SKIP() << "root writes into read-only folders";
-    addProfile("w", "Work");
-    const std::string before = testing::readFile(paths.profilesFile());
-    ASSERT_EQ(chmod(paths.supportDirectory().c_str(), 0500), 0);
-    VeerlineError error = updateFailure([](ProfileDocument& document) { document.profiles.clear(); });
-    chmod(paths.supportDirectory().c_str(), 0700);
-
-    const std::string prefix = "Couldn't write " + paths.profilesFile() + ".tmp." + std::to_string(getpid()) + ".";
-    const std::string suffix = std::string(": ") + std::strerror(EACCES);
-    EXPECT_TRUE(error.errorDescription().starts_with(prefix)) << error.errorDescription();
-    EXPECT_TRUE(error.errorDescription().ends_with(suffix)) << error.errorDescription();
-    EXPECT_EQ(testing::readFile(paths.profilesFile()), before);
-}
-
-TEST_F(ProfileStoreTest, UpdateWaitsForTheLock) {
-    store.update([](ProfileDocument&) {});  // creates the lock file
-    int fd = open(paths.lockFile().c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-
-    pid_t pid = spawn([&] {
-        addProfile("w", "Work");
-        return 0;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_FALSE(testing::exists(paths.profilesFile())) << "the update did not wait for the lock";
-    flock(fd, LOCK_UN);
-    close(fd);
-    EXPECT_EQ(waitFor(pid), 0);
-    EXPECT_EQ(store.load().profiles.size(), 1u);
 }
 
 TEST_F(ProfileStoreTest, ConcurrentWritersLoseNothingAndReadersSeeWholeFiles) {

@@ -75,27 +75,6 @@ TEST_F(ShellInstallTest, InstallLaysOutTheFolderAndUninstallTakesItAway) {
     EXPECT_FALSE(shell.status().isInstalled());
 }
 
-TEST_F(ShellInstallTest, UntouchedFileIsRestoredByteForByte) {
-    const std::string original = "# mine\nexport A=1";
-    testing::writeFile(zshrc, original, 0600);
-    installResolverOnly();
-    EXPECT_EQ(testing::readFile(zshrc), original + "\n" + ShellIntegration::block());
-    EXPECT_EQ(testing::fileMode(zshrc), 0600u);
-    shell.uninstall();
-    EXPECT_EQ(testing::readFile(zshrc), original);
-    EXPECT_EQ(testing::fileMode(zshrc), 0600u);
-}
-
-TEST_F(ShellInstallTest, LinesAddedAfterInstallSurviveUninstall) {
-    testing::writeFile(zshrc, "export A=1");
-    installResolverOnly();
-    testing::writeFile(zshrc, testing::readFile(zshrc) + "export PATH=/opt/bin:$PATH\n");
-    EXPECT_EQ(shell.status().blocks, (std::vector<ShellIntegration::Status::Block>{{zshrc, false}}));
-    shell.uninstall();
-    // The line feed the install added goes again.
-    EXPECT_EQ(testing::readFile(zshrc), "export A=1\nexport PATH=/opt/bin:$PATH");
-}
-
 TEST_F(ShellInstallTest, SymlinkedBashrcKeepsItsLinkAndMode) {
     std::string target = root / "dotfiles/bashrc";
     testing::writeFile(target, "alias ll='ls -l'\n", 0640);
@@ -112,86 +91,6 @@ TEST_F(ShellInstallTest, SymlinkedBashrcKeepsItsLinkAndMode) {
     EXPECT_TRUE(std::filesystem::is_symlink(home + "/.bashrc"));
     EXPECT_EQ(testing::readFile(target), "alias ll='ls -l'\n");
     EXPECT_EQ(testing::fileMode(target), 0640u);
-}
-
-TEST_F(ShellInstallTest, SecondInstallKeepsTheFirstBackup) {
-    testing::writeFile(zshrc, "first\n");
-    installResolverOnly();
-    auto backups = entriesOf(shell.backups());
-    ASSERT_EQ(backups.size(), 1u);
-    EXPECT_EQ(backups[0].substr(0, 6), "zshrc.");
-
-    auto first = shell.loadState()->files.at(0);
-    testing::writeFile(zshrc, "second\n" + testing::readFile(zshrc));
-    auto plan = installResolverOnly();
-    EXPECT_EQ(plan[0].after, "second\nfirst\n" + ShellIntegration::block());
-    EXPECT_EQ(entriesOf(shell.backups()), backups);
-    auto second = shell.loadState()->files.at(0);
-    EXPECT_EQ(second.backupPath, first.backupPath);
-    EXPECT_TRUE(second.existedBefore);
-    EXPECT_EQ(second.installedSHA256, ShellIntegration::sha256(plan[0].after));
-    EXPECT_EQ(testing::readFile(shell.backups() + "/" + backups[0]), "first\n");
-
-    // The file is as the latest install left it, so the first contents come back.
-    shell.uninstall();
-    EXPECT_EQ(testing::readFile(zshrc), "first\n");
-}
-
-TEST_F(ShellInstallTest, CorruptRecordIsSurvived) {
-    testing::writeFile(zshrc, "mine\n");
-    testing::writeFile(shell.stateFile(), "{ not json");
-    installResolverOnly();
-    EXPECT_EQ(shell.loadState()->files.size(), 1u);
-
-    testing::writeFile(shell.stateFile(), "\xFF\xFE");
-    EXPECT_TRUE(shell.status().isInstalled());
-    shell.uninstall();
-    EXPECT_EQ(testing::readFile(zshrc), "mine\n");
-    EXPECT_FALSE(testing::exists(shell.root()));
-}
-
-TEST_F(ShellInstallTest, ZdotdirIsHonoured) {
-    std::string zdotdir = home + "/.config/zsh";
-    testing::makeDirs(zdotdir);
-    ShellIntegration zsh(Paths(home, "/Applications"), {{"ZDOTDIR", zdotdir}});
-    zsh.install(resolver, std::nullopt, std::nullopt, std::nullopt);
-    EXPECT_EQ(testing::readFile(zdotdir + "/.zshrc"), ShellIntegration::block());
-    EXPECT_FALSE(testing::exists(zshrc));
-    EXPECT_EQ(zsh.status().blocks, (std::vector<ShellIntegration::Status::Block>{{zdotdir + "/.zshrc", true}}));
-
-    // Uninstall finds the file through the record even without ZDOTDIR.
-    shell.uninstall();
-    EXPECT_FALSE(testing::exists(zdotdir + "/.zshrc"));
-}
-
-TEST_F(ShellInstallTest, UsersOwnFilesKeepTheirFolders) {
-    installResolverOnly();
-    testing::writeFile(shell.root() + "/notes.txt", "mine");
-    testing::writeFile(shell.libexec() + "/helper", "mine");
-    shell.uninstall();
-    EXPECT_EQ(entriesOf(shell.root()), (std::vector<std::string>{"libexec", "notes.txt"}));
-    EXPECT_EQ(entriesOf(shell.libexec()), std::vector<std::string>{"helper"});
-    EXPECT_EQ(testing::readFile(shell.root() + "/notes.txt"), "mine");
-}
-
-TEST_F(ShellInstallTest, OptionalExecutablesAndAppPath) {
-    std::string launcher = root / "build/veerline-launcher";
-    testing::writeFile(launcher, "#!/bin/sh\n", 0755);
-    shell.install(resolver, cli, launcher, "/Applications/Veerline.app");
-    EXPECT_EQ(entriesOf(shell.libexec()),
-              (std::vector<std::string>{"veerline", "veerline-launcher", "veerline-resolve"}));
-    EXPECT_EQ(linkText(home + "/.veerline/bin/veerline"), "../libexec/veerline");
-    EXPECT_EQ(testing::readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
-    EXPECT_EQ(shell.status().appPath, "/Applications/Veerline.app");
-
-    // A launcher that isn't there is skipped; what an earlier install made stays.
-    shell.install(resolver, std::nullopt, root / "missing-launcher", std::nullopt);
-    EXPECT_EQ(entriesOf(shell.libexec()),
-              (std::vector<std::string>{"veerline", "veerline-launcher", "veerline-resolve"}));
-    EXPECT_FALSE(testing::exists(shell.appPathFile()));
-
-    shell.uninstall();
-    EXPECT_FALSE(testing::exists(shell.root()));
 }
 
 TEST_F(ShellInstallTest, ShimsAreRepairedAndCheckedByStatus) {
@@ -211,42 +110,6 @@ TEST_F(ShellInstallTest, ShimsAreRepairedAndCheckedByStatus) {
     // An empty app-path file gives an empty path, not none.
     testing::writeFile(shell.appPathFile(), "");
     EXPECT_EQ(shell.status().appPath, "");
-}
-
-TEST_F(ShellInstallTest, RefreshBinariesIfStale) {
-    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
-    EXPECT_FALSE(testing::exists(shell.root()));
-
-    installResolverOnly();
-    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
-
-    testing::writeFile(resolver, "#!/bin/sh\necho newer\n", 0755);
-    EXPECT_TRUE(shell.refreshBinariesIfStale(resolver, cli, root / "no-launcher"));
-    EXPECT_EQ(testing::readFile(shell.libexec() + "/veerline-resolve"), "#!/bin/sh\necho newer\n");
-    // The command-line tool is installed, its link isn't made.
-    EXPECT_EQ(testing::readFile(shell.libexec() + "/veerline"), testing::readFile(cli));
-    EXPECT_FALSE(testing::exists(home + "/.veerline/bin/veerline"));
-    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
-
-    // A source that isn't executable is skipped.
-    testing::writeFile(resolver, "changed", 0644);
-    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
-}
-
-TEST_F(ShellInstallTest, RecordAppLocation) {
-    shell.recordAppLocation("/Applications/Veerline.app");
-    EXPECT_FALSE(testing::exists(shell.root()));
-
-    installResolverOnly();
-    shell.recordAppLocation("/opt/veerline");
-    EXPECT_FALSE(testing::exists(shell.appPathFile()));
-    shell.recordAppLocation("/Applications/Veerline.app");
-    EXPECT_EQ(testing::readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
-
-    // The same path, written differently on disk, is left as it is.
-    testing::writeFile(shell.appPathFile(), "  /Applications/Veerline.app\n\n");
-    shell.recordAppLocation("/Applications/Veerline.app");
-    EXPECT_EQ(testing::readFile(shell.appPathFile()), "  /Applications/Veerline.app\n\n");
 }
 
 // Exceeding the file-size limit fails the write for every user, root included.
@@ -287,6 +150,62 @@ TEST_F(ShellInstallTest, UnwritableShellFileFailsAndKeepsTheOldFile) {
     installResolverOnly();
     shell.uninstall();
     EXPECT_EQ(testing::readFile(zshrc), original + "\n");
+}
+
+TEST_F(ShellInstallTest, OptionalExecutablesAndAppPath) {
+    std::string launcher = root / "build/veerline-launcher";
+    testing::writeFile(launcher, "#!/bin/sh\n", 0755);
+    shell.install(resolver, cli, launcher, "/Applications/Veerline.app");
+    EXPECT_EQ(entriesOf(shell.libexec()),
+              (std::vector<std::string>{"veerline", "veerline-launcher", "veerline-resolve"}));
+    EXPECT_EQ(linkText(home + "/.veerline/bin/veerline"), "../libexec/veerline");
+    EXPECT_EQ(testing::readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
+    EXPECT_EQ(shell.status().appPath, "/Applications/Veerline.app");
+
+    // A launcher that isn't there is skipped; what an earlier install made stays.
+    shell.install(resolver, std::nullopt, root / "missing-launcher", std::nullopt);
+    EXPECT_EQ(entriesOf(shell.libexec()),
+              (std::vector<std::string>{"veerline", "veerline-launcher", "veerline-resolve"}));
+    EXPECT_FALSE(testing::exists(shell.appPathFile()));
+
+    shell.uninstall();
+    EXPECT_FALSE(testing::exists(shell.root()));
+}
+
+TEST_F(ShellInstallTest, RefreshBinariesIfStale) {
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
+    EXPECT_FALSE(testing::exists(shell.root()));
+
+    installResolverOnly();
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
+
+    testing::writeFile(resolver, "#!/bin/sh\necho newer\n", 0755);
+    EXPECT_TRUE(shell.refreshBinariesIfStale(resolver, cli, root / "no-launcher"));
+    EXPECT_EQ(testing::readFile(shell.libexec() + "/veerline-resolve"), "#!/bin/sh\necho newer\n");
+    // The command-line tool is installed, its link isn't made.
+    EXPECT_EQ(testing::readFile(shell.libexec() + "/veerline"), testing::readFile(cli));
+    EXPECT_FALSE(testing::exists(home + "/.veerline/bin/veerline"));
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
+
+    // A source that isn't executable is skipped.
+    testing::writeFile(resolver, "changed", 0644);
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
+}
+
+TEST_F(ShellInstallTest, RecordAppLocation) {
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_FALSE(testing::exists(shell.root()));
+
+    installResolverOnly();
+    shell.recordAppLocation("/opt/veerline");
+    EXPECT_FALSE(testing::exists(shell.appPathFile()));
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_EQ(testing::readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
+
+    // The same path, written differently on disk, is left as it is.
+    testing::writeFile(shell.appPathFile(), "  /Applications/Veerline.app\n\n");
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_EQ(testing::readFile(shell.appPathFile()), "  /Applications/Veerline.app\n\n");
 }
 
 }  // namespace

@@ -5,13 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <regex>
-#include <thread>
-
 #include "base/error.h"
 #include "support/failure.h"
 #include "support/folder_entries.h"
@@ -23,14 +16,6 @@ namespace {
 using testing::entriesOf;
 using testing::TempDir;
 
-// The message of the io error an operation throws.
-template <typename Operation>
-std::string errorOf(Operation operation) {
-    VeerlineError error = testing::failureOf(operation);
-    EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
-    return error.what();
-}
-
 class ShellIntegrationTest : public ::testing::Test {
 protected:
     TempDir root{"veerline-shell"};
@@ -39,32 +24,6 @@ protected:
 
     void SetUp() override { testing::makeDirs(home); }
 };
-
-// The text itself is run in real shells by the end-to-end tests; here only the markers matter,
-// since uninstall finds the block by them.
-TEST(ShellBlockTest, BlockIsSevenLinesBetweenTheMarkers) {
-    const std::string& block = ShellIntegration::block();
-    EXPECT_TRUE(block.starts_with("# >>> veerline >>>\n")) << block;
-    EXPECT_TRUE(block.ends_with("\n# <<< veerline <<<\n")) << block;
-    EXPECT_EQ(std::count(block.begin(), block.end(), '\n'), 7);
-}
-
-TEST(ShellBlockTest, AddingBlock) {
-    const std::string& block = ShellIntegration::block();
-    EXPECT_EQ(ShellIntegration::addingBlock(""), block);
-    EXPECT_EQ(ShellIntegration::addingBlock("export A=1"), "export A=1\n" + block);
-    EXPECT_EQ(ShellIntegration::addingBlock("export A=1\n"), "export A=1\n" + block);
-
-    // A block in the middle moves to the end; what followed it keeps its order.
-    std::string middle = "a\n" + block + "b\nc\n";
-    EXPECT_EQ(ShellIntegration::addingBlock(middle), "a\nb\nc\n" + block);
-    // Two blocks become one.
-    std::string twice = block + "x\n" + block;
-    EXPECT_EQ(ShellIntegration::addingBlock(twice), "x\n" + block);
-    // Adding is idempotent.
-    EXPECT_EQ(ShellIntegration::addingBlock(ShellIntegration::addingBlock(middle)),
-              ShellIntegration::addingBlock(middle));
-}
 
 TEST(ShellBlockTest, RemovingBlockRecognisesOnlyWholeMarkerLines) {
     EXPECT_EQ(ShellIntegration::removingBlock("a\n  # >>> veerline >>>\nx\n\t# <<< veerline <<< \nb\n"), "a\nb\n");
@@ -81,13 +40,6 @@ TEST(ShellBlockTest, RemovingBlockRecognisesOnlyWholeMarkerLines) {
     // A begin marker with no end takes everything after it, final line feed included.
     EXPECT_EQ(ShellIntegration::removingBlock("a\n# >>> veerline >>>\nb\n"), "a");
     EXPECT_EQ(ShellIntegration::removingBlock(""), "");
-}
-
-TEST(ShellBlockTest, RemovingWhatAddingPutThere) {
-    for (const std::string x : {"", "a\n", "a\n\n", "# c\nexport A=1\n"}) {
-        EXPECT_EQ(ShellIntegration::removingBlock(ShellIntegration::addingBlock(x)), x);
-    }
-    EXPECT_EQ(ShellIntegration::removingBlock(ShellIntegration::addingBlock("export A=1")), "export A=1\n");
 }
 
 TEST(ShellBlockTest, BlockIsLast) {
@@ -129,53 +81,6 @@ TEST_F(ShellIntegrationTest, TargetFilesAndZdotdir) {
     }
 }
 
-TEST_F(ShellIntegrationTest, PlanInstall) {
-    testing::writeFile(home + "/.bashrc", "export A=1");
-    auto plan = shell.planInstall();
-    ASSERT_EQ(plan.size(), 2u);
-    EXPECT_EQ(plan[0], (ShellIntegration::FileChange{home + "/.zshrc", false, "", ShellIntegration::block()}));
-    EXPECT_EQ(plan[1], (ShellIntegration::FileChange{home + "/.bashrc", true, "export A=1",
-                                                     "export A=1\n" + ShellIntegration::block()}));
-    EXPECT_TRUE(plan[1].changes());
-
-    testing::writeFile(home + "/.bashrc", plan[1].after);
-    EXPECT_FALSE(shell.planInstall()[1].changes());
-    EXPECT_TRUE(testing::exists(home + "/.bashrc"));
-    EXPECT_FALSE(testing::exists(home + "/.zshrc"));  // planning writes nothing
-}
-
-TEST_F(ShellIntegrationTest, PlanInstallFailsOnUnreadableFiles) {
-    testing::makeDirs(home + "/.zshrc");
-    EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
-              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
-    ::rmdir((home + "/.zshrc").c_str());
-    testing::writeFile(home + "/.zshrc", "caf\xE9\n");
-    EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
-              "Couldn't read ~/.zshrc: The file \u201C.zshrc\u201D couldn't be opened using text encoding "
-              "Unicode (UTF-8).");
-}
-
-TEST_F(ShellIntegrationTest, DiffLabelsANewFileAndCleansUp) {
-    TempDir scratch{"veerline-diff-tmp"};
-    const char* oldTmp = std::getenv("TMPDIR");
-    std::string savedTmp = oldTmp != nullptr ? oldTmp : "";
-    ::setenv("TMPDIR", scratch.path().c_str(), 1);
-
-    std::string created = shell.diff({home + "/.zshrc", false, "", "a\nb\n"});
-    EXPECT_EQ(created, "--- ~/.zshrc (new file)\n+++ ~/.zshrc\n@@ -0,0 +1,2 @@\n+a\n+b\n");
-    std::string changed = shell.diff({root / "elsewhere/.bashrc", true, "x\n", "x\ny\n"});
-    EXPECT_EQ(changed, "--- " + root / "elsewhere/.bashrc" + "\n+++ " + root / "elsewhere/.bashrc" +
-                           "\n@@ -1 +1,2 @@\n x\n+y\n");
-    EXPECT_EQ(shell.diff({home + "/.zshrc", true, "same\n", "same\n"}), "");
-    EXPECT_TRUE(entriesOf(scratch.path()).empty());
-
-    if (oldTmp != nullptr) {
-        ::setenv("TMPDIR", savedTmp.c_str(), 1);
-    } else {
-        ::unsetenv("TMPDIR");
-    }
-}
-
 TEST_F(ShellIntegrationTest, WriteIsAtomicAndKeepsModeAndLinks) {
     std::string target = root / "dotfiles/bashrc";
     testing::writeFile(target, "old\n", 0640);
@@ -195,76 +100,6 @@ TEST_F(ShellIntegrationTest, WriteIsAtomicAndKeepsModeAndLinks) {
     ::chmod((home + "/new-file").c_str(), 03750);
     shell.write("again", home + "/new-file");
     EXPECT_EQ(testing::fileMode(home + "/new-file"), 03750u);
-}
-
-TEST_F(ShellIntegrationTest, WriteFailureLeavesNoTemporaryFile) {
-    // Renaming a file over a folder that holds something fails for every user, root included.
-    testing::writeFile(home + "/.zshrc/inside", "keep");
-    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }),
-              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
-    EXPECT_EQ(entriesOf(home), std::vector<std::string>{".zshrc"});
-    EXPECT_EQ(testing::readFile(home + "/.zshrc/inside"), "keep");
-    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/missing/file"); }),
-              "Couldn't write ~/missing/file: No such file or directory");
-}
-
-TEST_F(ShellIntegrationTest, CopyAtomically) {
-    std::string source = root / "source";
-    testing::writeFile(source, "#!/bin/sh\n", 0600);
-    shell.copyAtomically(source, home + "/tool");
-    EXPECT_EQ(testing::readFile(home + "/tool"), "#!/bin/sh\n");
-    EXPECT_EQ(testing::fileMode(home + "/tool"), 0755u);
-    // A stale temporary file of this process is replaced, and an existing copy overwritten.
-    testing::writeFile(home + "/tool.tmp." + std::to_string(::getpid()), "stale");
-    testing::writeFile(source, "v2", 0600);
-    shell.copyAtomically(source, home + "/tool");
-    EXPECT_EQ(testing::readFile(home + "/tool"), "v2");
-    EXPECT_EQ(entriesOf(home), std::vector<std::string>{"tool"});
-
-    EXPECT_EQ(errorOf([&] { shell.copyAtomically(root / "nope", home + "/other"); }),
-              "Couldn't install ~/other: No such file or directory");
-    EXPECT_EQ(entriesOf(home), std::vector<std::string>{"tool"});
-}
-
-TEST_F(ShellIntegrationTest, SymlinkLeavesAnEqualLinkAlone) {
-    std::string link = home + "/claude";
-    shell.symlink(link, "../libexec/veerline-resolve");
-    struct stat first {};
-    ASSERT_EQ(::lstat(link.c_str(), &first), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    shell.symlink(link, "../libexec/veerline-resolve");
-    struct stat second {};
-    ASSERT_EQ(::lstat(link.c_str(), &second), 0);
-    EXPECT_EQ(first.st_ctim.tv_sec, second.st_ctim.tv_sec);
-    EXPECT_EQ(first.st_ctim.tv_nsec, second.st_ctim.tv_nsec);
-
-    // A regular file and a link elsewhere are replaced.
-    testing::writeFile(home + "/codex", "file");
-    shell.symlink(home + "/codex", "../libexec/veerline-resolve");
-    shell.symlink(link, "/elsewhere");
-    EXPECT_EQ(std::filesystem::read_symlink(home + "/codex"), "../libexec/veerline-resolve");
-    EXPECT_EQ(std::filesystem::read_symlink(link), "/elsewhere");
-
-    EXPECT_EQ(errorOf([&] { shell.symlink(home + "/missing/claude", "x"); }),
-              "Couldn't create ~/missing/claude: No such file or directory");
-}
-
-TEST(ShellHashTest, Sha256AndTimestamp) {
-    EXPECT_EQ(ShellIntegration::sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-    EXPECT_EQ(ShellIntegration::sha256("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    std::string stamp = ShellIntegration::timestamp();
-    EXPECT_TRUE(std::regex_match(stamp, std::regex(R"(\d{8}-\d{6})"))) << stamp;
-}
-
-// The snippets' text is run in real shells and checked by shellcheck in the end-to-end tests.
-TEST(PromptSnippetTest, Snippets) {
-    EXPECT_EQ(ShellIntegration::promptSnippet("oh-my-zsh"), ShellIntegration::promptSnippet("zsh"));
-    auto starship = ShellIntegration::promptSnippet("starship");
-    ASSERT_TRUE(starship);
-    EXPECT_EQ(starship->find("$HOME"), std::string::npos);
-    EXPECT_NE(starship->find("~/.veerline/libexec/veerline-resolve --prompt"), std::string::npos);
-    for (const char* name : {"zsh", "bash", "starship"}) EXPECT_NE(ShellIntegration::promptSnippet(name)->back(), '\n');
-    for (const char* name : {"Zsh", "zsh ", "fish", ""}) EXPECT_EQ(ShellIntegration::promptSnippet(name), std::nullopt);
 }
 
 }  // namespace
