@@ -241,4 +241,12 @@ std::string temporaryDirectory() {
     return folder;
 }
 
+bool hasApplicationBundles() noexcept {
+    return false;
+}
+
+std::optional<InstalledApp> findApplication(std::string_view, const std::vector<std::string>&) noexcept {
+    return std::nullopt;
+}
+
 }  // namespace veerline::platform
