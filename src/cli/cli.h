@@ -53,6 +53,14 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRuleCommands(CLI::App& app, const Context& context, Action& chosen);
 void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
+void addDoctorCommands(CLI::App& app, const Context& context, Action& chosen);
+
+// This program and the veerline-resolve installed with it. Throws VeerlineError::io.
+struct Executables {
+    std::string resolver;
+    std::string cli;
+};
+Executables findExecutables();
 
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.

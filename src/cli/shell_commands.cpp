@@ -25,10 +25,7 @@ struct ShellOptions {
     std::string shell;
 };
 
-struct Executables {
-    std::string resolver;
-    std::string cli;
-};
+}  // namespace
 
 // The resolver installed beside this program: <prefix>/libexec/veerline/veerline-resolve for
 // <prefix>/bin/veerline, or a veerline-resolve in the same folder (a build folder, or the
@@ -45,6 +42,8 @@ Executables findExecutables() {
     throw VeerlineError::io("Couldn't find veerline-resolve; looked for " + candidates[0] + " and " + candidates[1] +
                             ". Reinstall Veerline.");
 }
+
+namespace {
 
 void printDiff(const Context& context, const std::string& diff) {
     if (!context.colour) {

@@ -35,6 +35,12 @@ struct Doctor {
                                                                    ".bashrc", ".bash_profile", ".profile"};
     static constexpr std::string_view desktopDownloadAddress = "https://claude.ai/download";
 
+    Doctor(ToolContext toolContext, std::function<ProfileDocument()> load,
+           std::optional<DesktopInstall> desktopInstall = std::nullopt,
+           std::function<std::vector<DoctorCheck>(const ProfileDocument&)> extra = {})
+        : context(std::move(toolContext)), loadDocument(std::move(load)), desktop(std::move(desktopInstall)),
+          extraChecks(std::move(extra)) {}
+
     ToolContext context;
     // Normally the profile store's load; whatever it throws becomes the "profiles" failure.
     std::function<ProfileDocument()> loadDocument;

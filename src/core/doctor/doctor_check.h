@@ -21,6 +21,13 @@ struct DoctorCheck {
     std::optional<std::string> detail;
     std::optional<std::string> fix;
 
+    DoctorCheck() = default;
+    DoctorCheck(std::string checkID, Level checkLevel, std::string checkTitle,
+                std::optional<std::string> checkDetail = std::nullopt,
+                std::optional<std::string> checkFix = std::nullopt)
+        : id(std::move(checkID)), level(checkLevel), title(std::move(checkTitle)), detail(std::move(checkDetail)),
+          fix(std::move(checkFix)) {}
+
     // "ok", "info", "warning", "failure".
     static std::string_view rawValue(Level level) noexcept;
     static std::optional<Level> levelFromRawValue(std::string_view raw) noexcept;
