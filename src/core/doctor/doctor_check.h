@@ -48,6 +48,9 @@ struct DesktopInstall {
     // As the bundle declares it; nothing when it couldn't be read. Empty is not the same.
     std::optional<std::string> version;
 
+    explicit DesktopInstall(std::string appPath, std::optional<std::string> appVersion = std::nullopt)
+        : path(std::move(appPath)), version(std::move(appVersion)) {}
+
     // The app in the applications folder, else in ~/Applications; always nothing where the app
     // doesn't exist (Linux).
     static std::optional<DesktopInstall> detect(const Paths& paths);
