@@ -4,6 +4,7 @@
 // mistake in the command line, and how each group of commands is added to the parser.
 
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -55,12 +56,13 @@ void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
 void addDoctorCommands(CLI::App& app, const Context& context, Action& chosen);
 
-// This program and the veerline-resolve installed with it. Throws VeerlineError::io.
+// A veerline executable (this program unless another is named) and the veerline-resolve installed
+// with it. Throws VeerlineError::io.
 struct Executables {
     std::string resolver;
     std::string cli;
 };
-Executables findExecutables();
+Executables findExecutables(std::optional<std::string> program = std::nullopt);
 
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.

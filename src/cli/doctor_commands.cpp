@@ -13,6 +13,8 @@
 #include "cli/cli.h"
 #include "doctor/doctor.h"
 #include "profiles/profile_store.h"
+#include "platform/platform.h"
+#include "resolution/binary_locator.h"
 #include "shell/shell_integration.h"
 
 namespace veerline::cli {
@@ -32,9 +34,17 @@ std::vector<DoctorCheck> installedCopies(const Context& context) {
     ShellIntegration shell(context.paths, context.environment);
     const std::string libexec = context.paths.abbreviate(shell.libexec());
     if (!PathUtil::isExecutableFile(shell.libexec() + "/veerline-resolve")) return {};
+    // Run through its shim, this program is the copy itself; the installed one is then the
+    // `veerline` further along PATH.
+    std::optional<std::string> program;
+    auto self = platform::executablePath();
+    if (self && PathUtil::realPath(PathUtil::parent(*self)) == PathUtil::realPath(shell.libexec())) {
+        program = BinaryLocator(context.environment, context.paths).find("veerline");
+        if (!program) return {};
+    }
     Executables current;
     try {
-        current = findExecutables();
+        current = findExecutables(program);
     } catch (const VeerlineError&) {
         return {};
     }
