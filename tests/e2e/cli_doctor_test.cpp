@@ -62,17 +62,16 @@ protected:
         int terminal = -1;
         pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
         if (child == 0) {
-            std::vector<std::string> entries;
-            for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
-            if (noColour) entries.push_back("NO_COLOR=1");
-            std::vector<char*> envp;
-            for (auto& entry : entries) envp.push_back(entry.data());
-            envp.push_back(nullptr);
-            std::string program = home + "/.veerline/bin/veerline";
-            std::vector<char*> argv{program.data()};
-            for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+            // env -i: exactly the test's environment, nothing of this process's.
+            std::vector<std::string> words{"/usr/bin/env", "-i"};
+            for (const auto& [name, value] : environment) words.push_back(name + "=" + value);
+            if (noColour) words.push_back("NO_COLOR=1");
+            words.push_back(home + "/.veerline/bin/veerline");
+            words.insert(words.end(), arguments.begin(), arguments.end());
+            std::vector<char*> argv;
+            for (auto& word : words) argv.push_back(word.data());
             argv.push_back(nullptr);
-            ::execve(program.c_str(), argv.data(), envp.data());
+            ::execv(argv[0], argv.data());
             ::_exit(127);
         }
         std::string output;

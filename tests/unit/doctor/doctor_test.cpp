@@ -90,10 +90,6 @@ TEST_F(DoctorTest, BinariesFoundMissingOrInsideTheDesktopApp) {
     testing::writeFile(bundled, "#!/bin/sh\n", 0755);
     EXPECT_EQ(only("binary.codex"), DoctorCheck("binary.codex", Level::ok, "Codex found", bundled));
 
-    // A shim in the shim folder is not the tool.
-    testing::writeFile(paths.shimDirectory() + "/claude", "#!/bin/sh\n", 0755);
-    environment["PATH"] = paths.shimDirectory() + ":" + tools;
-    EXPECT_EQ(only("binary.claude-code")->level, Level::info);
     testing::writeFile(tools + "/claude", "#!/bin/sh\n", 0755);
     EXPECT_EQ(only("binary.claude-code"), DoctorCheck("binary.claude-code", Level::ok, "Claude Code found", tools + "/claude"));
 }
