@@ -4,6 +4,7 @@
 // mistake in the command line, and how each group of commands is added to the parser.
 
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -64,6 +65,16 @@ void addCompletionCommands(CLI::App& app, const Context& context, Action& chosen
 // read the usage of the command the parser reached. `words` are the arguments after the
 // program's name.
 std::string usageErrorReport(const CLI::App& app, const std::string& message, const std::vector<std::string>& words);
+
+void addDoctorCommands(CLI::App& app, const Context& context, Action& chosen);
+
+// A veerline executable (this program unless another is named) and the veerline-resolve installed
+// with it. Throws VeerlineError::io.
+struct Executables {
+    std::string resolver;
+    std::string cli;
+};
+Executables findExecutables(std::optional<std::string> program = std::nullopt);
 
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.

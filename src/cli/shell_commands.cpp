@@ -26,16 +26,13 @@ struct ShellOptions {
     std::string shell;
 };
 
-struct Executables {
-    std::string resolver;
-    std::string cli;
-};
+}  // namespace
 
-// The resolver installed beside this program: <prefix>/libexec/veerline/veerline-resolve for
-// <prefix>/bin/veerline, or a veerline-resolve in the same folder (a build folder, or the
-// copies in ~/.veerline/libexec).
-Executables findExecutables() {
-    auto self = platform::executablePath();
+// The resolver installed beside `program` (this program by default):
+// <prefix>/libexec/veerline/veerline-resolve for <prefix>/bin/veerline, or a veerline-resolve in
+// the same folder (a build folder, or the copies in ~/.veerline/libexec).
+Executables findExecutables(std::optional<std::string> program) {
+    auto self = program ? PathUtil::realPath(*program) : platform::executablePath();
     if (!self) throw VeerlineError::io("Couldn't find where veerline itself is installed.");
     std::string folder = PathUtil::parent(*self);
     std::vector<std::string> candidates = {PathUtil::normalize(folder + "/../libexec/veerline/veerline-resolve"),
@@ -46,6 +43,8 @@ Executables findExecutables() {
     throw VeerlineError::io("Couldn't find veerline-resolve; looked for " + candidates[0] + " and " + candidates[1] +
                             ". Reinstall Veerline.");
 }
+
+namespace {
 
 void printDiff(const Context& context, const std::string& diff) {
     if (!context.colour) {

@@ -78,4 +78,18 @@ std::string privateScratchDirectory();
 // non-login shells, which do; macOS terminals start login shells, which read ~/.bash_profile.
 bool interactiveBashReadsBashrc() noexcept;
 
+// Whether desktop apps live as ".app" bundles in Applications folders (macOS). Elsewhere there is
+// nothing to search there: other systems keep no such folders.
+bool hasApplicationBundles() noexcept;
+
+// An application bundle and the version its Info.plist declares (CFBundleShortVersionString).
+struct InstalledApp {
+    std::string path;
+    std::optional<std::string> version;
+};
+
+// The first ".app" directly inside one of `folders`, in their order, whose bundle identifier is
+// `bundleID`; always nothing without application bundles. Unlistable folders are skipped.
+std::optional<InstalledApp> findApplication(std::string_view bundleID, const std::vector<std::string>& folders) noexcept;
+
 }  // namespace veerline::platform

@@ -8,8 +8,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <dirent.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 
 namespace veerline::platform {
 
@@ -95,6 +100,82 @@ std::string privateScratchDirectory() {
 
 bool interactiveBashReadsBashrc() noexcept {
     return false;
+}
+
+bool hasApplicationBundles() noexcept {
+    return true;
+}
+
+namespace {
+
+// A CoreFoundation object released when it goes out of scope.
+template <typename Ref>
+struct Owned {
+    Ref ref = nullptr;
+    explicit Owned(Ref value) : ref(value) {}
+    ~Owned() {
+        if (ref != nullptr) CFRelease(ref);
+    }
+    Owned(const Owned&) = delete;
+    Owned& operator=(const Owned&) = delete;
+};
+
+std::optional<std::string> plistString(CFDictionaryRef plist, const char* key) {
+    Owned<CFStringRef> name(CFStringCreateWithCString(nullptr, key, kCFStringEncodingUTF8));
+    if (name.ref == nullptr) return std::nullopt;
+    CFTypeRef value = CFDictionaryGetValue(plist, name.ref);
+    if (value == nullptr || CFGetTypeID(value) != CFStringGetTypeID()) return std::nullopt;
+    auto string = static_cast<CFStringRef>(value);
+    CFIndex size = CFStringGetMaximumSizeForEncoding(CFStringGetLength(string), kCFStringEncodingUTF8) + 1;
+    std::string buffer(static_cast<std::size_t>(size), '\0');
+    if (!CFStringGetCString(string, buffer.data(), size, kCFStringEncodingUTF8)) return std::nullopt;
+    buffer.resize(std::strlen(buffer.c_str()));
+    return buffer;
+}
+
+// The bundle's Info.plist as a dictionary; null when it can't be read or isn't one.
+CFDictionaryRef readInfoPlist(const std::string& bundle) {
+    std::string path = bundle + "/Contents/Info.plist";
+    Owned<CFURLRef> url(CFURLCreateFromFileSystemRepresentation(
+        nullptr, reinterpret_cast<const UInt8*>(path.c_str()), static_cast<CFIndex>(path.size()), false));
+    if (url.ref == nullptr) return nullptr;
+    Owned<CFReadStreamRef> stream(CFReadStreamCreateWithFile(nullptr, url.ref));
+    if (stream.ref == nullptr || !CFReadStreamOpen(stream.ref)) return nullptr;
+    CFPropertyListRef plist =
+        CFPropertyListCreateWithStream(nullptr, stream.ref, 0, kCFPropertyListImmutable, nullptr, nullptr);
+    CFReadStreamClose(stream.ref);
+    if (plist == nullptr) return nullptr;
+    if (CFGetTypeID(plist) != CFDictionaryGetTypeID()) {
+        CFRelease(plist);
+        return nullptr;
+    }
+    return static_cast<CFDictionaryRef>(plist);
+}
+
+}  // namespace
+
+std::optional<InstalledApp> findApplication(std::string_view bundleID, const std::vector<std::string>& folders) noexcept {
+    try {
+        for (const std::string& folder : folders) {
+            std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(folder.c_str()), ::closedir);
+            if (!listing) continue;
+            std::vector<std::string> names;
+            while (const dirent* entry = ::readdir(listing.get())) {
+                std::string_view name = entry->d_name;
+                if (name.size() > 4 && name.ends_with(".app")) names.emplace_back(name);
+            }
+            // Directory order is arbitrary; sorted, the same copy wins every time.
+            std::sort(names.begin(), names.end());
+            for (const std::string& name : names) {
+                std::string bundle = folder + "/" + name;
+                Owned<CFDictionaryRef> plist(readInfoPlist(bundle));
+                if (plist.ref == nullptr || plistString(plist.ref, "CFBundleIdentifier") != bundleID) continue;
+                return InstalledApp{bundle, plistString(plist.ref, "CFBundleShortVersionString")};
+            }
+        }
+    } catch (...) {
+    }
+    return std::nullopt;
 }
 
 }  // namespace veerline::platform

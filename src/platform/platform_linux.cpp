@@ -277,4 +277,12 @@ bool interactiveBashReadsBashrc() noexcept {
     return true;
 }
 
+bool hasApplicationBundles() noexcept {
+    return false;
+}
+
+std::optional<InstalledApp> findApplication(std::string_view, const std::vector<std::string>&) noexcept {
+    return std::nullopt;
+}
+
 }  // namespace veerline::platform

@@ -103,16 +103,11 @@ bool ShellIntegration::refreshBinariesIfStale(const std::string& resolver, const
             struct stat info {};
             if (::lstat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return false;
         }
-        if (!PathUtil::isExecutableFile(libexec() + "/veerline-resolve")) return false;
         bool refreshed = false;
-        const std::pair<const std::optional<std::string>, const char*> sources[] = {
-            {resolver, "veerline-resolve"}, {cli, "veerline"}, {launcher, "veerline-launcher"}};
-        for (const auto& [source, name] : sources) {
-            if (!source || !PathUtil::isExecutableFile(*source)) continue;
-            std::string installed = libexec() + "/" + name;
-            if (contentsEqual(*source, installed)) continue;
+        for (const std::string& name : staleBinaries(resolver, cli, launcher)) {
+            const std::string& source = name == "veerline-resolve" ? resolver : name == "veerline" ? *cli : *launcher;
             try {
-                copyAtomically(*source, installed);
+                copyAtomically(source, libexec() + "/" + name);
                 refreshed = true;
             } catch (const VeerlineError&) {
             }
@@ -121,6 +116,24 @@ bool ShellIntegration::refreshBinariesIfStale(const std::string& resolver, const
     } catch (...) {
         return false;
     }
+}
+
+std::vector<std::string> ShellIntegration::staleBinaries(const std::string& resolver,
+                                                         const std::optional<std::string>& cli,
+                                                         const std::optional<std::string>& launcher) const noexcept {
+    std::vector<std::string> stale;
+    try {
+        if (!PathUtil::isDirectory(libexec())) return stale;
+        if (!PathUtil::isExecutableFile(libexec() + "/veerline-resolve")) return stale;
+        const std::pair<const std::optional<std::string>, const char*> sources[] = {
+            {resolver, "veerline-resolve"}, {cli, "veerline"}, {launcher, "veerline-launcher"}};
+        for (const auto& [source, name] : sources) {
+            if (!source || !PathUtil::isExecutableFile(*source)) continue;
+            if (!contentsEqual(*source, libexec() + "/" + name)) stale.emplace_back(name);
+        }
+    } catch (...) {
+    }
+    return stale;
 }
 
 void ShellIntegration::recordAppLocation(const std::string& path) const noexcept {

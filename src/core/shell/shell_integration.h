@@ -139,6 +139,10 @@ public:
     // Replaces installed executables that differ from the given ones; true when any was replaced.
     bool refreshBinariesIfStale(const std::string& resolver, const std::optional<std::string>& cli,
                                 const std::optional<std::string>& launcher) const noexcept;
+    // The names in libexec ("veerline-resolve", "veerline", "veerline-launcher") that
+    // refreshBinariesIfStale would replace; changes nothing. Empty when nothing is installed.
+    std::vector<std::string> staleBinaries(const std::string& resolver, const std::optional<std::string>& cli,
+                                           const std::optional<std::string>& launcher) const noexcept;
     void recordAppLocation(const std::string& path) const noexcept;
     Status status() const noexcept;
 
