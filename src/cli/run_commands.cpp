@@ -32,6 +32,7 @@ struct RunOptions {
     std::string tool;
     std::vector<std::string> command;
     bool print = false;
+    bool apiKey = false;
 };
 
 ToolContext toolContext(const Context& context) {
@@ -140,6 +141,7 @@ int login(const Context& context, const RunOptions& options) {
         throw VeerlineError::unsupported(curlyQuoted(profile.name) + " doesn't use " + toolName + ". Add it with `veerline profile set " +
                                          ShellQuote::quote(profile.name) + " --tools ...` first.");
     }
+    if (options.apiKey && kind == ToolKind::claudeCode) return loginClaudeCodeWithApiKey(context, profile);
     auto command = adapter->setUp(profile);
     if (!command) {
         throw VeerlineError::unsupported(toolName + " isn't installed: there's no `" +
@@ -196,6 +198,7 @@ void addRunCommands(CLI::App& app, const Context& context, Action& chosen) {
     signIn->add_option("profile", options->profile, profileHelp)->required();
     signIn->add_option("tool", options->tool, "claude-code (or claude) or codex")->required();
     signIn->add_flag("--print", options->print, "Print the sign-in command instead of running it");
+    signIn->add_flag("--api-key", options->apiKey, "Use an API key read from standard input instead of signing in");
     signIn->footer("Prepares the profile's data folder, then runs the tool's own sign-in command in this "
                    "terminal.");
     onSelected(signIn, chosen, [&context, options] { return login(context, *options); });
