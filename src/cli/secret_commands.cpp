@@ -108,8 +108,8 @@ int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile) {
                                          " uses Claude Code's default setup, whose settings are your own, so Veerline "
                                          "won't set a key helper there. Use a profile with managed storage.");
     }
-    auto folder = ClaudeCodeAdapter(ToolContext{context.paths, context.environment}).createDataDirectory(profile);
-    std::string settingsFile = *folder + "/settings.json";
+    ClaudeCodeAdapter adapter(ToolContext{context.paths, context.environment});
+    std::string settingsFile = adapter.dataDirectory(profile).value_or("") + "/settings.json";
     ShellIntegration files(context.paths, context.environment);
 
     // A damaged settings file stops everything before a key is stored, and is never replaced.
@@ -127,6 +127,7 @@ int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile) {
     Target key{profile.id, profile.name, ToolKind::claudeCode};
     std::string secret = readSecret(apiKeyPrompt(key));
     KeychainStore().write(secret, key.service(), std::string(KeychainStore::apiKeyAccount));
+    adapter.createDataDirectory(profile);
     // Claude Code runs this command whenever it needs the key; the id survives renames.
     settings["apiKeyHelper"] = ShellQuote::quote(*self) + " secret get " + ShellQuote::quote(profile.id.rawValue) + " " +
                                std::string(toolkind::rawValue(ToolKind::claudeCode));

@@ -18,6 +18,7 @@ namespace {
 // both platforms alike; the message names the cause.
 constexpr std::int32_t statusNotAvailable = KeychainStore::notAvailableStatus;
 constexpr std::int32_t statusLocked = -25308;        // errSecInteractionNotAllowed
+constexpr std::int32_t statusNoCollection = -25294;  // errSecNoSuchKeychain
 constexpr std::int32_t statusRefused = -128;         // errSecUserCanceled
 constexpr std::int32_t statusFailed = -26276;        // errSecInternalError
 
@@ -81,6 +82,14 @@ VeerlineError failure(const ErrorSlot& slot) {
         return notAvailable(detail);
     }
     if (g_error_matches(error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED)) return lockedCollection();
+    // A fresh keyring whose default collection was never created (its creation asks the user).
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT) ||
+        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD)) {
+        return VeerlineError::keychain(statusNoCollection,
+                                       "The Secret Service has no default collection to keep secrets in (" + detail +
+                                           "). Create one, for example a Login keyring in Passwords and Keys or a "
+                                           "database in KeePassXC, and try again.");
+    }
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED) ||
         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) ||
         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED)) {
