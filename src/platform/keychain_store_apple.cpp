@@ -7,6 +7,7 @@
 #include <Security/Security.h>
 
 #include <memory>
+#include <string>
 #include <type_traits>
 
 #include "base/error.h"
@@ -16,13 +17,13 @@ namespace veerline {
 
 namespace {
 
-struct CFRelease_ {
+struct CFReleaser {
     void operator()(CFTypeRef reference) const noexcept {
         if (reference != nullptr) CFRelease(reference);
     }
 };
 template <typename Reference>
-using CFPtr = std::unique_ptr<std::remove_pointer_t<Reference>, CFRelease_>;
+using CFPtr = std::unique_ptr<std::remove_pointer_t<Reference>, CFReleaser>;
 
 CFPtr<CFStringRef> makeString(const std::string& text) {
     return CFPtr<CFStringRef>(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const UInt8*>(text.data()),
