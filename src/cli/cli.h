@@ -76,9 +76,19 @@ struct Executables {
 };
 Executables findExecutables(std::optional<std::string> program = std::nullopt);
 
+void addSecretCommands(CLI::App& app, const Context& context, Action& chosen);
+
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.
 void removeProfileData(const Context& context, const Profile& profile);
+
+// Deletes a removed profile's keys (every tool's) from the system's secret store; on failure says
+// so on standard error. Returns the exit status: 0 also when no secret store can be reached.
+int removeProfileSecrets(const Profile& profile);
+
+// `veerline login PROFILE claude --api-key`: stores the key read from standard input and points
+// Claude Code's "apiKeyHelper" in the profile's settings.json at `veerline secret get`.
+int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile);
 
 // A profile typed by the user: by name as the document's look-up finds it, else by id.
 // Throws VeerlineError::profileNotFound with the text as typed.

@@ -138,6 +138,7 @@ int runCommand(int argc, char** argv) {
     addShellCommands(app, context, chosen);
     addCompletionCommands(app, context, chosen);
     addDoctorCommands(app, context, chosen);
+    addSecretCommands(app, context, chosen);
     // Set after the commands are added, which would otherwise inherit it.
     app.footer("Run `veerline COMMAND --help` for the options of a command.");
 

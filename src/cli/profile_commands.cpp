@@ -151,8 +151,9 @@ int removeProfile(const Context& context, const ProfileOptions& options) {
     }
     std::cout << ".\n";
     if (removal.wasDefault) std::cout << "There's no terminal default now.\n";
-    if (!options.keepData) removeProfileData(context, removal.profile);
-    return 0;
+    if (options.keepData) return 0;
+    removeProfileData(context, removal.profile);
+    return removeProfileSecrets(removal.profile);
 }
 
 }  // namespace
@@ -195,9 +196,9 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen) {
     onSelected(set, chosen, [&context, options] { return setProfile(context, *options); });
 
     CLI::App* remove = group->add_subcommand(
-        "remove", "Remove a profile, its folder rules and, unless --keep-data, its tools' data folders");
+        "remove", "Remove a profile, its folder rules and, unless --keep-data, its tools' data folders and keys");
     remove->add_option("name", options->name, nameHelp)->required()->type_name("PROFILE");
-    remove->add_flag("--keep-data", options->keepData, "Keep the profile's data folders on disk");
+    remove->add_flag("--keep-data", options->keepData, "Keep the profile's data folders and stored keys");
     onSelected(remove, chosen, [&context, options] { return removeProfile(context, *options); });
 }
 

@@ -184,14 +184,6 @@ struct WipedOnExit {
     ~WipedOnExit() { OPENSSL_cleanse(text.data(), text.size()); }
 };
 
-// Claude Code takes an API key from the environment only, so Veerline has to keep the key for
-// the profile and hand it over at each start: that needs the secret store.
-int signInClaudeCodeWithAPIKey(const Context&, const Profile& profile) {
-    throw VeerlineError::unsupported("Signing Claude Code in with an API key needs the secret store, which this "
-                                     "version of Veerline doesn't have yet. Sign in with `veerline login " +
-                                     ShellQuote::quote(profile.name) + " claude` instead.");
-}
-
 int login(const Context& context, const RunOptions& options) {
     ToolKind kind = parseTool(options.tool);
     ProfileDocument document = ProfileStore(context.paths).load();
@@ -209,7 +201,7 @@ int login(const Context& context, const RunOptions& options) {
         throw VeerlineError::unsupported(curlyQuoted(profile.name) + " doesn't use " + toolName + ". Add it with `veerline profile set " +
                                          ShellQuote::quote(profile.name) + " --tools ...` first.");
     }
-    if (options.apiKey && kind == ToolKind::claudeCode) return signInClaudeCodeWithAPIKey(context, profile);
+    if (options.apiKey && kind == ToolKind::claudeCode) return loginClaudeCodeWithApiKey(context, profile);
     auto command = adapter->setUp(profile);
     if (!command) {
         throw VeerlineError::unsupported(toolName + " isn't installed: there's no `" +

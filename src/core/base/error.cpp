@@ -29,6 +29,7 @@ std::string describe(VeerlineError::Kind kind, const std::string& text, const st
         case Kind::unsafeDeletion:
             return "Refused to delete " + text + " because it isn't inside Veerline's own data folder.";
         case Kind::keychain: {
+            if (!text.empty()) return text;
             auto status = static_cast<std::int32_t>(number);
             return "Keychain error " + std::to_string(status) + ": " +
                    platform::securityStatusMessage(status).value_or("unknown");
@@ -69,6 +70,9 @@ VeerlineError VeerlineError::unsupported(std::string message) {
 }
 VeerlineError VeerlineError::keychain(std::int32_t status) {
     return {Kind::keychain, {}, {}, status};
+}
+VeerlineError VeerlineError::keychain(std::int32_t status, std::string message) {
+    return {Kind::keychain, std::move(message), {}, status};
 }
 
 VeerlineError ioErrorFromErrno(const std::string& verbAndItem, int errorNumber) {

@@ -30,6 +30,9 @@ public:
     static VeerlineError unsafeDeletion(std::string path);
     static VeerlineError unsupported(std::string message);
     static VeerlineError keychain(std::int32_t status);
+    // A keychain failure the store words itself: the Secret Service's failures (Linux) have no
+    // Security framework text, so the store names the cause in plain words.
+    static VeerlineError keychain(std::int32_t status, std::string message);
 
     Kind kind() const noexcept { return kind_; }
     // The case's text payload: the message, the name, or the path.
