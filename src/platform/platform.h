@@ -57,4 +57,9 @@ std::string fallbackHomeDirectory();
 // The per-user temporary folder, without a trailing "/".
 std::string temporaryDirectory();
 
+// Veerline's folder among the user's caches, files that can be rebuilt at any time:
+// ~/Library/Caches/Veerline on macOS; $XDG_CACHE_HOME/veerline (when that is an absolute path)
+// or ~/.cache/veerline elsewhere. `xdgCacheHome` is the variable's value, when it is set.
+std::string cacheDirectory(const std::string& home, const std::string* xdgCacheHome);
+
 }  // namespace veerline::platform

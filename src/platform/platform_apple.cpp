@@ -73,6 +73,10 @@ std::string temporaryDirectory() {
     return folder;
 }
 
+std::string cacheDirectory(const std::string& home, const std::string*) {
+    return home + "/Library/Caches/Veerline";
+}
+
 }  // namespace veerline::platform
 
 #endif
