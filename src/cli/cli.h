@@ -53,6 +53,7 @@ void addProfileCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRuleCommands(CLI::App& app, const Context& context, Action& chosen);
 void addShellCommands(CLI::App& app, const Context& context, Action& chosen);
 void addRunCommands(CLI::App& app, const Context& context, Action& chosen);
+void addUsageCommands(CLI::App& app, const Context& context, Action& chosen);
 
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.

@@ -79,6 +79,7 @@ int main(int argc, char** argv) {
     addRuleCommands(app, context, chosen);
     addRunCommands(app, context, chosen);
     addShellCommands(app, context, chosen);
+    addUsageCommands(app, context, chosen);
     // Set after the commands are added, which would otherwise inherit it.
     app.footer("Run `veerline COMMAND --help` for the options of a command.");
 
