@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 #include "base/unicode.h"
 
@@ -23,6 +24,7 @@ struct JSONFieldScanner::State {
 namespace {
 
 using State = JSONFieldScanner::State;
+using RawValue = JSONFieldScanner::RawValue;
 
 bool isWhitespace(char byte) noexcept {
     return byte == ' ' || byte == '\t' || byte == '\n' || byte == '\r';
@@ -44,54 +46,54 @@ void replaceAll(std::string& text, std::string_view from, std::string_view to) {
     text = std::move(out);
 }
 
+bool isPlain(std::string_view raw) noexcept {
+    for (char byte : raw) {
+        if (static_cast<unsigned char>(byte) >= 0x80 || byte == '\\') return false;
+    }
+    return true;
+}
+
 // Only the two escapes that can hide a quote or a backslash are decoded; the logs' figures and
 // identifiers never use the others, and leaving them as written keeps the scan cheap.
-std::string decodeString(std::string_view raw, bool escaped) {
-    bool ascii = true;
-    for (char byte : raw) {
-        if (static_cast<unsigned char>(byte) >= 0x80) {
-            ascii = false;
-            break;
-        }
-    }
-    std::string text = ascii ? std::string(raw) : unicode::repairUTF8(raw);
-    if (escaped) {
+std::string decodeString(std::string_view raw) {
+    std::string text = unicode::repairUTF8(raw);
+    if (raw.find('\\') != std::string_view::npos) {
         replaceAll(text, "\\\"", "\"");
         replaceAll(text, "\\\\", "\\");
     }
     return text;
 }
 
-// With the position on the opening quote. Nothing when the string does not close.
-bool readString(State& state, bool capture, std::string* out) {
+// With the position on the opening quote: steps past the closing one and gives the bytes between.
+// A backslash escapes the byte after it, so a quote ends the string when an even number of
+// backslashes precede it; memchr finds the candidates, which keeps long texts cheap to pass.
+bool passString(State& state, std::string_view* raw) noexcept {
     std::size_t start = ++state.position;
-    bool escaped = false;
+    std::size_t from = start;
     while (true) {
-        if (state.atEnd()) {
+        const void* found = from < state.length ? std::memchr(state.bytes + from, '"', state.length - from) : nullptr;
+        if (found == nullptr) {
+            state.position = state.length;
             state.complete = false;
             return false;
         }
-        char byte = state.current();
-        if (byte == '"') break;
-        if (byte == '\\') {
-            escaped = true;
-            // The escaped byte may be the last one: the next check then finds the end.
-            state.position += 2;
-            continue;
+        std::size_t quote = static_cast<std::size_t>(static_cast<const char*>(found) - state.bytes);
+        std::size_t backslashes = 0;
+        while (quote - backslashes > start && state.bytes[quote - backslashes - 1] == '\\') ++backslashes;
+        if (backslashes % 2 == 0) {
+            if (raw != nullptr) *raw = std::string_view(state.bytes + start, quote - start);
+            state.position = quote + 1;
+            return true;
         }
-        ++state.position;
+        from = quote + 1;
     }
-    std::string_view raw(state.bytes + start, state.position - start);
-    ++state.position;
-    if (capture && out != nullptr) *out = decodeString(raw, escaped);
-    return true;
 }
 
-bool skipValue(State& state) {
+bool skipValue(State& state) noexcept {
     skipWhitespace(state);
     if (state.atEnd()) return false;
     char first = state.current();
-    if (first == '"') return readString(state, false, nullptr);
+    if (first == '"') return passString(state, nullptr);
     if (first != '{' && first != '[') {
         std::size_t start = state.position;
         while (!state.atEnd()) {
@@ -105,17 +107,10 @@ bool skipValue(State& state) {
     while (!state.atEnd()) {
         char byte = state.current();
         if (byte == '"') {
-            ++state.position;
-            while (true) {
-                if (state.atEnd()) {
-                    state.complete = false;
-                    return false;
-                }
-                char inner = state.current();
-                if (inner == '"') break;
-                state.position += inner == '\\' ? 2 : 1;
-            }
-        } else if (byte == '{' || byte == '[') {
+            if (!passString(state, nullptr)) return false;
+            continue;
+        }
+        if (byte == '{' || byte == '[') {
             ++depth;
         } else if (byte == '}' || byte == ']') {
             if (--depth == 0) {
@@ -134,7 +129,7 @@ std::optional<std::int64_t> integerValue(std::string_view token) {
     bool allDigits = !digits.empty();
     for (char byte : digits) allDigits = allDigits && byte >= '0' && byte <= '9';
     if (allDigits) {
-        // from_chars takes no "+"; the sign is re-applied by reading the digits after it.
+        // from_chars takes no "+"; the digits after it read the same.
         std::string_view text = token.front() == '+' ? digits : token;
         std::int64_t value = 0;
         auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -160,6 +155,10 @@ std::optional<std::int64_t> integerValue(std::string_view token) {
 
 }  // namespace
 
+std::string JSONFieldScanner::RawValue::text() const {
+    return plain ? std::string(bytes) : decodeString(bytes);
+}
+
 JSONFieldScanner::JSONFieldScanner(std::set<KeyPath> wanted) : paths_(std::move(wanted)) {
     prefixes_.insert(KeyPath{});
     for (const KeyPath& path : paths_) {
@@ -167,30 +166,77 @@ JSONFieldScanner::JSONFieldScanner(std::set<KeyPath> wanted) : paths_(std::move(
             prefixes_.insert(KeyPath(path.begin(), path.begin() + static_cast<std::ptrdiff_t>(length)));
         }
     }
+    nodes_.emplace_back();
+    int slot = 0;
+    for (const KeyPath& path : paths_) {
+        int node = 0;
+        for (const std::string& key : path) {
+            int next = child(node, key);
+            if (next < 0) {
+                next = static_cast<int>(nodes_.size());
+                nodes_[static_cast<std::size_t>(node)].children.emplace_back(key, next);
+                nodes_.emplace_back();
+            }
+            node = next;
+        }
+        nodes_[static_cast<std::size_t>(node)].slot = slot++;
+    }
+}
+
+int JSONFieldScanner::child(int node, std::string_view key) const {
+    for (const auto& [name, index] : nodes_[static_cast<std::size_t>(node)].children) {
+        if (name == key) return index;
+    }
+    return -1;
+}
+
+int JSONFieldScanner::slotOf(const KeyPath& path) const {
+    int node = 0;
+    for (const std::string& key : path) {
+        node = child(node, key);
+        if (node < 0) return -1;
+    }
+    return nodes_[static_cast<std::size_t>(node)].slot;
 }
 
 std::optional<JSONFieldScanner::Result> JSONFieldScanner::scan(std::string_view bytes) const {
-    if (bytes.empty()) return std::nullopt;
-    State state{bytes.data(), bytes.size()};
-    skipWhitespace(state);
-    if (state.atEnd() || state.current() != '{') return std::nullopt;
-    KeyPath path;
+    std::vector<RawValue> slots;
+    if (!scan(bytes, slots)) return std::nullopt;
     Result result;
-    if (!parseValue(state, path, result)) return std::nullopt;
-    skipWhitespace(state);
-    if (!state.atEnd()) return std::nullopt;
+    std::size_t slot = 0;
+    for (const KeyPath& path : paths_) {
+        const RawValue& value = slots[slot++];
+        if (value.kind == RawValue::Kind::string) result.emplace(path, Value::string(value.text()));
+        if (value.kind == RawValue::Kind::integer) result.emplace(path, Value::integer(value.number));
+    }
     return result;
 }
 
-bool JSONFieldScanner::parseValue(State& state, KeyPath& path, Result& result) const {
+bool JSONFieldScanner::scan(std::string_view bytes, std::vector<RawValue>& slots) const {
+    slots.assign(paths_.size(), RawValue{});
+    if (bytes.empty()) return false;
+    State state{bytes.data(), bytes.size()};
+    skipWhitespace(state);
+    if (state.atEnd() || state.current() != '{') return false;
+    if (!parseValue(state, 0, slots)) return false;
+    skipWhitespace(state);
+    return state.atEnd();
+}
+
+bool JSONFieldScanner::parseValue(State& state, int node, std::vector<RawValue>& slots) const {
     skipWhitespace(state);
     if (state.atEnd()) return false;
     char first = state.current();
-    bool wanted = paths_.contains(path);
+    int slot = nodes_[static_cast<std::size_t>(node)].slot;
     if (first == '"') {
-        std::string text;
-        if (!readString(state, wanted, &text)) return false;
-        if (wanted) result.insert_or_assign(path, Value::string(std::move(text)));
+        std::string_view raw;
+        if (!passString(state, &raw)) return false;
+        if (slot >= 0) {
+            RawValue& value = slots[static_cast<std::size_t>(slot)];
+            value.kind = RawValue::Kind::string;
+            value.bytes = raw;
+            value.plain = isPlain(raw);
+        }
         return true;
     }
     if (first == '[') {
@@ -212,7 +258,7 @@ bool JSONFieldScanner::parseValue(State& state, KeyPath& path, Result& result) c
         ++state.position;
         return true;
     }
-    if (first == '{') return parseObject(state, path, result);
+    if (first == '{') return parseObject(state, node, slots);
 
     std::size_t start = state.position;
     while (!state.atEnd()) {
@@ -221,15 +267,17 @@ bool JSONFieldScanner::parseValue(State& state, KeyPath& path, Result& result) c
         ++state.position;
     }
     if (state.position == start) return false;
-    if (wanted) {
+    if (slot >= 0) {
         if (auto number = integerValue(std::string_view(state.bytes + start, state.position - start))) {
-            result.insert_or_assign(path, Value::integer(*number));
+            RawValue& value = slots[static_cast<std::size_t>(slot)];
+            value.kind = RawValue::Kind::integer;
+            value.number = *number;
         }
     }
     return true;
 }
 
-bool JSONFieldScanner::parseObject(State& state, KeyPath& path, Result& result) const {
+bool JSONFieldScanner::parseObject(State& state, int node, std::vector<RawValue>& slots) const {
     ++state.position;
     skipWhitespace(state);
     if (!state.atEnd() && state.current() == '}') {
@@ -239,15 +287,17 @@ bool JSONFieldScanner::parseObject(State& state, KeyPath& path, Result& result) 
     while (true) {
         skipWhitespace(state);
         if (state.atEnd() || state.current() != '"') return false;
-        std::string key;
-        if (!readString(state, true, &key)) return false;
+        std::string_view key;
+        if (!passString(state, &key)) return false;
         skipWhitespace(state);
         if (state.atEnd() || state.current() != ':') return false;
         ++state.position;
 
-        path.push_back(std::move(key));
-        bool ok = prefixes_.contains(path) ? parseValue(state, path, result) : skipValue(state);
-        path.pop_back();
+        int next = -1;
+        if (!nodes_[static_cast<std::size_t>(node)].children.empty()) {
+            next = isPlain(key) ? child(node, key) : child(node, decodeString(key));
+        }
+        bool ok = next >= 0 ? parseValue(state, next, slots) : skipValue(state);
         if (!ok) return false;
 
         skipWhitespace(state);

@@ -32,6 +32,19 @@ public:
 
     using Result = std::map<KeyPath, Value>;
 
+    // A captured value still as the line's bytes, for callers that scan millions of lines and
+    // want no allocation per line. Valid while the line is.
+    struct RawValue {
+        enum class Kind : std::uint8_t { none, string, integer };
+        Kind kind = Kind::none;
+        std::string_view bytes;  // a string's bytes between its quotes
+        bool plain = true;       // ASCII without escapes: the bytes are the text
+        std::int64_t number = 0;
+
+        // The text `scan` would give for a string: UTF-8 repaired, \" and \\ decoded.
+        std::string text() const;
+    };
+
     explicit JSONFieldScanner(std::set<KeyPath> wanted);
 
     // One scan's position in its line; the helpers in the implementation file work on it.
@@ -44,12 +57,26 @@ public:
     // not one well-formed object. Never reads outside the range.
     std::optional<Result> scan(std::string_view bytes) const;
 
+    // The same scan into `slots`, one per wanted path in the order of `paths()`: false when the
+    // line is rejected.
+    bool scan(std::string_view bytes, std::vector<RawValue>& slots) const;
+    // The slot of a wanted path, or -1.
+    int slotOf(const KeyPath& path) const;
+
 private:
-    bool parseValue(State& state, KeyPath& path, Result& result) const;
-    bool parseObject(State& state, KeyPath& path, Result& result) const;
+    // `prefixes` as a tree, so that a member's key is looked up without building its path.
+    struct Node {
+        std::vector<std::pair<std::string, int>> children;
+        int slot = -1;
+    };
+
+    int child(int node, std::string_view key) const;
+    bool parseValue(State& state, int node, std::vector<RawValue>& slots) const;
+    bool parseObject(State& state, int node, std::vector<RawValue>& slots) const;
 
     std::set<KeyPath> paths_;
     std::set<KeyPath> prefixes_;
+    std::vector<Node> nodes_;
 };
 
 }  // namespace veerline
