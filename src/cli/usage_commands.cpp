@@ -3,7 +3,10 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cmath>
 #include <future>
@@ -14,7 +17,6 @@
 #include <thread>
 
 #include "base/error.h"
-#include "base/file_io.h"
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
@@ -293,9 +295,18 @@ int status(const Context& context, bool json) {
 // The folder Claude Code says the session works in, from the JSON it passes on standard input.
 std::optional<std::string> statusLineFolder(const Context& context) {
     if (context.inputIsTerminal) return std::nullopt;
+    // Claude Code writes a small object and closes the pipe. Whatever else is on standard input
+    // gets a short wait and a size limit, so that the status line is never held up.
     std::string input;
-    // The object is small; a runaway producer must not hold the status line up.
-    if (readAll(STDIN_FILENO, input, 1 << 20) != 0) return std::nullopt;
+    char buffer[16384];
+    while (input.size() < (1u << 20)) {
+        struct pollfd ready {STDIN_FILENO, POLLIN, 0};
+        if (::poll(&ready, 1, 500) <= 0) return std::nullopt;
+        ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        input.append(buffer, static_cast<std::size_t>(got));
+    }
     nlohmann::json object = nlohmann::json::parse(input, nullptr, false);
     if (!object.is_object()) return std::nullopt;
     auto workspace = object.find("workspace");
