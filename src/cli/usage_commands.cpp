@@ -169,7 +169,8 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
     if (windows.empty()) windows = {ActivitySummary::fiveHours, ActivitySummary::sevenDays};
     bool watching = command->count("--watch") > 0;
     double interval = 5;
-    if (watching && !options.watch.empty()) interval = parseWindow(options.watch.front());
+    // CLI11 hands a bare --watch over as one empty value.
+    if (watching && !options.watch.empty() && !options.watch.front().empty()) interval = parseWindow(options.watch.front());
     if (watching && options.json) throw UsageError("--watch redraws the table; it can't be combined with --json.");
 
     ProfileDocument document = ProfileStore(context.paths).load();
