@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include <algorithm>
 #include <cmath>
 #include <future>
 #include <iostream>
@@ -102,11 +103,14 @@ public:
 
     const LocalLogUsageProvider& provider() const { return provider_; }
 
-    // Writes the cache back when this run parsed anything new.
-    void save() {
+    // Writes the cache back when this run parsed anything new. Logs older than every window this
+    // run or the usual commands ask about are left out.
+    void save(Moment now, const std::vector<double>& windows) {
         std::uint64_t generation = provider_.cache()->generation();
         if (file_ && generation != savedGeneration_) {
-            UsageCacheFile::save(*file_, *provider_.cache());
+            double longest = ActivitySummary::sevenDays;
+            for (double window : windows) longest = std::max(longest, window);
+            UsageCacheFile::save(*file_, *provider_.cache(), now - std::chrono::duration<double>(longest));
             savedGeneration_ = generation;
         }
     }
@@ -183,7 +187,7 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
         for (const UsageRow& row : usageRows(document, options, windows, session.provider())) {
             for (const ActivitySummary& summary : row.summaries) list.push_back(summaryJSON(*row.profile, summary));
         }
-        session.save();
+        session.save(currentMoment(), windows);
         std::cout << encodeStoredJSON(list);
         return 0;
     }
@@ -194,7 +198,7 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
     while (true) {
         std::ostringstream screen;
         printUsageTable(usageRows(document, options, windows, session.provider()), windows, context, screen);
-        session.save();
+        session.save(currentMoment(), windows);
         if (!watching) {
             std::cout << screen.str();
             return 0;
@@ -258,7 +262,7 @@ int status(const Context& context, bool json) {
         row.last5h = summaries[0];
         row.last7d = summaries[1];
     }
-    session.save();
+    session.save(now, {});
 
     if (json) {
         nlohmann::json list = nlohmann::json::array();
@@ -336,9 +340,10 @@ int statusLine(const Context& context) noexcept {
         }
         if (!profile) return 0;
         UsageSession session(context, true);
+        Moment now = currentMoment();
         ActivitySummary summary = session.provider().activity(*profile, ToolKind::claudeCode,
-                                                              ActivitySummary::fiveHours, currentMoment());
-        session.save();
+                                                              ActivitySummary::fiveHours, now);
+        session.save(now, {});
         std::cout << profile->name << " \u00b7 " << compactTokenCount(summary.workTokens()) << " tokens \u00b7 5h\n";
     } catch (...) {
         // A status line has nowhere to report a problem: it shows nothing instead.

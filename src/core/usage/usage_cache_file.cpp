@@ -204,7 +204,7 @@ void load(const std::string& path, EventCache& cache) noexcept {
     }
 }
 
-void save(const std::string& path, const EventCache& cache) noexcept {
+void save(const std::string& path, const EventCache& cache, Moment keepModifiedSince) noexcept {
     try {
         std::map<std::string, EventCache::Entry> entries = cache.entries();
         Writer payload;
@@ -212,7 +212,7 @@ void save(const std::string& path, const EventCache& cache) noexcept {
         payload.put(count);
         for (const auto& [file, entry] : entries) {
             struct stat info {};
-            if (::stat(file.c_str(), &info) != 0) continue;
+            if (entry.mtime < keepModifiedSince || ::stat(file.c_str(), &info) != 0) continue;
             encodeEntry(payload, file, entry);
             ++count;
         }

@@ -22,8 +22,9 @@ std::string location(const std::string& home, const Environment& environment);
 // another format adds nothing.
 void load(const std::string& path, LocalLogUsageProvider::EventCache& cache) noexcept;
 
-// Writes every entry of `cache` whose log file still exists, atomically, the folder 0700 and the
-// file 0600. Failures are ignored.
-void save(const std::string& path, const LocalLogUsageProvider::EventCache& cache) noexcept;
+// Writes every entry of `cache` whose log file still exists and was modified at or after
+// `keepModifiedSince` (older files fall out of every window, and the file must not grow with the
+// history of the logs), atomically, the folder 0700 and the file 0600. Failures are ignored.
+void save(const std::string& path, const LocalLogUsageProvider::EventCache& cache, Moment keepModifiedSince) noexcept;
 
 }  // namespace veerline::UsageCacheFile

@@ -127,7 +127,7 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
 
     // What was parsed survives the process in the cache file, until the log changes.
     const std::string cacheFile = home / "cache/usage-cache.bin";
-    UsageCacheFile::save(cacheFile, *cache);
+    UsageCacheFile::save(cacheFile, *cache, at(kNow));
     EXPECT_EQ(fileMode(cacheFile) & 0777, 0600u);
     writeFile(file, claudeLine(100, "m1", 30) + "\n");
     setModified(file, kNow);
@@ -139,8 +139,12 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
     setModified(file, kNow);
     EXPECT_EQ(counts(provider(reloaded), ToolKind::claudeCode, {ActivitySummary::fiveHours})[0], 430);
 
-    // A damaged or foreign cache file is never believed.
-    UsageCacheFile::save(cacheFile, *cache);
+    // Logs older than every window are not kept; a damaged or foreign cache file is never believed.
+    UsageCacheFile::save(cacheFile, *cache, at(kNow + 1));
+    auto pruned = std::make_shared<Provider::EventCache>();
+    UsageCacheFile::load(cacheFile, *pruned);
+    EXPECT_TRUE(pruned->entries().empty());
+    UsageCacheFile::save(cacheFile, *cache, at(kNow));
     std::string bytes = readFile(cacheFile);
     for (std::string damaged : {bytes.substr(0, bytes.size() - 3), bytes + "x", std::string("not a cache"),
                                 bytes.substr(0, bytes.size() - 9) + char(bytes[bytes.size() - 9] ^ 1) + bytes.substr(bytes.size() - 8)}) {
