@@ -209,8 +209,12 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
         if (!context.outputIsTerminal) std::cout << "\n";
         std::cout.flush();
         std::this_thread::sleep_for(std::chrono::duration<double>(interval));
-        // Profiles added or changed meanwhile show up on the next round.
-        document = ProfileStore(context.paths).load();
+        // Profiles added or changed meanwhile show up on the next round; a file caught halfway
+        // through an edit by another program keeps the last good one on screen.
+        try {
+            document = ProfileStore(context.paths).load();
+        } catch (const VeerlineError&) {
+        }
     }
 }
 
