@@ -78,6 +78,8 @@ Executables findExecutables(std::optional<std::string> program = std::nullopt);
 
 void addSecretCommands(CLI::App& app, const Context& context, Action& chosen);
 
+void addUsageCommands(CLI::App& app, const Context& context, Action& chosen);
+
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.
 void removeProfileData(const Context& context, const Profile& profile);

@@ -92,4 +92,9 @@ struct InstalledApp {
 // `bundleID`; always nothing without application bundles. Unlistable folders are skipped.
 std::optional<InstalledApp> findApplication(std::string_view bundleID, const std::vector<std::string>& folders) noexcept;
 
+// Veerline's folder among the user's caches, files that can be rebuilt at any time:
+// ~/Library/Caches/Veerline on macOS; $XDG_CACHE_HOME/veerline (when that is an absolute path)
+// or ~/.cache/veerline elsewhere. `xdgCacheHome` is the variable's value, when it is set.
+std::string cacheDirectory(const std::string& home, const std::string* xdgCacheHome);
+
 }  // namespace veerline::platform

@@ -178,6 +178,10 @@ std::optional<InstalledApp> findApplication(std::string_view bundleID, const std
     return std::nullopt;
 }
 
+std::string cacheDirectory(const std::string& home, const std::string*) {
+    return home + "/Library/Caches/Veerline";
+}
+
 }  // namespace veerline::platform
 
 #endif

@@ -285,4 +285,12 @@ std::optional<InstalledApp> findApplication(std::string_view, const std::vector<
     return std::nullopt;
 }
 
+std::string cacheDirectory(const std::string& home, const std::string* xdgCacheHome) {
+    // The XDG rules say a relative value is invalid and must be ignored.
+    if (xdgCacheHome != nullptr && !xdgCacheHome->empty() && xdgCacheHome->front() == '/') {
+        return *xdgCacheHome + "/veerline";
+    }
+    return home + "/.cache/veerline";
+}
+
 }  // namespace veerline::platform

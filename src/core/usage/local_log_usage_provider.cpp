@@ -1,0 +1,502 @@
+#include "usage/local_log_usage_provider.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <thread>
+#include <unordered_set>
+
+#include <nlohmann/json.hpp>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "base/file_io.h"
+
+namespace veerline {
+
+namespace {
+
+using UsageEvent = LocalLogUsageProvider::UsageEvent;
+using EventList = LocalLogUsageProvider::EventList;
+using EventCache = LocalLogUsageProvider::EventCache;
+using KeyPath = JSONFieldScanner::KeyPath;
+
+Moment momentOf(const struct timespec& time) {
+    return Moment(std::chrono::duration<double>(static_cast<double>(time.tv_sec) +
+                                                static_cast<double>(time.tv_nsec) / 1e9));
+}
+
+Moment distantPast() {
+    return Moment(std::chrono::duration<double>(-std::numeric_limits<double>::infinity()));
+}
+
+#ifdef __APPLE__
+const struct timespec& modificationTime(const struct stat& info) { return info.st_mtimespec; }
+#else
+const struct timespec& modificationTime(const struct stat& info) { return info.st_mtim; }
+#endif
+
+// A read-only mapping of a whole file; empty when the file cannot be read.
+class MappedFile {
+public:
+    explicit MappedFile(const std::string& path) {
+        FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        struct stat info {};
+        if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size <= 0) return;
+        int flags = MAP_PRIVATE;
+#ifdef MAP_POPULATE
+        // Every page is read: one call that maps them all costs less than a fault per page.
+        flags |= MAP_POPULATE;
+#endif
+        void* address = ::mmap(nullptr, static_cast<std::size_t>(info.st_size), PROT_READ, flags, fd.get(), 0);
+        if (address == MAP_FAILED) return;
+        ::madvise(address, static_cast<std::size_t>(info.st_size), MADV_SEQUENTIAL);
+        data_ = static_cast<const char*>(address);
+        size_ = static_cast<std::size_t>(info.st_size);
+    }
+    ~MappedFile() {
+        if (data_ != nullptr) ::munmap(const_cast<char*>(data_), size_);
+    }
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+
+    std::string_view bytes() const noexcept { return {data_, size_}; }
+
+private:
+    const char* data_ = nullptr;
+    std::size_t size_ = 0;
+};
+
+void listRecent(const std::string& folder, Moment since, std::vector<std::string>& found) {
+    DIR* directory = ::opendir(folder.c_str());
+    if (directory == nullptr) return;
+    std::unique_ptr<DIR, int (*)(DIR*)> closer(directory, ::closedir);
+    int folderFD = ::dirfd(directory);
+    while (struct dirent* entry = ::readdir(directory)) {
+        std::string_view name(entry->d_name);
+        if (name.empty() || name.front() == '.') continue;
+        struct stat info {};
+        // Links are reported as links, not followed, like the platform enumerator does by default.
+        if (::fstatat(folderFD, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        std::string path = folder + "/" + std::string(name);
+        if (S_ISDIR(info.st_mode)) {
+            listRecent(path, since, found);
+        } else if (S_ISREG(info.st_mode) && name.size() > 6 && name.ends_with(".jsonl") &&
+                   momentOf(modificationTime(info)) >= since) {
+            found.push_back(std::move(path));
+        }
+    }
+}
+
+// Each file's events through the cache, parsed on a few threads; the answer keeps the files' order.
+std::vector<EventList> eventsOfFiles(const std::vector<std::string>& files, Moment since, EventCache& cache,
+                                     const EventCache::Parse& parse) {
+    std::vector<EventList> lists(files.size());
+    std::atomic<std::size_t> next{0};
+    auto work = [&] {
+        for (std::size_t index; (index = next.fetch_add(1)) < files.size();) {
+            lists[index] = cache.events(files[index], since, parse);
+        }
+    };
+    std::size_t threads = std::min<std::size_t>({files.size(), 4, std::max(1u, std::thread::hardware_concurrency())});
+    std::vector<std::thread> helpers;
+    try {
+        for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back(work);
+    } catch (const std::system_error&) {
+        // No more threads to be had: the ones running (or this one alone) finish the list.
+    }
+    work();
+    for (auto& helper : helpers) helper.join();
+    return lists;
+}
+
+// The events from `since` on, in file order; with `dedupe`, a request key counts the first time.
+std::vector<const UsageEvent*> merged(const std::vector<EventList>& lists, Moment since, bool dedupe) {
+    std::vector<const UsageEvent*> kept;
+    std::unordered_set<std::string_view> seen;
+    for (const EventList& list : lists) {
+        if (!list) continue;
+        for (const UsageEvent& event : *list) {
+            if (event.date < since) continue;
+            if (dedupe && event.dedupeKey && !seen.insert(*event.dedupeKey).second) continue;
+            kept.push_back(&event);
+        }
+    }
+    return kept;
+}
+
+std::vector<UsageEvent> copied(const std::vector<const UsageEvent*>& events) {
+    std::vector<UsageEvent> out;
+    out.reserve(events.size());
+    for (const UsageEvent* event : events) out.push_back(*event);
+    return out;
+}
+
+const JSONFieldScanner::KeyPath kTimestamp{"timestamp"};
+const JSONFieldScanner::KeyPath kRequestID{"requestId"};
+const JSONFieldScanner::KeyPath kSessionID{"sessionId"};
+const JSONFieldScanner::KeyPath kMessageID{"message", "id"};
+const JSONFieldScanner::KeyPath kInput{"message", "usage", "input_tokens"};
+const JSONFieldScanner::KeyPath kOutput{"message", "usage", "output_tokens"};
+const JSONFieldScanner::KeyPath kCacheCreation{"message", "usage", "cache_creation_input_tokens"};
+const JSONFieldScanner::KeyPath kCacheRead{"message", "usage", "cache_read_input_tokens"};
+
+// Where the claude scanner puts each figure.
+struct ClaudeSlots {
+    std::size_t timestamp, requestID, sessionID, messageID, input, output, cacheCreation, cacheRead;
+};
+
+const ClaudeSlots& claudeSlots() {
+    static const ClaudeSlots slots = [] {
+        const JSONFieldScanner& scanner = LocalLogUsageProvider::claudeScanner();
+        auto slot = [&](const KeyPath& path) { return static_cast<std::size_t>(scanner.slotOf(path)); };
+        return ClaudeSlots{slot(kTimestamp), slot(kRequestID), slot(kSessionID),     slot(kMessageID),
+                           slot(kInput),     slot(kOutput),    slot(kCacheCreation), slot(kCacheRead)};
+    }();
+    return slots;
+}
+
+using RawValue = JSONFieldScanner::RawValue;
+
+bool isString(const RawValue& value) { return value.kind == RawValue::Kind::string; }
+std::int64_t integerOr0(const RawValue& value) { return value.kind == RawValue::Kind::integer ? value.number : 0; }
+
+// The first place of `needle` in `bytes`, or nullptr. On x86-64 sixteen positions are tested at
+// once for two of the needle's bytes, which keeps the search near memory speed on JSON, where
+// the quote that starts both needles is everywhere; elsewhere memmem does the work.
+const char* findNeedle(std::string_view bytes, std::string_view needle) {
+#if defined(__SSE2__)
+    const std::size_t size = needle.size();
+    if (size >= 3 && bytes.size() >= size + 16) {
+        const std::size_t second = 1;
+        const std::size_t last = size - 2;
+        const __m128i a = _mm_set1_epi8(needle[second]);
+        const __m128i b = _mm_set1_epi8(needle[last]);
+        std::size_t i = 0;
+        for (; i + size + 16 <= bytes.size(); i += 16) {
+            __m128i blockA = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + i + second));
+            __m128i blockB = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes.data() + i + last));
+            unsigned mask = static_cast<unsigned>(
+                _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(blockA, a), _mm_cmpeq_epi8(blockB, b))));
+            while (mask != 0) {
+                unsigned bit = static_cast<unsigned>(__builtin_ctz(mask));
+                if (std::memcmp(bytes.data() + i + bit, needle.data(), size) == 0) return bytes.data() + i + bit;
+                mask &= mask - 1;
+            }
+        }
+        const void* rest = ::memmem(bytes.data() + i, bytes.size() - i, needle.data(), size);
+        return static_cast<const char*>(rest);
+    }
+#endif
+    return static_cast<const char*>(::memmem(bytes.data(), bytes.size(), needle.data(), needle.size()));
+}
+
+std::int64_t wrappingSum(std::int64_t a, std::int64_t b) noexcept {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+// A Codex figure as an integer, fractions truncated toward zero; 0 when missing or not a number.
+std::int64_t codexFigure(const nlohmann::json& usage, const char* key) {
+    auto found = usage.find(key);
+    if (found == usage.end()) return 0;
+    if (found->is_number_integer()) {
+        if (found->is_number_unsigned() &&
+            found->get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+            return std::numeric_limits<std::int64_t>::max();
+        }
+        return found->get<std::int64_t>();
+    }
+    if (found->is_number_float()) {
+        double value = std::trunc(found->get<double>());
+        if (!(value >= -9223372036854775808.0 && value < 9223372036854775808.0)) return 0;
+        return static_cast<std::int64_t>(value);
+    }
+    return 0;
+}
+
+bool twoDigits(std::string_view text, std::size_t at, int& value) {
+    if (at + 2 > text.size()) return false;
+    char a = text[at];
+    char b = text[at + 1];
+    if (a < '0' || a > '9' || b < '0' || b > '9') return false;
+    value = (a - '0') * 10 + (b - '0');
+    return true;
+}
+
+}  // namespace
+
+LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, Moment cutoff,
+                                                                          const Parse& parse) {
+    struct stat info {};
+    std::int64_t size = -1;
+    Moment mtime = distantPast();
+    if (::stat(path.c_str(), &info) == 0) {
+        size = static_cast<std::int64_t>(info.st_size);
+        mtime = momentOf(modificationTime(info));
+    }
+    EventList cached;
+    {
+        std::lock_guard guard(lock_);
+        auto found = entries_.find(path);
+        if (found != entries_.end() && found->second.size == size && found->second.mtime == mtime &&
+            found->second.cutoff <= cutoff) {
+            cached = found->second.events;
+        }
+    }
+    if (cached) {
+        bool allRecent = std::all_of(cached->begin(), cached->end(),
+                                     [&](const UsageEvent& event) { return event.date >= cutoff; });
+        if (allRecent) return cached;
+        auto recent = std::make_shared<std::vector<UsageEvent>>();
+        for (const UsageEvent& event : *cached) {
+            if (event.date >= cutoff) recent->push_back(event);
+        }
+        return recent;
+    }
+    EventList parsed = std::make_shared<const std::vector<UsageEvent>>(parse(path, cutoff));
+    {
+        std::lock_guard guard(lock_);
+        entries_[path] = Entry{size, mtime, cutoff, parsed};
+        ++generation_;
+    }
+    return parsed;
+}
+
+std::map<std::string, LocalLogUsageProvider::EventCache::Entry> LocalLogUsageProvider::EventCache::entries() const {
+    std::lock_guard guard(lock_);
+    return entries_;
+}
+
+void LocalLogUsageProvider::EventCache::insert(const std::map<std::string, Entry>& entries) {
+    std::lock_guard guard(lock_);
+    for (const auto& [path, entry] : entries) entries_[path] = entry;
+}
+
+std::uint64_t LocalLogUsageProvider::EventCache::generation() const {
+    std::lock_guard guard(lock_);
+    return generation_;
+}
+
+LocalLogUsageProvider::LocalLogUsageProvider(ToolContext context, std::shared_ptr<EventCache> cache)
+    : context_(std::move(context)), cache_(cache ? std::move(cache) : std::make_shared<EventCache>()) {}
+
+ActivitySummary LocalLogUsageProvider::activity(const Profile& profile, ToolKind tool, double window,
+                                                Moment now) const {
+    return activities(profile, tool, {window}, now).front();
+}
+
+std::optional<std::string> LocalLogUsageProvider::logRoot(const Profile& profile, ToolKind tool) const {
+    if (tool != ToolKind::claudeCode && tool != ToolKind::codex) return std::nullopt;
+    if (profile.storage == Profile::Storage::managed) return context_.paths.dataDirectory(tool, profile.id);
+    const char* variable = tool == ToolKind::claudeCode ? "CLAUDE_CONFIG_DIR" : "CODEX_HOME";
+    if (const std::string* value = lookup(context_.environment, variable)) return *value;
+    return context_.paths.home + (tool == ToolKind::claudeCode ? "/.claude" : "/.codex");
+}
+
+std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& profile, ToolKind tool,
+                                                               const std::vector<double>& windows,
+                                                               Moment now) const {
+    std::vector<ActivitySummary> summaries;
+    for (double window : windows) summaries.push_back(ActivitySummary{tool, window, 0, 0, 0, 0});
+    auto root = logRoot(profile, tool);
+    if (!root || windows.empty()) return summaries;
+
+    Moment since = now - std::chrono::duration<double>(*std::max_element(windows.begin(), windows.end()));
+    bool claude = tool == ToolKind::claudeCode;
+    std::string folder = *root + (claude ? "/projects" : "/sessions");
+    std::vector<EventList> lists =
+        eventsOfFiles(recentJSONL(folder, since), since, *cache_, claude ? parseClaudeFile : parseCodexFile);
+    std::vector<const UsageEvent*> events = merged(lists, since, claude);
+
+    std::unordered_set<std::string_view> sessions;
+    for (ActivitySummary& summary : summaries) {
+        Moment start = now - std::chrono::duration<double>(summary.window);
+        sessions.clear();
+        for (const UsageEvent* event : events) {
+            if (event->date < start || event->date > now) continue;
+            sessions.insert(event->session);
+            summary.inputTokens = wrappingSum(summary.inputTokens, event->input);
+            summary.outputTokens = wrappingSum(summary.outputTokens, event->output);
+            summary.cacheTokens = wrappingSum(summary.cacheTokens, event->cache);
+        }
+        summary.sessions = static_cast<std::int64_t>(sessions.size());
+    }
+    return summaries;
+}
+
+std::vector<UsageEvent> LocalLogUsageProvider::claudeEvents(const std::string& folder, Moment since,
+                                                            EventCache& cache) {
+    return copied(merged(eventsOfFiles(recentJSONL(folder, since), since, cache, parseClaudeFile), since, true));
+}
+
+std::vector<UsageEvent> LocalLogUsageProvider::codexEvents(const std::string& folder, Moment since,
+                                                           EventCache& cache) {
+    return copied(merged(eventsOfFiles(recentJSONL(folder, since), since, cache, parseCodexFile), since, false));
+}
+
+std::vector<std::string> LocalLogUsageProvider::recentJSONL(const std::string& folder, Moment since) {
+    std::vector<std::string> found;
+    try {
+        listRecent(folder, since, found);
+    } catch (const std::bad_alloc&) {
+        found.clear();
+    }
+    return found;
+}
+
+void LocalLogUsageProvider::forEachLine(const std::string& path, std::string_view needle,
+                                        const std::function<void(std::string_view)>& callback) {
+    MappedFile file(path);
+    std::string_view bytes = file.bytes();
+    if (needle.empty()) return;
+    std::size_t offset = 0;
+    while (offset < bytes.size()) {
+        const char* match = findNeedle(bytes.substr(offset), needle);
+        if (match == nullptr) return;
+        std::size_t at = static_cast<std::size_t>(match - bytes.data());
+#if defined(__GLIBC__)
+        const void* previous = ::memrchr(bytes.data() + offset, '\n', at - offset);
+        std::size_t start = previous == nullptr ? offset : static_cast<std::size_t>(static_cast<const char*>(previous) - bytes.data()) + 1;
+#else
+        std::size_t start = at;
+        while (start > offset && bytes[start - 1] != '\n') --start;
+#endif
+        const void* feed = ::memchr(bytes.data() + at, '\n', bytes.size() - at);
+        std::size_t end = feed == nullptr ? bytes.size() : static_cast<std::size_t>(static_cast<const char*>(feed) - bytes.data());
+        callback(bytes.substr(start, end - start));
+        offset = end + 1;
+    }
+}
+
+const JSONFieldScanner& LocalLogUsageProvider::claudeScanner() {
+    static const JSONFieldScanner scanner({kTimestamp, kRequestID, kSessionID, kMessageID, kInput, kOutput,
+                                           kCacheCreation, kCacheRead});
+    return scanner;
+}
+
+std::vector<UsageEvent> LocalLogUsageProvider::parseClaudeFile(const std::string& path, Moment since) {
+    const JSONFieldScanner& scanner = claudeScanner();
+    const ClaudeSlots& at = claudeSlots();
+    std::vector<UsageEvent> events;
+    std::vector<RawValue> slots;
+    forEachLine(path, "\"usage\"", [&](std::string_view line) {
+        if (!scanner.scan(line, slots)) return;
+        const RawValue& input = slots[at.input];
+        const RawValue& timestamp = slots[at.timestamp];
+        if (input.kind != RawValue::Kind::integer || !isString(timestamp)) return;
+        auto date = timestamp.plain ? parseDate(timestamp.bytes) : parseDate(timestamp.text());
+        if (!date || *date < since) return;
+
+        UsageEvent event;
+        event.date = *date;
+        event.session = isString(slots[at.sessionID]) ? slots[at.sessionID].text() : path;
+        if (isString(slots[at.messageID])) {
+            const RawValue& requestID = slots[at.requestID];
+            event.dedupeKey = slots[at.messageID].text() + "|" + (isString(requestID) ? requestID.text() : std::string());
+        }
+        event.input = input.number;
+        event.output = integerOr0(slots[at.output]);
+        event.cache = wrappingSum(integerOr0(slots[at.cacheCreation]), integerOr0(slots[at.cacheRead]));
+        events.push_back(std::move(event));
+    });
+    return events;
+}
+
+std::vector<UsageEvent> LocalLogUsageProvider::parseCodexFile(const std::string& path, Moment since) {
+    std::vector<UsageEvent> events;
+    forEachLine(path, "\"token_count\"", [&](std::string_view line) {
+        nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
+        if (!object.is_object()) return;
+        auto type = object.find("type");
+        if (type == object.end() || *type != "event_msg") return;
+        auto payload = object.find("payload");
+        if (payload == object.end() || !payload->is_object()) return;
+        auto payloadType = payload->find("type");
+        if (payloadType == payload->end() || *payloadType != "token_count") return;
+        auto info = payload->find("info");
+        if (info == payload->end() || !info->is_object()) return;
+        auto usage = info->find("last_token_usage");
+        if (usage == info->end() || !usage->is_object()) return;
+        auto timestamp = object.find("timestamp");
+        if (timestamp == object.end() || !timestamp->is_string()) return;
+        auto date = parseDate(timestamp->get_ref<const std::string&>());
+        if (!date || *date < since) return;
+
+        std::int64_t input = codexFigure(*usage, "input_tokens");
+        std::int64_t cached = codexFigure(*usage, "cached_input_tokens");
+        UsageEvent event;
+        event.date = *date;
+        event.session = path;
+        // Codex counts cached input inside the input figure; some versions report more cached
+        // than input, which must not make the remainder negative.
+        event.input = std::max<std::int64_t>(0, static_cast<std::int64_t>(static_cast<std::uint64_t>(input) -
+                                                                         static_cast<std::uint64_t>(cached)));
+        event.output = codexFigure(*usage, "output_tokens");
+        event.cache = wrappingSum(cached, codexFigure(*usage, "cache_write_input_tokens"));
+        events.push_back(std::move(event));
+    });
+    return events;
+}
+
+std::optional<Moment> LocalLogUsageProvider::parseDate(std::string_view text) {
+    if (text.size() < 19 || text[4] != '-' || text[7] != '-' || (text[10] != 'T' && text[10] != ' ') ||
+        text[13] != ':' || text[16] != ':') {
+        return std::nullopt;
+    }
+    auto digits = [&](std::size_t from, std::size_t count, int& value) {
+        value = 0;
+        for (std::size_t i = from; i < from + count; ++i) {
+            if (text[i] < '0' || text[i] > '9') return false;
+            value = value * 10 + (text[i] - '0');
+        }
+        return true;
+    };
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
+    if (!digits(0, 4, year) || !digits(5, 2, month) || !digits(8, 2, day) || !digits(11, 2, hour) ||
+        !digits(14, 2, minute) || !digits(17, 2, second)) {
+        return std::nullopt;
+    }
+    double fraction = 0;
+    std::size_t position = 19;
+    bool zoneFollows = text.size() > 19;
+    if (zoneFollows && text[19] == '.') {
+        position = 20;
+        double scale = 0.1;
+        while (position < text.size() && text[position] >= '0' && text[position] <= '9') {
+            fraction += (text[position] - '0') * scale;
+            scale /= 10;
+            ++position;
+        }
+        zoneFollows = position < text.size();
+    }
+    long offset = 0;
+    if (zoneFollows && (text[position] == '+' || text[position] == '-') && text.size() - position >= 6) {
+        int hours = 0;
+        int minutes = 0;
+        if (twoDigits(text, position + 1, hours) && twoDigits(text, position + 4, minutes)) {
+            offset = (text[position] == '-' ? -1 : 1) * (hours * 3600L + minutes * 60L);
+        }
+    }
+    struct tm fields {};
+    fields.tm_year = year - 1900;
+    fields.tm_mon = month - 1;
+    fields.tm_mday = day;
+    fields.tm_hour = hour;
+    fields.tm_min = minute;
+    fields.tm_sec = second;
+    time_t seconds = ::timegm(&fields);
+    return Moment(std::chrono::duration<double>(static_cast<double>(seconds - offset) + fraction));
+}
+
+}  // namespace veerline

@@ -1,0 +1,30 @@
+#pragma once
+
+// The usage provider's parsed events kept on disk between runs, so that a command run every few
+// seconds (a status line) re-reads only the logs that changed. It is only ever a cache: a damaged,
+// foreign or newer file is ignored (and replaced on the next save), and no failure to read or
+// write it reaches the user.
+
+#include <cstdint>
+#include <string>
+
+#include "base/environment.h"
+#include "usage/local_log_usage_provider.h"
+
+namespace veerline::UsageCacheFile {
+
+inline constexpr std::uint32_t formatVersion = 1;
+
+// "usage-cache.bin" in the platform's cache folder for Veerline.
+std::string location(const std::string& home, const Environment& environment);
+
+// Adds the file's entries to `cache`; a file that is missing, not the user's own, damaged or of
+// another format adds nothing.
+void load(const std::string& path, LocalLogUsageProvider::EventCache& cache) noexcept;
+
+// Writes every entry of `cache` whose log file still exists and was modified at or after
+// `keepModifiedSince` (older files fall out of every window, and the file must not grow with the
+// history of the logs), atomically, the folder 0700 and the file 0600. Failures are ignored.
+void save(const std::string& path, const LocalLogUsageProvider::EventCache& cache, Moment keepModifiedSince) noexcept;
+
+}  // namespace veerline::UsageCacheFile
