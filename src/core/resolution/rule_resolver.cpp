@@ -101,6 +101,15 @@ public:
         }
     }
 
+    // Whether the folder holding `path` is one that `expect` chose to list: its names cost nothing
+    // more once listed.
+    bool inListedFolder(const std::string& path) const {
+        std::size_t slash = path.rfind('/');
+        if (slash == std::string::npos || slash == 0) return false;
+        auto found = folders_.find(std::string_view(path.data(), slash));
+        return found != folders_.end() && found->second.list;
+    }
+
     // The real path of the normalised path `path`: `path` itself when no link is on the way,
     // nothing when it does not exist. The view lives as long as `path` and this object.
     std::optional<std::string_view> of(const std::string& path) {
@@ -188,6 +197,58 @@ private:
     std::deque<std::string> kept_;
 };
 
+// The folders on the real target's path, by device and inode, each looked at only when a rule
+// asks. A rule folder (links followed) can only have a real path that holds the target if it is one
+// of these folders; the device and inode say so with one stat of the rule folder, where working out
+// its real path costs one per name on it.
+class TargetAncestors {
+public:
+    // `relative`: the target is the process's working folder, so "..", "../.." name its ancestors
+    // without the kernel walking the whole path.
+    TargetAncestors(const std::string& target, bool relative)
+        : target_(target), relative_(relative), depth_(PathUtil::componentCount(target)), known_(depth_ + 1) {}
+
+    std::size_t depth() const { return depth_; }
+
+    enum class Place { missing, elsewhere, ancestor };
+
+    // Where the folder `path` (links followed) is: missing, one of the target's ancestors at depth
+    // `fromDepth` or deeper (the target itself included), or anywhere else.
+    Place of(const std::string& path, std::size_t fromDepth) {
+        auto identity = FileIdentity::of(path);
+        if (!identity) return Place::missing;
+        for (std::size_t depth = depth_ + 1; depth-- > fromDepth;) {
+            if (ancestor(depth) == identity) return Place::ancestor;
+        }
+        return Place::elsewhere;
+    }
+
+private:
+    const std::optional<FileIdentity>& ancestor(std::size_t depth) {
+        auto& slot = known_[depth];
+        if (!slot.first) {
+            slot.first = true;
+            std::string path;
+            if (relative_) {
+                path = depth == depth_ ? "." : "..";
+                for (std::size_t up = depth + 1; up < depth_; ++up) path += "/..";
+            } else {
+                path = "/";
+                std::size_t end = 0;
+                for (std::size_t piece = 0; piece < depth; ++piece) end = target_.find('/', end + 1);
+                if (depth > 0) path = target_.substr(0, end);
+            }
+            slot.second = FileIdentity::of(path);
+        }
+        return slot.second;
+    }
+
+    const std::string& target_;
+    bool relative_;
+    std::size_t depth_;
+    std::vector<std::pair<bool, std::optional<FileIdentity>>> known_;  // by depth: looked at, identity
+};
+
 bool isASCII(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
@@ -229,16 +290,18 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     // The volume is asked only when an answer depends on it: a path inside another as written is
     // inside it either way, and plain ASCII paths that differ beyond letter case differ either way.
     std::optional<bool> caseSensitiveVolume;
-    auto inside = [&](const std::string& candidate, const std::string& base) {
-        if (PathUtil::isSameOrInside(candidate, base, true)) return true;
-        Likeness likeness = compareIgnoringASCIICase(candidate, base);
-        if (likeness == Likeness::unrelated) return false;
+    auto caseSensitive = [&] {
         if (!caseSensitiveVolume) {
             const std::string& volumePath = real ? *real : normalized;
             caseSensitiveVolume =
                 caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
         }
-        if (*caseSensitiveVolume) return false;
+        return *caseSensitiveVolume;
+    };
+    auto inside = [&](const std::string& candidate, const std::string& base) {
+        if (PathUtil::isSameOrInside(candidate, base, true)) return true;
+        Likeness likeness = compareIgnoringASCIICase(candidate, base);
+        if (likeness == Likeness::unrelated || caseSensitive()) return false;
         return likeness == Likeness::insideIgnoringCase || PathUtil::isSameOrInside(candidate, base, false);
     };
 
@@ -256,6 +319,20 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     }
     realPaths.expect(folders);
 
+    // The dotfile does not depend on the rules, and when it names a profile it tells which rules
+    // can still matter: only a rule folder at least as deep as the dotfile's can keep it from winning.
+    std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal, realPaths.workingFolder());
+    const Profile* dotfileProfile = dotfile ? document.profile(std::string_view(dotfile->reference)) : nullptr;
+
+    // With the target its own real path (the usual case), a rule's real path holds the target only
+    // if the rule folder is one of the target's folders: one stat of it settles most rules.
+    std::optional<TargetAncestors> ancestors;
+    std::size_t floor = 0;
+    if (real && *real == normalized) {
+        ancestors.emplace(*real, realPaths.workingFolder() != nullptr);
+        if (dotfileProfile) floor = PathUtil::componentCount(PathUtil::parent(dotfile->path));
+    }
+
     struct Best {
         const FolderRule* rule;
         std::vector<std::string> forms;
@@ -264,6 +341,19 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     std::optional<Best> best;
     for (std::size_t r = 0; r < rules.size(); ++r) {
         const std::string& folder = folders[r];
+        if (ancestors && !inside(*real, folder) && !realPaths.inListedFolder(folder)) {
+            // The folder as written does not hold the target, so only a real path that differs from
+            // it could, and only one at least `needed` deep would change the answer (a later rule
+            // must be strictly deeper than the best so far).
+            std::size_t needed = std::max(floor, best ? best->depth + 1 : 0);
+            if (needed > ancestors->depth()) continue;
+            auto place = ancestors->of(folder, needed);
+            if (place == TargetAncestors::Place::missing) continue;
+            // Elsewhere is decisive only when names compare exactly: a real path that differs from an
+            // ancestor's in letter case alone still holds the target on a case-insensitive volume.
+            if (place == TargetAncestors::Place::elsewhere && caseSensitive()) continue;
+        }
+
         std::optional<std::string_view> realFolder = realPaths.of(folder);
         std::optional<std::string> otherForm;
         if (realFolder && *realFolder != folder) otherForm.emplace(*realFolder);
@@ -288,9 +378,10 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     }
 
     std::vector<std::string> warnings;
-    if (std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal, realPaths.workingFolder())) {
-        if (auto named = document.profile(std::string_view(dotfile->reference))) {
-            if (!best) return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
+    if (dotfile) {
+        if (dotfileProfile != nullptr) {
+            const Profile& named = *dotfileProfile;
+            if (!best) return {named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
 
             // The dotfile only wins from strictly inside the rule's folder.
             std::string folder = PathUtil::parent(dotfile->path);
@@ -302,7 +393,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
                 std::size_t ruleDepth = PathUtil::componentCount(ruleForm);
                 for (const std::string& dotfileForm : dotfileForms) {
                     if (inside(dotfileForm, ruleForm) && ruleDepth < PathUtil::componentCount(dotfileForm)) {
-                        return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
+                        return {named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
                     }
                 }
             }
