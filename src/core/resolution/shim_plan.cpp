@@ -131,12 +131,13 @@ void prepare(const Changes& changes, const std::string& toolName, const Paths& p
         if (!changes.prepare) return;
         auto kind = tool(toolName);
         if (!kind) return;
-        auto adapter = adapterFor(*kind, paths);
-        if (auto folder = adapter->dataDirectory(*changes.prepare); folder && PathUtil::isDirectory(*folder)) {
-            if (*kind == ToolKind::claudeCode) return;
-            if (PathUtil::isRegularFile(*folder + "/config.toml")) return;
+        // A ready folder costs one stat: Codex's config file can only be there inside a folder.
+        std::string folder = paths.dataDirectory(*kind, changes.prepare->id);
+        if (*kind == ToolKind::claudeCode ? PathUtil::isDirectory(folder)
+                                          : PathUtil::isRegularFile(folder + "/config.toml")) {
+            return;
         }
-        adapter->prepare(*changes.prepare);
+        adapterFor(*kind, paths)->prepare(*changes.prepare);
     } catch (...) {
         // The tool starts anyway and reports its own trouble with the folder.
     }
