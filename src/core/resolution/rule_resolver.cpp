@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -60,6 +62,21 @@ std::optional<std::string> realWorkingFolder(const std::string& path) {
     return std::string(cwd.get());
 }
 
+// How many leading bytes `a` and `b` share. Rule paths share long leading folders; eight bytes at a
+// time keeps that cheap.
+std::size_t sharedLength(std::string_view a, std::string_view b) {
+    std::size_t length = std::min(a.size(), b.size());
+    std::size_t i = 0;
+    for (; i + 8 <= length; i += 8) {
+        std::uint64_t x = 0, y = 0;
+        std::memcpy(&x, a.data() + i, 8);
+        std::memcpy(&y, b.data() + i, 8);
+        if (x != y) break;
+    }
+    while (i < length && a[i] == b[i]) ++i;
+    return i;
+}
+
 std::string join(std::string_view folder, std::string_view name) {
     std::string path;
     path.reserve(folder.size() + 1 + name.size());
@@ -85,29 +102,72 @@ public:
     const std::string* workingFolder() const { return targetIsWorkingFolder_ ? &*realTarget_ : nullptr; }
 
     // Rules are about to ask after these folders; where many sit in one folder, that folder is
-    // worth listing.
-    void expect(const std::vector<std::string>& paths) {
-        std::vector<std::string_view> parents;
+    // worth listing. Says, path by path, whether its folder will be listed.
+    std::vector<bool> expect(const std::vector<std::string>& paths) {
+        std::vector<std::pair<std::string_view, std::size_t>> parents;  // and the path's index
         parents.reserve(paths.size());
-        for (const auto& path : paths) {
-            std::size_t slash = path.rfind('/');
-            if (slash != std::string::npos && slash > 0) parents.emplace_back(path.data(), slash);
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            std::size_t slash = paths[i].rfind('/');
+            if (slash != std::string::npos && slash > 0) parents.emplace_back(std::string_view(paths[i].data(), slash), i);
         }
         std::sort(parents.begin(), parents.end());
+        std::vector<bool> listed(paths.size());
         for (auto run = parents.begin(); run != parents.end();) {
-            auto next = std::find_if(run, parents.end(), [&](std::string_view other) { return other != *run; });
-            if (next - run >= listingPaysFrom) entry(*run)->second.list = true;
+            auto next = std::find_if(run, parents.end(), [&](const auto& other) { return other.first != run->first; });
+            if (next - run >= listingPaysFrom) {
+                entry(run->first)->second.list = true;
+                for (auto member = run; member != next; ++member) listed[member->second] = true;
+            }
             run = next;
         }
+
+        // Folders where many of the other rule paths part ways (~/r1/x, ~/r2/x, ...): one listing
+        // tells which of them lead nowhere. Neighbours in sorted order part at their deepest shared
+        // folder. Paths on the real target need no looking at.
+        std::vector<std::string_view> sorted;
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            if (!listed[i] && !onRealTarget(paths[i])) sorted.emplace_back(paths[i]);
+        }
+        std::sort(sorted.begin(), sorted.end());
+        std::vector<std::pair<std::string_view, std::ptrdiff_t>> partings;
+        for (std::size_t i = 1; i < sorted.size(); ++i) {
+            std::string_view a = sorted[i - 1], b = sorted[i];
+            std::size_t same = sharedLength(a, b);
+            if (same == a.size() && b.size() > same && b[same] == '/') continue;  // a holds b
+            std::size_t slash = a.rfind('/', same == 0 ? 0 : same - 1);
+            if (slash == std::string_view::npos) continue;
+            std::string_view shared = slash == 0 ? std::string_view("/") : a.substr(0, slash);
+            auto found = std::find_if(partings.begin(), partings.end(), [&](const auto& p) { return p.first == shared; });
+            if (found == partings.end()) {
+                partings.emplace_back(shared, 2);
+            } else {
+                ++found->second;
+            }
+        }
+        for (const auto& [shared, count] : partings) {
+            if (count >= listingPaysFrom) partingFolders_.emplace_back(shared);
+        }
+        // The deepest first: it says the most.
+        std::sort(partingFolders_.begin(), partingFolders_.end(),
+                  [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+        return listed;
     }
 
-    // Whether the folder holding `path` is one that `expect` chose to list: its names cost nothing
-    // more once listed.
-    bool inListedFolder(const std::string& path) const {
-        std::size_t slash = path.rfind('/');
-        if (slash == std::string::npos || slash == 0) return false;
-        auto found = folders_.find(std::string_view(path.data(), slash));
-        return found != folders_.end() && found->second.list;
+    // Whether `path` is known not to exist from the listing of a folder where rule paths part ways;
+    // false when that is not known.
+    bool knownMissing(const std::string& path) {
+        for (const std::string& shared : partingFolders_) {
+            std::size_t start = shared == "/" ? 1 : shared.size() + 1;
+            if (path.size() <= start || !path.starts_with(shared) || path[start - 1] != '/') continue;
+            std::size_t end = path.find('/', start);
+            std::string_view name = std::string_view(path).substr(start, end == std::string::npos ? end : end - start);
+            auto found = entry(shared);
+            found->second.list = true;
+            Folder& holder = folder(found->first);
+            if (!holder.real) return true;
+            return kindOf(holder, name) == Kind::missing;
+        }
+        return false;
     }
 
     // The real path of the normalised path `path`: `path` itself when no link is on the way,
@@ -194,6 +254,7 @@ private:
     std::optional<std::string> realTarget_;
     bool targetIsWorkingFolder_ = false;
     Folders folders_;
+    std::vector<std::string> partingFolders_;
     std::deque<std::string> kept_;
 };
 
@@ -317,7 +378,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
         rules.push_back(&rule);
         folders.push_back(PathUtil::normalize(PathUtil::expandTilde(rule.folderView(), home)));
     }
-    realPaths.expect(folders);
+    std::vector<bool> listed = realPaths.expect(folders);
 
     // The dotfile does not depend on the rules, and when it names a profile it tells which rules
     // can still matter: only a rule folder at least as deep as the dotfile's can keep it from winning.
@@ -341,12 +402,12 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     std::optional<Best> best;
     for (std::size_t r = 0; r < rules.size(); ++r) {
         const std::string& folder = folders[r];
-        if (ancestors && !inside(*real, folder) && !realPaths.inListedFolder(folder)) {
+        if (ancestors && !listed[r] && !inside(*real, folder)) {
             // The folder as written does not hold the target, so only a real path that differs from
             // it could, and only one at least `needed` deep would change the answer (a later rule
             // must be strictly deeper than the best so far).
             std::size_t needed = std::max(floor, best ? best->depth + 1 : 0);
-            if (needed > ancestors->depth()) continue;
+            if (needed > ancestors->depth() || realPaths.knownMissing(folder)) continue;
             auto place = ancestors->of(folder, needed);
             if (place == TargetAncestors::Place::missing) continue;
             // Elsewhere is decisive only when names compare exactly: a real path that differs from an
