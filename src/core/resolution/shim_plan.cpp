@@ -12,13 +12,11 @@ namespace veerline::ShimPlan {
 
 namespace {
 
-// The profile's variables and its data folder depend on the paths alone; the adapter gets no
-// copy of the environment, which only its status commands would use.
-std::unique_ptr<ToolAdapter> adapterFor(ToolKind kind, const Paths& paths) {
-    ToolContext context{paths, {}};
-    if (kind == ToolKind::claudeCode) return std::make_unique<ClaudeCodeAdapter>(std::move(context));
-    if (kind == ToolKind::codex) return std::make_unique<CodexAdapter>(std::move(context));
-    return nullptr;
+// The profile's variables and its data folder depend on the paths alone. No adapter is built: the
+// resolver would then link the code that runs the tools for their sign-in status.
+Environment environmentFor(ToolKind kind, const Paths& paths, const Profile& profile) {
+    return kind == ToolKind::claudeCode ? ClaudeCodeAdapter::environmentIn(paths, profile)
+                                        : CodexAdapter::environmentIn(paths, profile);
 }
 
 }  // namespace
@@ -74,7 +72,7 @@ Changes changes(const std::string& toolName, const Environment& environment, con
         Environment profileEnvironment;
         bool applies = false;
         if (resolution.profile && resolution.profile->uses(*kind)) {
-            profileEnvironment = adapterFor(*kind, paths)->environment(*resolution.profile);
+            profileEnvironment = environmentFor(*kind, paths, *resolution.profile);
             applies = true;
         }
 
@@ -137,7 +135,11 @@ void prepare(const Changes& changes, const std::string& toolName, const Paths& p
                                           : PathUtil::isRegularFile(folder + "/config.toml")) {
             return;
         }
-        adapterFor(*kind, paths)->prepare(*changes.prepare);
+        if (*kind == ToolKind::claudeCode) {
+            ClaudeCodeAdapter::prepareIn(paths, *changes.prepare);
+        } else {
+            CodexAdapter::prepareIn(paths, *changes.prepare);
+        }
     } catch (...) {
         // The tool starts anyway and reports its own trouble with the folder.
     }
