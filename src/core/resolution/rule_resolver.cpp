@@ -321,7 +321,7 @@ enum class Likeness { unrelated, insideIgnoringCase, undecided };
 
 Likeness compareIgnoringASCIICase(std::string_view path, std::string_view base) {
     auto lower = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c | 0x20 : c; };
-    for (std::size_t i = 0; i < base.size(); ++i) {
+    for (std::size_t i = sharedLength(path, base); i < base.size(); ++i) {
         if (i == path.size()) return isASCII(base.substr(i)) ? Likeness::unrelated : Likeness::undecided;
         auto p = static_cast<unsigned char>(path[i]);
         auto b = static_cast<unsigned char>(base[i]);
