@@ -115,8 +115,14 @@ private:
         std::string cwd = run.workingDirectory();
         Resolution resolution = RuleResolver(std::move(*document), run.paths.home).resolve(cwd, cwd);
         if (resolution.profile) {
+            // Straight to the descriptor: stdio would first ask what kind of file it is.
             std::string line = resolution.profile->name + "\n";
-            std::fwrite(line.data(), 1, line.size(), stdout);
+            for (std::size_t done = 0; done < line.size();) {
+                ssize_t written = ::write(STDOUT_FILENO, line.data() + done, line.size() - done);
+                if (written < 0 && errno == EINTR) continue;
+                if (written <= 0) break;
+                done += static_cast<std::size_t>(written);
+            }
         }
     }
     std::exit(0);
