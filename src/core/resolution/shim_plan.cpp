@@ -1,7 +1,6 @@
 #include "resolution/shim_plan.h"
 
 #include <algorithm>
-#include <memory>
 #include <set>
 
 #include "tools/claude_code_adapter.h"
