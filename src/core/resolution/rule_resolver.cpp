@@ -402,7 +402,8 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     std::optional<Best> best;
     for (std::size_t r = 0; r < rules.size(); ++r) {
         const std::string& folder = folders[r];
-        if (ancestors && !listed[r] && !inside(*real, folder)) {
+        // (Once the volume is known to ignore case, every such rule is resolved in full anyway.)
+        if (ancestors && !listed[r] && caseSensitiveVolume != false && !inside(*real, folder)) {
             // The folder as written does not hold the target, so only a real path that differs from
             // it could, and only one at least `needed` deep would change the answer (a later rule
             // must be strictly deeper than the best so far).
