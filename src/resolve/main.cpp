@@ -116,9 +116,15 @@ private:
         std::string cwd = run.workingDirectory();
         Resolution resolution = RuleResolver(std::move(*document), run.paths.home).resolve(cwd, cwd);
         if (resolution.profile) {
-            // Shown in the prompt: a control character must not act on the terminal.
+            // Shown in the prompt: a control character must not act on the terminal. Written
+            // straight to the descriptor: stdio would first ask what kind of file it is.
             std::string line = unicode::escapingControlCharacters(resolution.profile->name) + "\n";
-            std::fwrite(line.data(), 1, line.size(), stdout);
+            for (std::size_t done = 0; done < line.size();) {
+                ssize_t written = ::write(STDOUT_FILENO, line.data() + done, line.size() - done);
+                if (written < 0 && errno == EINTR) continue;
+                if (written <= 0) break;
+                done += static_cast<std::size_t>(written);
+            }
         }
     }
     std::exit(0);

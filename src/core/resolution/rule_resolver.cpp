@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <cstdlib>
 #include <deque>
 #include <map>
@@ -60,6 +62,21 @@ std::optional<std::string> realWorkingFolder(const std::string& path) {
     return std::string(cwd.get());
 }
 
+// How many leading bytes `a` and `b` share. Rule paths share long leading folders; eight bytes at a
+// time keeps that cheap.
+std::size_t sharedLength(std::string_view a, std::string_view b) {
+    std::size_t length = std::min(a.size(), b.size());
+    std::size_t i = 0;
+    for (; i + 8 <= length; i += 8) {
+        std::uint64_t x = 0, y = 0;
+        std::memcpy(&x, a.data() + i, 8);
+        std::memcpy(&y, b.data() + i, 8);
+        if (x != y) break;
+    }
+    while (i < length && a[i] == b[i]) ++i;
+    return i;
+}
+
 std::string join(std::string_view folder, std::string_view name) {
     std::string path;
     path.reserve(folder.size() + 1 + name.size());
@@ -85,20 +102,72 @@ public:
     const std::string* workingFolder() const { return targetIsWorkingFolder_ ? &*realTarget_ : nullptr; }
 
     // Rules are about to ask after these folders; where many sit in one folder, that folder is
-    // worth listing.
-    void expect(const std::vector<std::string>& paths) {
-        std::vector<std::string_view> parents;
+    // worth listing. Says, path by path, whether its folder will be listed.
+    std::vector<bool> expect(const std::vector<std::string>& paths) {
+        std::vector<std::pair<std::string_view, std::size_t>> parents;  // and the path's index
         parents.reserve(paths.size());
-        for (const auto& path : paths) {
-            std::size_t slash = path.rfind('/');
-            if (slash != std::string::npos && slash > 0) parents.emplace_back(path.data(), slash);
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            std::size_t slash = paths[i].rfind('/');
+            if (slash != std::string::npos && slash > 0) parents.emplace_back(std::string_view(paths[i].data(), slash), i);
         }
         std::sort(parents.begin(), parents.end());
+        std::vector<bool> listed(paths.size());
         for (auto run = parents.begin(); run != parents.end();) {
-            auto next = std::find_if(run, parents.end(), [&](std::string_view other) { return other != *run; });
-            if (next - run >= listingPaysFrom) entry(*run)->second.list = true;
+            auto next = std::find_if(run, parents.end(), [&](const auto& other) { return other.first != run->first; });
+            if (next - run >= listingPaysFrom) {
+                entry(run->first)->second.list = true;
+                for (auto member = run; member != next; ++member) listed[member->second] = true;
+            }
             run = next;
         }
+
+        // Folders where many of the other rule paths part ways (~/r1/x, ~/r2/x, ...): one listing
+        // tells which of them lead nowhere. Neighbours in sorted order part at their deepest shared
+        // folder. Paths on the real target need no looking at.
+        std::vector<std::string_view> sorted;
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            if (!listed[i] && !onRealTarget(paths[i])) sorted.emplace_back(paths[i]);
+        }
+        std::sort(sorted.begin(), sorted.end());
+        std::vector<std::pair<std::string_view, std::ptrdiff_t>> partings;
+        for (std::size_t i = 1; i < sorted.size(); ++i) {
+            std::string_view a = sorted[i - 1], b = sorted[i];
+            std::size_t same = sharedLength(a, b);
+            if (same == a.size() && b.size() > same && b[same] == '/') continue;  // a holds b
+            std::size_t slash = a.rfind('/', same == 0 ? 0 : same - 1);
+            if (slash == std::string_view::npos) continue;
+            std::string_view shared = slash == 0 ? std::string_view("/") : a.substr(0, slash);
+            auto found = std::find_if(partings.begin(), partings.end(), [&](const auto& p) { return p.first == shared; });
+            if (found == partings.end()) {
+                partings.emplace_back(shared, 2);
+            } else {
+                ++found->second;
+            }
+        }
+        for (const auto& [shared, count] : partings) {
+            if (count >= listingPaysFrom) partingFolders_.emplace_back(shared);
+        }
+        // The deepest first: it says the most.
+        std::sort(partingFolders_.begin(), partingFolders_.end(),
+                  [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+        return listed;
+    }
+
+    // Whether `path` is known not to exist from the listing of a folder where rule paths part ways;
+    // false when that is not known.
+    bool knownMissing(const std::string& path) {
+        for (const std::string& shared : partingFolders_) {
+            std::size_t start = shared == "/" ? 1 : shared.size() + 1;
+            if (path.size() <= start || !path.starts_with(shared) || path[start - 1] != '/') continue;
+            std::size_t end = path.find('/', start);
+            std::string_view name = std::string_view(path).substr(start, end == std::string::npos ? end : end - start);
+            auto found = entry(shared);
+            found->second.list = true;
+            Folder& holder = folder(found->first);
+            if (!holder.real) return true;
+            return kindOf(holder, name) == Kind::missing;
+        }
+        return false;
     }
 
     // The real path of the normalised path `path`: `path` itself when no link is on the way,
@@ -185,7 +254,60 @@ private:
     std::optional<std::string> realTarget_;
     bool targetIsWorkingFolder_ = false;
     Folders folders_;
+    std::vector<std::string> partingFolders_;
     std::deque<std::string> kept_;
+};
+
+// The folders on the real target's path, by device and inode, each looked at only when a rule
+// asks. A rule folder (links followed) can only have a real path that holds the target if it is one
+// of these folders; the device and inode say so with one stat of the rule folder, where working out
+// its real path costs one per name on it.
+class TargetAncestors {
+public:
+    // `relative`: the target is the process's working folder, so "..", "../.." name its ancestors
+    // without the kernel walking the whole path.
+    TargetAncestors(const std::string& target, bool relative)
+        : target_(target), relative_(relative), depth_(PathUtil::componentCount(target)), known_(depth_ + 1) {}
+
+    std::size_t depth() const { return depth_; }
+
+    enum class Place { missing, elsewhere, ancestor };
+
+    // Where the folder `path` (links followed) is: missing, one of the target's ancestors at depth
+    // `fromDepth` or deeper (the target itself included), or anywhere else.
+    Place of(const std::string& path, std::size_t fromDepth) {
+        auto identity = FileIdentity::of(path);
+        if (!identity) return Place::missing;
+        for (std::size_t depth = depth_ + 1; depth-- > fromDepth;) {
+            if (ancestor(depth) == identity) return Place::ancestor;
+        }
+        return Place::elsewhere;
+    }
+
+private:
+    const std::optional<FileIdentity>& ancestor(std::size_t depth) {
+        auto& slot = known_[depth];
+        if (!slot.first) {
+            slot.first = true;
+            std::string path;
+            if (relative_) {
+                path = depth == depth_ ? "." : "..";
+                for (std::size_t up = depth + 1; up < depth_; ++up) path += "/..";
+            } else {
+                path = "/";
+                std::size_t end = 0;
+                for (std::size_t piece = 0; piece < depth; ++piece) end = target_.find('/', end + 1);
+                if (depth > 0) path = target_.substr(0, end);
+            }
+            slot.second = FileIdentity::of(path);
+        }
+        return slot.second;
+    }
+
+    const std::string& target_;
+    bool relative_;
+    std::size_t depth_;
+    std::vector<std::pair<bool, std::optional<FileIdentity>>> known_;  // by depth: looked at, identity
 };
 
 bool isASCII(std::string_view text) {
@@ -199,7 +321,7 @@ enum class Likeness { unrelated, insideIgnoringCase, undecided };
 
 Likeness compareIgnoringASCIICase(std::string_view path, std::string_view base) {
     auto lower = [](unsigned char c) { return c >= 'A' && c <= 'Z' ? c | 0x20 : c; };
-    for (std::size_t i = 0; i < base.size(); ++i) {
+    for (std::size_t i = sharedLength(path, base); i < base.size(); ++i) {
         if (i == path.size()) return isASCII(base.substr(i)) ? Likeness::unrelated : Likeness::undecided;
         auto p = static_cast<unsigned char>(path[i]);
         auto b = static_cast<unsigned char>(base[i]);
@@ -229,16 +351,18 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     // The volume is asked only when an answer depends on it: a path inside another as written is
     // inside it either way, and plain ASCII paths that differ beyond letter case differ either way.
     std::optional<bool> caseSensitiveVolume;
-    auto inside = [&](const std::string& candidate, const std::string& base) {
-        if (PathUtil::isSameOrInside(candidate, base, true)) return true;
-        Likeness likeness = compareIgnoringASCIICase(candidate, base);
-        if (likeness == Likeness::unrelated) return false;
+    auto caseSensitive = [&] {
         if (!caseSensitiveVolume) {
             const std::string& volumePath = real ? *real : normalized;
             caseSensitiveVolume =
                 caseSensitivity_ ? caseSensitivity_(volumePath) : PathUtil::isCaseSensitiveVolume(volumePath);
         }
-        if (*caseSensitiveVolume) return false;
+        return *caseSensitiveVolume;
+    };
+    auto inside = [&](const std::string& candidate, const std::string& base) {
+        if (PathUtil::isSameOrInside(candidate, base, true)) return true;
+        Likeness likeness = compareIgnoringASCIICase(candidate, base);
+        if (likeness == Likeness::unrelated || caseSensitive()) return false;
         return likeness == Likeness::insideIgnoringCase || PathUtil::isSameOrInside(candidate, base, false);
     };
 
@@ -254,7 +378,21 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
         rules.push_back(&rule);
         folders.push_back(PathUtil::normalize(PathUtil::expandTilde(rule.folderView(), home)));
     }
-    realPaths.expect(folders);
+    std::vector<bool> listed = realPaths.expect(folders);
+
+    // The dotfile does not depend on the rules, and when it names a profile it tells which rules
+    // can still matter: only a rule folder at least as deep as the dotfile's can keep it from winning.
+    std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal, realPaths.workingFolder());
+    const Profile* dotfileProfile = dotfile ? document.profile(std::string_view(dotfile->reference)) : nullptr;
+
+    // With the target its own real path (the usual case), a rule's real path holds the target only
+    // if the rule folder is one of the target's folders: one stat of it settles most rules.
+    std::optional<TargetAncestors> ancestors;
+    std::size_t floor = 0;
+    if (real && *real == normalized) {
+        ancestors.emplace(*real, realPaths.workingFolder() != nullptr);
+        if (dotfileProfile) floor = PathUtil::componentCount(PathUtil::parent(dotfile->path));
+    }
 
     struct Best {
         const FolderRule* rule;
@@ -264,6 +402,20 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     std::optional<Best> best;
     for (std::size_t r = 0; r < rules.size(); ++r) {
         const std::string& folder = folders[r];
+        // (Once the volume is known to ignore case, every such rule is resolved in full anyway.)
+        if (ancestors && !listed[r] && caseSensitiveVolume != false && !inside(*real, folder)) {
+            // The folder as written does not hold the target, so only a real path that differs from
+            // it could, and only one at least `needed` deep would change the answer (a later rule
+            // must be strictly deeper than the best so far).
+            std::size_t needed = std::max(floor, best ? best->depth + 1 : 0);
+            if (needed > ancestors->depth() || realPaths.knownMissing(folder)) continue;
+            auto place = ancestors->of(folder, needed);
+            if (place == TargetAncestors::Place::missing) continue;
+            // Elsewhere is decisive only when names compare exactly: a real path that differs from an
+            // ancestor's in letter case alone still holds the target on a case-insensitive volume.
+            if (place == TargetAncestors::Place::elsewhere && caseSensitive()) continue;
+        }
+
         std::optional<std::string_view> realFolder = realPaths.of(folder);
         std::optional<std::string> otherForm;
         if (realFolder && *realFolder != folder) otherForm.emplace(*realFolder);
@@ -288,9 +440,10 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
     }
 
     std::vector<std::string> warnings;
-    if (std::optional<Dotfile> dotfile = nearestDotfile(targets, firstReal, realPaths.workingFolder())) {
-        if (auto named = document.profile(std::string_view(dotfile->reference))) {
-            if (!best) return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
+    if (dotfile) {
+        if (dotfileProfile != nullptr) {
+            const Profile& named = *dotfileProfile;
+            if (!best) return {named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
 
             // The dotfile only wins from strictly inside the rule's folder.
             std::string folder = PathUtil::parent(dotfile->path);
@@ -302,7 +455,7 @@ Resolution RuleResolver::resolve(const std::string& path, const std::string& cwd
                 std::size_t ruleDepth = PathUtil::componentCount(ruleForm);
                 for (const std::string& dotfileForm : dotfileForms) {
                     if (inside(dotfileForm, ruleForm) && ruleDepth < PathUtil::componentCount(dotfileForm)) {
-                        return {*named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
+                        return {named, Resolution::Source::dotfile(std::move(dotfile->path)), {}};
                     }
                 }
             }

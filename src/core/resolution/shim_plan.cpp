@@ -1,7 +1,6 @@
 #include "resolution/shim_plan.h"
 
 #include <algorithm>
-#include <memory>
 #include <set>
 
 #include "tools/claude_code_adapter.h"
@@ -12,13 +11,11 @@ namespace veerline::ShimPlan {
 
 namespace {
 
-// The profile's variables and its data folder depend on the paths alone; the adapter gets no
-// copy of the environment, which only its status commands would use.
-std::unique_ptr<ToolAdapter> adapterFor(ToolKind kind, const Paths& paths) {
-    ToolContext context{paths, {}};
-    if (kind == ToolKind::claudeCode) return std::make_unique<ClaudeCodeAdapter>(std::move(context));
-    if (kind == ToolKind::codex) return std::make_unique<CodexAdapter>(std::move(context));
-    return nullptr;
+// The profile's variables and its data folder depend on the paths alone. No adapter is built: the
+// resolver would then link the code that runs the tools for their sign-in status.
+Environment environmentFor(ToolKind kind, const Paths& paths, const Profile& profile) {
+    return kind == ToolKind::claudeCode ? ClaudeCodeAdapter::environmentIn(paths, profile)
+                                        : CodexAdapter::environmentIn(paths, profile);
 }
 
 }  // namespace
@@ -74,7 +71,7 @@ Changes changes(const std::string& toolName, const Environment& environment, con
         Environment profileEnvironment;
         bool applies = false;
         if (resolution.profile && resolution.profile->uses(*kind)) {
-            profileEnvironment = adapterFor(*kind, paths)->environment(*resolution.profile);
+            profileEnvironment = environmentFor(*kind, paths, *resolution.profile);
             applies = true;
         }
 
@@ -131,12 +128,17 @@ void prepare(const Changes& changes, const std::string& toolName, const Paths& p
         if (!changes.prepare) return;
         auto kind = tool(toolName);
         if (!kind) return;
-        auto adapter = adapterFor(*kind, paths);
-        if (auto folder = adapter->dataDirectory(*changes.prepare); folder && PathUtil::isDirectory(*folder)) {
-            if (*kind == ToolKind::claudeCode) return;
-            if (PathUtil::isRegularFile(*folder + "/config.toml")) return;
+        // A ready folder costs one stat: Codex's config file can only be there inside a folder.
+        std::string folder = paths.dataDirectory(*kind, changes.prepare->id);
+        if (*kind == ToolKind::claudeCode ? PathUtil::isDirectory(folder)
+                                          : PathUtil::isRegularFile(folder + "/config.toml")) {
+            return;
         }
-        adapter->prepare(*changes.prepare);
+        if (*kind == ToolKind::claudeCode) {
+            ClaudeCodeAdapter::prepareIn(paths, *changes.prepare);
+        } else {
+            CodexAdapter::prepareIn(paths, *changes.prepare);
+        }
     } catch (...) {
         // The tool starts anyway and reports its own trouble with the folder.
     }

@@ -45,7 +45,11 @@ bool ClaudeCodeAdapter::isInstalled() const {
 }
 
 Environment ClaudeCodeAdapter::environment(const Profile& profile) const {
-    auto folder = dataDirectory(profile);
+    return environmentIn(context().paths, profile);
+}
+
+Environment ClaudeCodeAdapter::environmentIn(const Paths& paths, const Profile& profile) {
+    auto folder = dataDirectory(ToolKind::claudeCode, paths, profile);
     if (!folder) return {};
     return {{"CLAUDE_CONFIG_DIR", *folder}};
 }
@@ -74,7 +78,11 @@ ToolStatus ClaudeCodeAdapter::status(const Profile& profile) const noexcept {
 }
 
 void ClaudeCodeAdapter::prepare(const Profile& profile) const {
-    createDataDirectory(profile);
+    prepareIn(context().paths, profile);
+}
+
+void ClaudeCodeAdapter::prepareIn(const Paths& paths, const Profile& profile) {
+    createDataDirectory(ToolKind::claudeCode, paths, profile);
 }
 
 std::optional<SignInCommand> ClaudeCodeAdapter::setUp(const Profile& profile) const {

@@ -35,6 +35,10 @@ public:
 
     bool isInstalled() const override;
     Environment environment(const Profile& profile) const override;
+    // `environment` and `prepare` without an adapter: the resolver calls these, and so links none
+    // of the code that runs the tool itself.
+    static Environment environmentIn(const Paths& paths, const Profile& profile);
+    static void prepareIn(const Paths& paths, const Profile& profile);
     ToolStatus status(const Profile& profile) const noexcept override;
     void prepare(const Profile& profile) const override;
     std::optional<SignInCommand> setUp(const Profile& profile) const override;

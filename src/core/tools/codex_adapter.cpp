@@ -186,7 +186,11 @@ bool CodexAdapter::isInstalled() const {
 }
 
 Environment CodexAdapter::environment(const Profile& profile) const {
-    auto folder = dataDirectory(profile);
+    return environmentIn(context().paths, profile);
+}
+
+Environment CodexAdapter::environmentIn(const Paths& paths, const Profile& profile) {
+    auto folder = dataDirectory(ToolKind::codex, paths, profile);
     if (!folder) return {};
     return {{"CODEX_HOME", *folder}};
 }
@@ -227,7 +231,11 @@ ToolStatus CodexAdapter::status(const Profile& profile) const noexcept {
 }
 
 void CodexAdapter::prepare(const Profile& profile) const {
-    auto folder = createDataDirectory(profile);
+    prepareIn(context().paths, profile);
+}
+
+void CodexAdapter::prepareIn(const Paths& paths, const Profile& profile) {
+    auto folder = createDataDirectory(ToolKind::codex, paths, profile);
     if (!folder) return;
     // Whatever is there is the user's: the starter lines are written once, never again, unless
     // they are an earlier version's, untouched since.

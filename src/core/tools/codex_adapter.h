@@ -55,6 +55,10 @@ public:
 
     bool isInstalled() const override;
     Environment environment(const Profile& profile) const override;
+    // `environment` and `prepare` without an adapter: the resolver calls these, and so links none
+    // of the code that runs the tool itself.
+    static Environment environmentIn(const Paths& paths, const Profile& profile);
+    static void prepareIn(const Paths& paths, const Profile& profile);
     ToolStatus status(const Profile& profile) const noexcept override;
     // Creates the data folder and writes `managedConfig()` as its config.toml unless something is
     // already there; a starter that an earlier version wrote and nobody edited is brought up to

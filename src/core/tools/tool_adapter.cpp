@@ -147,12 +147,20 @@ void ToolAdapter::launch(const Profile&) const {
 }
 
 std::optional<std::string> ToolAdapter::dataDirectory(const Profile& profile) const {
+    return dataDirectory(kind_, context_.paths, profile);
+}
+
+std::optional<std::string> ToolAdapter::dataDirectory(ToolKind kind, const Paths& paths, const Profile& profile) {
     if (profile.storage == Profile::Storage::system) return std::nullopt;
-    return context_.paths.dataDirectory(kind_, profile.id);
+    return paths.dataDirectory(kind, profile.id);
 }
 
 std::optional<std::string> ToolAdapter::createDataDirectory(const Profile& profile) const {
-    auto path = dataDirectory(profile);
+    return createDataDirectory(kind_, context_.paths, profile);
+}
+
+std::optional<std::string> ToolAdapter::createDataDirectory(ToolKind kind, const Paths& paths, const Profile& profile) {
+    auto path = dataDirectory(kind, paths, profile);
     if (!path) return std::nullopt;
     if (int error = makeDirectories(*path); error != 0) throw ioErrorFromErrno("create " + *path, error);
     return path;

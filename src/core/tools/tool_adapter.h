@@ -117,8 +117,10 @@ public:
     // Nothing for `system` storage; otherwise the tool's folder for the profile in the support
     // directory.
     std::optional<std::string> dataDirectory(const Profile& profile) const;
+    static std::optional<std::string> dataDirectory(ToolKind kind, const Paths& paths, const Profile& profile);
     // Creates the data folder and missing parents (0700); an existing folder is fine.
     std::optional<std::string> createDataDirectory(const Profile& profile) const;
+    static std::optional<std::string> createDataDirectory(ToolKind kind, const Paths& paths, const Profile& profile);
     // Deletes the data folder and everything in it; refuses (unsafeDeletion) a folder outside the
     // support directory.
     void deleteDataDirectory(const Profile& profile) const;
