@@ -77,13 +77,6 @@ TEST_F(CliLoginTest, ACodexThatCannotReachAKeyringSaysSo) {
     EXPECT_FALSE(exists(codexHome + "/auth.json"));
 }
 
-TEST_F(CliLoginTest, ClaudeCodeWithAKeyWaitsForTheSecretStore) {
-    RunResult signIn = cli({"login", "Work", "claude", "--api-key"}, key);
-    EXPECT_EQ(signIn.exitCode, 1);
-    EXPECT_NE(signIn.err.find("needs the secret store"), std::string::npos) << signIn.err;
-    EXPECT_EQ(signIn.out, "");
-}
-
 TEST_F(CliLoginTest, UsageErrorsPointToTheCommandsHelp) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"login", "Work"}, "veerline: tool is required\nRun `veerline login --help` for usage.\n"},
