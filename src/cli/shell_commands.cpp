@@ -11,7 +11,6 @@
 #include "cli/cli.h"
 #include "cli/output.h"
 #include "base/error.h"
-#include "base/interrupt_cleanup.h"
 #include "shell/shell_integration.h"
 #include "platform/platform.h"
 
@@ -94,7 +93,6 @@ bool mayWrite(const Context& context, const ShellOptions& options, const std::st
 }
 
 int install(const Context& context, const ShellOptions& options) {
-    RemoveOnInterrupt::installHandlers();
     Executables executables = findExecutables();
     ShellIntegration shell(context.paths, context.environment);
     auto plan = shell.planInstall();
@@ -114,7 +112,6 @@ int install(const Context& context, const ShellOptions& options) {
 }
 
 int uninstall(const Context& context, const ShellOptions& options) {
-    RemoveOnInterrupt::installHandlers();
     ShellIntegration shell(context.paths, context.environment);
     auto plan = shell.planUninstall();
     showPlan(context, shell, plan);

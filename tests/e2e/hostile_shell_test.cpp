@@ -260,10 +260,10 @@ TEST_F(HostileShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
         {VEERLINE_CLI_BINARY, "shell", "uninstall", "--yes"},
         {VEERLINE_CLI_BINARY, "profile", "add", "Work"},
     };
-    // What the shell commands leave behind (profile saves sweep their own folder).
+    // What the commands leave behind: the shell commands' files and previews, the profile saves'.
     auto leftOvers = [&] {
         std::vector<std::string> found;
-        for (const std::string& folder : {home + "/.veerline", runtime}) {
+        for (const std::string& folder : {home + "/.veerline", runtime, home + "/Library/Application Support/Veerline"}) {
             if (!exists(folder)) continue;
             for (const auto& entry : fs::recursive_directory_iterator(folder)) {
                 std::string name = entry.path().filename().string();
@@ -307,8 +307,10 @@ TEST_F(HostileShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
         }
     }
 
+    // One more command of each kind sweeps what the killed ones left.
     RunResult last = cli({"shell", "install", "--yes"});
     ASSERT_EQ(last.exitCode, 0) << last.err;
+    ASSERT_EQ(cli({"profile", "add", "Last"}).exitCode, 0);
     EXPECT_EQ(leftOvers(), std::vector<std::string>{});
 }
 
