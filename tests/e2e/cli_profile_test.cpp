@@ -216,5 +216,73 @@ TEST_F(CliProfileTest, WhichExplainsTheSource) {
     EXPECT_EQ(cli({"which"}).out, "Personal  (terminal default)\n");
 }
 
+TEST_F(CliProfileTest, RulesAreStoredAsFullPathsWithTilde) {
+    std::string work = addProfile({"Work"});
+    makeDirs(home + "/code/app");
+    makeDirs(root / "real/project");
+    makeSymlink(root / "real/project", home + "/linked");
+
+    ASSERT_EQ(cli({"rule", "add", "app", "work"}, home + "/code").exitCode, 0);
+    ASSERT_EQ(cli({"rule", "add", "../../outside/**", "work"}, home + "/code").exitCode, 0);
+    ASSERT_EQ(cli({"rule", "add", ".", "work"}, home + "/linked", {{"PWD", home + "/linked"}}).exitCode, 0)
+        << "the shell's logical folder, not the symlink's target";
+    RunResult added = cli({"rule", "add", "~/notes/", "work"});
+    EXPECT_EQ(added.out, "Folders in ~/notes now use \u201CWork\u201D.\n");
+
+    RunResult listed = cli({"rule", "list", "--json"});
+    ASSERT_EQ(listed.exitCode, 0);
+    EXPECT_EQ(json::parse(listed.out), json::parse(R"([
+        {"path": "~/code/app", "profileID": ")" + work + R"("},
+        {"path": ")" + root.path() + R"(/outside", "profileID": ")" + work + R"("},
+        {"path": "~/linked", "profileID": ")" + work + R"("},
+        {"path": "~/notes", "profileID": ")" + work + R"("}])"));
+    EXPECT_EQ(json::parse(listed.out), stored()["rules"]);
+
+    expectFailure({"rule", "add", "~/Code/App/**", "work"}, 1, "There's already a rule for ~/Code/App.");
+    expectFailure({"rule", "remove", "~/nowhere"}, 1, "There's no rule for ~/nowhere. Run `veerline rule list` to see them.");
+
+    RunResult removed = cli({"rule", "remove", "APP"}, home + "/code");
+    ASSERT_EQ(removed.exitCode, 0) << removed.err;
+    EXPECT_EQ(removed.out, "Removed the rule for ~/code/APP.\n");
+    EXPECT_EQ(stored()["rules"].size(), 3u);
+
+    RunResult table = cli({"rule", "list"});
+    EXPECT_EQ(table.out.substr(0, table.out.find('\n')), "FOLDER" + std::string(root.path().size() + 4, ' ') + "PROFILE");
+}
+
+TEST_F(CliProfileTest, TerminalDefault) {
+    addProfile({"Work"});
+    EXPECT_EQ(cli({"default"}).out, "There's no terminal default. Set one with `veerline default PROFILE`.\n");
+    RunResult set = cli({"default", "WORK"});
+    ASSERT_EQ(set.exitCode, 0) << set.err;
+    EXPECT_EQ(set.out, "The terminal default is now \u201CWork\u201D.\n");
+    EXPECT_EQ(cli({"default"}).out, "Work\n");
+
+    EXPECT_EQ(cli({"default", "Work", "--clear"}).exitCode, 2);
+    EXPECT_TRUE(stored().contains("cliDefault"));
+
+    ASSERT_EQ(cli({"default", "--clear"}).exitCode, 0);
+    EXPECT_FALSE(stored().contains("cliDefault"));
+}
+
+TEST_F(CliProfileTest, RenameAndSetFindProfilesByNameOrID) {
+    std::string work = addProfile({"Work Stuff"});
+    addProfile({"Home", "--badge", "HQ"});
+
+    RunResult renamed = cli({"profile", "rename", "  work STUFF ", "Job"});
+    ASSERT_EQ(renamed.exitCode, 0) << renamed.err;
+    EXPECT_EQ(renamed.out, "Renamed \u201CWork Stuff\u201D to \u201CJob\u201D.\n");
+    ASSERT_EQ(cli({"profile", "rename", "home", "House"}).exitCode, 0);
+    ASSERT_EQ(cli({"profile", "set", work, "--tools", "none", "--color", "Orange"}).exitCode, 0);
+
+    json profiles = stored()["profiles"];
+    EXPECT_EQ(profiles[0]["id"], work) << "the id survives a rename";
+    EXPECT_EQ(profiles[0]["name"], "Job");
+    EXPECT_EQ(profiles[0]["badge"], "J") << "a default badge follows the name";
+    EXPECT_EQ(profiles[0]["tools"], json::array());
+    EXPECT_EQ(profiles[0]["color"], "orange");
+    EXPECT_EQ(profiles[1]["badge"], "HQ") << "a chosen badge stays";
+}
+
 }  // namespace
 }  // namespace veerline::testing

@@ -111,5 +111,31 @@ TEST_F(CliShellTest, InstallThenUninstallRestoresTheStartUpFiles) {
     EXPECT_EQ(cli({"shell", "uninstall"}).exitCode, 1) << "still asks first without a terminal";
 }
 
+TEST_F(CliShellTest, VersionHelpAndUsageErrors) {
+    RunResult version = cli({"--version"});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out, "veerline 0.1.0\n");
+
+    RunResult help = cli({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_NE(help.out.find("Usage: veerline"), std::string::npos);
+
+    RunResult bare = cli({});
+    EXPECT_EQ(bare.exitCode, 2);
+    EXPECT_NE(bare.err.find("Usage: veerline"), std::string::npos);
+    RunResult group = cli({"rule"});
+    EXPECT_EQ(group.exitCode, 2);
+    EXPECT_NE(group.err.find("Usage: veerline rule"), std::string::npos) << group.err;
+
+    for (auto args : std::vector<std::vector<std::string>>{{"bogus"}, {"profile", "list", "--bogus"}, {"profile", "add"},
+                                                            {"rule", "add", "~/x"}}) {
+        RunResult result = cli(args);
+        EXPECT_EQ(result.exitCode, 2) << args[0];
+        EXPECT_TRUE(result.err.starts_with("veerline: ")) << result.err;
+        EXPECT_TRUE(result.err.ends_with("Run `veerline --help` for usage.\n")) << result.err;
+    }
+    EXPECT_FALSE(exists(home + "/Library")) << "nothing is created by commands that didn't run";
+}
+
 }  // namespace
 }  // namespace veerline::testing

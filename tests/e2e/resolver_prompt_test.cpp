@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "support/test_support.h"
 
 namespace veerline::testing {
@@ -48,6 +50,7 @@ TEST_F(ResolverPromptTest, PrintsTheProfileOfTheWorkingFolder) {
 
     // The logical working folder: the dotfile is only on the way up from the link, and a stale PWD
     // naming another folder is not believed.
+    std::remove((home + "/music/.veerline").c_str());
     makeSymlink(home + "/music", root / "links/music");
     writeFile(root / "links/.veerline", "Work\n");
     EXPECT_EQ(promptIn(home + "/music", root / "links/music"), "Work\n");

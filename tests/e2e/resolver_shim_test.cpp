@@ -102,5 +102,24 @@ TEST(ResolverLinkageTest, NeedsNoSharedLibraryBeyondTheCRuntime) {
 }
 #endif
 
+TEST_F(ResolverShimTest, ResolverModeVersionAndUsage) {
+    RunOptions options;
+    options.environment = {{"HOME", home}, {"PATH", toolDir}};
+    auto version = run(VEERLINE_RESOLVE_BINARY, {"--version", "ignored"}, options);
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out, "veerline-resolve 0.1.0\n");
+
+    const std::string usage =
+        "veerline: this is Veerline's shim. Run it as `claude` or `codex` (via ~/.veerline/bin), "
+        "or with --prompt.\n";
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{}, {"--VERSION"}, {"--Prompt"}, {"claude"}}) {
+        auto result = run(VEERLINE_RESOLVE_BINARY, args, options);
+        EXPECT_EQ(result.exitCode, 2);
+        EXPECT_EQ(result.err, usage);
+        EXPECT_EQ(result.out, "");
+    }
+}
+
 }  // namespace
 }  // namespace veerline::testing

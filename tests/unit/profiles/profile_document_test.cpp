@@ -121,5 +121,24 @@ TEST(ProfileDocumentJSONTest, UnreadableDocumentsSayWhere) {
 }
 
 
+TEST(ProfileDocumentJSONTest, ReadsDefaultsAndIgnoresUnknownKeys) {
+    ProfileDocument document = decodeDocument(R"({
+        "version": 1, "future": {"x": 1},
+        "profiles": [{"id": "p", "name": "Work", "later": true}],
+        "rules": [{"path": "~/code/**", "profileID": "p", "note": "x"}]
+    })");
+    EXPECT_EQ(document.version, 1);
+    ASSERT_EQ(document.profiles.size(), 1u);
+    EXPECT_EQ(document.profiles[0].badge, "W");
+    ASSERT_EQ(document.rules.size(), 1u);
+    EXPECT_EQ(document.rules[0], makeRule("~/code/**", "p"));
+    EXPECT_EQ(document.cliDefault, std::nullopt);
+
+    EXPECT_EQ(decodeDocument(R"({"version": 1, "profiles": [], "rules": [], "cliDefault": null})").cliDefault,
+              std::nullopt);
+    EXPECT_EQ(decodeDocument(R"({"version": 0, "profiles": [], "rules": []})").version, 0);
+    EXPECT_EQ(decodeDocument(R"({"version": 1.0, "profiles": [], "rules": []})").version, 1);
+}
+
 }  // namespace
 }  // namespace veerline

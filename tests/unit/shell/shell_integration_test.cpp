@@ -16,6 +16,14 @@ namespace {
 using testing::entriesOf;
 using testing::TempDir;
 
+// The message of the io error an operation throws.
+template <typename Operation>
+std::string errorOf(Operation operation) {
+    VeerlineError error = testing::failureOf(operation);
+    EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
+    return error.what();
+}
+
 class ShellIntegrationTest : public ::testing::Test {
 protected:
     TempDir root{"veerline-shell"};
@@ -100,6 +108,44 @@ TEST_F(ShellIntegrationTest, WriteIsAtomicAndKeepsModeAndLinks) {
     ::chmod((home + "/new-file").c_str(), 03750);
     shell.write("again", home + "/new-file");
     EXPECT_EQ(testing::fileMode(home + "/new-file"), 03750u);
+}
+
+TEST_F(ShellIntegrationTest, PlanInstallFailsOnUnreadableFiles) {
+    testing::makeDirs(home + "/.zshrc");
+    EXPECT_EQ(errorOf([&] { shell.planInstall(); }), "Couldn't read ~/.zshrc: Is a directory");
+    ::rmdir((home + "/.zshrc").c_str());
+    testing::writeFile(home + "/.zshrc", "caf\xE9\n");
+    EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
+              "Couldn't read ~/.zshrc: The file \u201C.zshrc\u201D couldn't be opened using text encoding "
+              "Unicode (UTF-8).");
+}
+
+TEST_F(ShellIntegrationTest, WriteFailureLeavesNoTemporaryFile) {
+    // Renaming a file over a folder that holds something fails for every user, root included.
+    testing::writeFile(home + "/.zshrc/inside", "keep");
+    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }), "Couldn't write ~/.zshrc: Is a directory");
+    EXPECT_EQ(entriesOf(home), std::vector<std::string>{".zshrc"});
+    EXPECT_EQ(testing::readFile(home + "/.zshrc/inside"), "keep");
+    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/missing/file"); }),
+              "Couldn't write ~/missing/file: No such file or directory");
+}
+
+TEST_F(ShellIntegrationTest, CopyAtomically) {
+    std::string source = root / "source";
+    testing::writeFile(source, "#!/bin/sh\n", 0600);
+    shell.copyAtomically(source, home + "/tool");
+    EXPECT_EQ(testing::readFile(home + "/tool"), "#!/bin/sh\n");
+    EXPECT_EQ(testing::fileMode(home + "/tool"), 0755u);
+    // A stale temporary file of this process is replaced, and an existing copy overwritten.
+    testing::writeFile(home + "/tool.tmp." + std::to_string(::getpid()), "stale");
+    testing::writeFile(source, "v2", 0600);
+    shell.copyAtomically(source, home + "/tool");
+    EXPECT_EQ(testing::readFile(home + "/tool"), "v2");
+    EXPECT_EQ(entriesOf(home), std::vector<std::string>{"tool"});
+
+    EXPECT_EQ(errorOf([&] { shell.copyAtomically(root / "nope", home + "/other"); }),
+              "Couldn't install ~/other: No such file or directory");
+    EXPECT_EQ(entriesOf(home), std::vector<std::string>{"tool"});
 }
 
 }  // namespace

@@ -121,5 +121,24 @@ TEST_F(ProcessRunnerGrandchildTest, TimedOutChildWhoseDescendantHoldsThePipeIsBo
     EXPECT_LT(elapsed, 6.0);
 }
 
+TEST(ProcessRunnerTest, AsynchronousRunGivesTheSameResult) {
+    auto first = ProcessRunner::run("/bin/sh", {"-c", "printf one"}, {}, 10.0);
+    auto second = ProcessRunner::run("/bin/sh", {"-c", "printf two >&2; exit 1"}, {}, 10.0);
+    ProcessResult one = first.get();
+    ProcessResult two = second.get();
+    EXPECT_EQ(one.standardOutput, "one");
+    EXPECT_EQ(two.exitCode, 1);
+    EXPECT_EQ(two.standardError, "two");
+}
+
+TEST(ProcessRunnerTest, BaseEnvironmentKeepsOnlyTheKnownNames) {
+    Environment from{{"HOME", "/h"}, {"http_proxy", "p"}, {"UNRELATED", "x"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(from), (Environment{{"HOME", "/h"}, {"http_proxy", "p"}}));
+
+    // Names match exactly: case matters, and the tools' own variables are dropped.
+    Environment other{{"Path", "/x"}, {"CLAUDE_CONFIG_DIR", "/y"}, {"NO_PROXY", ""}, {"__CF_USER_TEXT_ENCODING", "0"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(other), (Environment{{"NO_PROXY", ""}, {"__CF_USER_TEXT_ENCODING", "0"}}));
+}
+
 }  // namespace
 }  // namespace veerline

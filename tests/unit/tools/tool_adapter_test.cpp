@@ -111,5 +111,21 @@ TEST_F(ToolAdapterDataTest, DeletingALinkedFolderRemovesOnlyTheLink) {
     EXPECT_TRUE(testing::exists(elsewhere + "/keep"));
 }
 
+TEST_F(ToolAdapterDataTest, CreateFailureNamesTheFolder) {
+    testing::writeFile(paths.supportDirectory() + "/claude-code", "a file in the way");
+    VeerlineError error = failureOf([&] { adapter.createDataDirectory(profile("work")); });
+    EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
+    EXPECT_EQ(error.errorDescription(),
+              "Couldn't create " + paths.supportDirectory() + "/claude-code/work: Not a directory");
+}
+
+TEST_F(ToolAdapterDataTest, LaunchIsUnsupportedForCommandLineTools) {
+    VeerlineError claude = failureOf([&] { adapter.launch(profile("work")); });
+    EXPECT_EQ(claude.kind(), VeerlineError::Kind::unsupported);
+    EXPECT_EQ(claude.errorDescription(), "Claude Code runs in your terminal; there's nothing to launch.");
+    EXPECT_EQ(failureOf([&] { CodexAdapter(context).launch(profile("work")); }).errorDescription(),
+              "Codex runs in your terminal; there's nothing to launch.");
+}
+
 }  // namespace
 }  // namespace veerline
