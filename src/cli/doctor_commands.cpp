@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 #include <memory>
 
 #include "base/error.h"
+#include "base/unicode.h"
 #include "cli/cli.h"
 #include "doctor/doctor.h"
 #include "profiles/profile_store.h"
@@ -104,15 +106,29 @@ void printReport(const Context& context, const std::vector<DoctorCheck>& checks)
               << counted(failures, "failure") << ".\n";
 }
 
-// One line on the terminal, rewritten in place, naming what the deep run still waits for.
+// Rewrites the progress line in place. Standard error escapes control characters, so the line's
+// own carriage return and erase sequence go straight to the descriptor; the profile names in it
+// are escaped here instead.
+void rewriteProgressLine(const std::string& text) {
+    std::cerr.flush();
+    std::string line = "\r\x1b[K" + unicode::escapingControlCharacters(text);
+    for (std::size_t done = 0; done < line.size();) {
+        ssize_t written = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        done += static_cast<std::size_t>(written);
+    }
+}
+
+// One line on the terminal naming what the deep run still waits for.
 void showProgress(const Doctor::Progress& progress) {
-    std::string line = "\r\x1b[K";
+    std::string line;
     if (!progress.waitingOn.empty()) {
         line += "Asking " + progress.waitingOn.front();
         if (progress.waitingOn.size() > 1) line += " and " + std::to_string(progress.waitingOn.size() - 1) + " more";
         line += "… (" + std::to_string(progress.answered) + " of " + std::to_string(progress.total) + " answered)";
     }
-    std::cerr << line << std::flush;
+    rewriteProgressLine(line);
 }
 
 int doctor(const Context& context, const DoctorOptions& options) {
@@ -123,7 +139,7 @@ int doctor(const Context& context, const DoctorOptions& options) {
     if (progress) doctor.onProgress = showProgress;
 
     std::vector<DoctorCheck> checks = doctor.run(options.deep);
-    if (progress) std::cerr << "\r\x1b[K" << std::flush;
+    if (progress) rewriteProgressLine("");
 
     if (options.json) {
         nlohmann::json report = nlohmann::json::array();
