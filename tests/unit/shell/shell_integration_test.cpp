@@ -112,7 +112,8 @@ TEST_F(ShellIntegrationTest, WriteIsAtomicAndKeepsModeAndLinks) {
 
 TEST_F(ShellIntegrationTest, PlanInstallFailsOnUnreadableFiles) {
     testing::makeDirs(home + "/.zshrc");
-    EXPECT_EQ(errorOf([&] { shell.planInstall(); }), "Couldn't read ~/.zshrc: Is a directory");
+    EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
+              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
     ::rmdir((home + "/.zshrc").c_str());
     testing::writeFile(home + "/.zshrc", "caf\xE9\n");
     EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
@@ -123,7 +124,8 @@ TEST_F(ShellIntegrationTest, PlanInstallFailsOnUnreadableFiles) {
 TEST_F(ShellIntegrationTest, WriteFailureLeavesNoTemporaryFile) {
     // Renaming a file over a folder that holds something fails for every user, root included.
     testing::writeFile(home + "/.zshrc/inside", "keep");
-    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }), "Couldn't write ~/.zshrc: Is a directory");
+    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }),
+              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
     EXPECT_EQ(entriesOf(home), std::vector<std::string>{".zshrc"});
     EXPECT_EQ(testing::readFile(home + "/.zshrc/inside"), "keep");
     EXPECT_EQ(errorOf([&] { shell.write("x", home + "/missing/file"); }),
