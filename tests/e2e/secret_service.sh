@@ -1,16 +1,13 @@
 #!/usr/bin/env bash
-# Veerline's keys in a real Secret Service: gnome-keyring in a private D-Bus session this script
-# starts itself, so the user's own keyring is never touched; secret-tool looks from outside. Also a
-# keyring never set up, a locked one, and no Secret Service at all (every command fails, writes nothing).
-# Needs VEERLINE_BUILD_DIR (a built tree); CTest sets it.
+# Veerline's keys in gnome-keyring on private D-Bus sessions (the user's keyring is never touched),
+# checked from outside with secret-tool; needs VEERLINE_BUILD_DIR (CTest sets it).
 
 set -euo pipefail
 
 fail() { echo "secret_service.sh: FAILED: $*" >&2; exit 1; }
 expect_eq() { [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"; }  # description, expected, actual
 
-# Runs veerline with HOME, a plain PATH and the session's bus only; stdout and stderr go to
-# $tmp/out and $tmp/err, the exit status to $status.
+# veerline with HOME, a plain PATH and the bus only; output in $tmp/out and $tmp/err, exit in $status.
 v() {
     status=0
     env -i HOME="$h" PATH=/usr/bin:/bin XDG_RUNTIME_DIR="$runtime" \
@@ -49,8 +46,7 @@ start)
     done
     expect_eq "files after failed secret commands" "$before" "$(listing)"
 
-    # Each stage in a session bus of its own. Services the bus starts on demand inherit this
-    # environment, so they too see only the stage's temporary HOME.
+    # A bus per stage; services it starts on demand inherit this environment and its temporary HOME.
     for next in fresh unlocked; do
         mkdir -p "$tmp/home-$next" "$tmp/runtime-$next"
         env -u XDG_DATA_HOME -u XDG_CONFIG_HOME -u XDG_CACHE_HOME -u DISPLAY -u WAYLAND_DISPLAY \
@@ -111,7 +107,6 @@ unlocked)
     copies=$(grep -rlsF -e sk-one -e sk-two -e sk-three -e sk-codex "$h" --exclude-dir=keyrings --exclude-dir='keyring-*' || true)
     expect_eq "files under HOME, outside the keyring's own, holding a key" "" "$copies"
 
-    # Profile removal deletes the keys, --keep-data keeps them.
     v profile remove Work
     expect_eq "profile remove, then its keys" "0:" "$status:$(lookup "$work" claude-code)$(lookup "$work" codex)"
     v profile add Home
@@ -123,7 +118,6 @@ unlocked)
     expect_eq "a removed profile's key deleted by its id" "$status:" "0:$(lookup "$home_id" codex)"
     expect_eq "other applications' items" "$others_before" "$(others)"
 
-    # A locked collection: every command says so.
     with_input "sk-mine" v secret set Mine codex
     dbus-send --session --print-reply --dest=org.freedesktop.secrets /org/freedesktop/secrets \
         org.freedesktop.Secret.Service.Lock array:objpath:/org/freedesktop/secrets/collection/login >/dev/null
