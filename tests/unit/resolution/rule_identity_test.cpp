@@ -30,8 +30,8 @@ protected:
         makeSymlink(home + "/work", home + "/link");
         for (const char* id : {"a", "b", "c"}) document.profiles.push_back(Profile{ProfileID(id), id});
     }
-    // The name of the profile the rules give in `folder`, or "" for none; cwd is the folder first
-    // named (so it is looked at relatively), else unchanged.
+    // The name of the profile the rules give in `folder`, or "" for none; `fromInside` makes the
+    // folder the working folder for the call, so it is looked at relatively.
     std::string nameIn(Rules rules, const std::string& folder, bool caseSensitive = true, bool fromInside = false) {
         document.rules.clear();
         for (auto [path, id] : rules) document.rules.push_back(FolderRule{path, ProfileID(id)});
