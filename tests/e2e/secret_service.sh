@@ -1,52 +1,30 @@
 #!/usr/bin/env bash
-# Veerline's keys in a real Secret Service: gnome-keyring inside a private D-Bus session that
-# this script starts itself, so nothing has to run beforehand and the user's own keyring is never
-# touched; secret-tool looks at the store from outside. Also: a keyring never set up, a locked
-# one, and no Secret Service at all, where every secret command fails and writes nothing.
-#
-# Needs VEERLINE_BUILD_DIR (a built tree); CTest sets it.
+# Veerline's keys in gnome-keyring on private D-Bus sessions (the user's keyring is never touched),
+# checked from outside with secret-tool; needs VEERLINE_BUILD_DIR (CTest sets it).
 
 set -euo pipefail
 
-fail() {
-    echo "secret_service.sh: FAILED: $*" >&2
-    exit 1
-}
+fail() { echo "secret_service.sh: FAILED: $*" >&2; exit 1; }
+expect_eq() { [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"; }  # description, expected, actual
 
-expect_eq() {  # description, expected, actual
-    [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"
-}
-
-# Runs veerline with HOME, a plain PATH and the session's bus only; stdout and stderr go to
-# $tmp/out and $tmp/err, the exit status to $status.
+# veerline with HOME, a plain PATH and the bus only; output in $tmp/out and $tmp/err, exit in $status.
 v() {
     status=0
     env -i HOME="$h" PATH=/usr/bin:/bin XDG_RUNTIME_DIR="$runtime" \
         ${DBUS_SESSION_BUS_ADDRESS:+DBUS_SESSION_BUS_ADDRESS="$DBUS_SESSION_BUS_ADDRESS"} \
         "$VEERLINE_BUILD_DIR/veerline" "$@" >"$tmp/out" 2>"$tmp/err" <"${input:-/dev/null}" || status=$?
 }
-
-with_input() {  # text, command...: the command with the text on standard input
-    printf '%s' "$1" >"$tmp/in"
-    local input="$tmp/in"
-    shift
-    "$@"
-}
+with_input() { printf '%s' "$1" >"$tmp/in"; input="$tmp/in" "${@:2}"; }  # text, command...
 
 expect_failure() {  # part of the message, command...
-    local message="$1"
-    shift
-    "$@"
-    expect_eq "exit status of veerline ${*:2}" 1 "$status"
-    grep -qF "$message" "$tmp/err" || fail "veerline ${*:2}: no [$message] in [$(cat "$tmp/err")]"
+    "${@:2}"
+    expect_eq "exit status of veerline ${*:3}" 1 "$status"
+    grep -qF "$1" "$tmp/err" || fail "veerline ${*:3}: no [$1] in [$(cat "$tmp/err")]"
 }
+lookup() { secret-tool lookup service "app.veerline.profile.$1.$2" account api-key 2>/dev/null || true; }  # id, tool
 
-lookup() {  # profile id, tool: the key as secret-tool sees it
-    secret-tool lookup service "app.veerline.profile.$1.$2" account api-key 2>/dev/null || true
-}
-
-stage="${1:-start}"
-case "$stage" in
+h="${HOME:-}" runtime="${XDG_RUNTIME_DIR:-}"
+case "${1:-start}" in
 start)
     [ -n "${VEERLINE_BUILD_DIR:-}" ] || fail "set VEERLINE_BUILD_DIR to a built Veerline tree"
     for tool in dbus-run-session gnome-keyring-daemon secret-tool dbus-send; do
@@ -56,7 +34,6 @@ start)
     trap 'rm -rf "$tmp"' EXIT
     export tmp VEERLINE_BUILD_DIR
 
-    echo "==> no Secret Service: every secret command fails and nothing is written"
     h="$tmp/home-none" runtime="$tmp/runtime-none"
     mkdir -p "$h" "$runtime"
     unset DBUS_SESSION_BUS_ADDRESS
@@ -69,8 +46,7 @@ start)
     done
     expect_eq "files after failed secret commands" "$before" "$(listing)"
 
-    # Each stage in a session bus of its own. Services the bus starts on demand inherit this
-    # environment, so they too see only the stage's temporary HOME.
+    # A bus per stage; services it starts on demand inherit this environment and its temporary HOME.
     for next in fresh unlocked; do
         mkdir -p "$tmp/home-$next" "$tmp/runtime-$next"
         env -u XDG_DATA_HOME -u XDG_CONFIG_HOME -u XDG_CACHE_HOME -u DISPLAY -u WAYLAND_DISPLAY \
@@ -80,30 +56,18 @@ start)
     echo "secret_service.sh: all good"
     ;;
 fresh)
-    echo "==> a keyring never set up: the failure says there is no collection to keep keys in"
-    h="$HOME" runtime="$XDG_RUNTIME_DIR"
     v profile add Work
-    # The bus starts gnome-keyring on demand; nobody can answer its prompt to create one here.
+    # The bus starts gnome-keyring on demand; nobody can answer its prompt to create a keyring here.
     expect_failure "no default collection" with_input "sk-fresh" v secret set Work claude
     ;;
 unlocked)
-    h="$HOME" runtime="$XDG_RUNTIME_DIR"
     printf 'test-password' | gnome-keyring-daemon --unlock --components=secrets --foreground >/dev/null &
     keyring=$!
     trap 'kill "$keyring" 2>/dev/null || true' EXIT
-    started=no
-    for _ in $(seq 100); do
-        if dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
-            org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q "boolean true"; then
-            started=yes
-            break
-        fi
-        sleep 0.1
-    done
-    if [ "$started" != yes ] || ! kill -0 "$keyring" 2>/dev/null; then
-        fail "gnome-keyring-daemon didn't start a Secret Service"
-    fi
-    echo "==> gnome-keyring (pid $keyring) on a private session bus"
+    serving() { dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+        org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null | grep -q "boolean true"; }
+    for _ in $(seq 100); do serving && break || sleep 0.1; done
+    serving && kill -0 "$keyring" 2>/dev/null || fail "gnome-keyring-daemon didn't start a Secret Service"
 
     printf 'other-secret' | secret-tool store --label="Other app" service com.example.other account api-key
     printf 'near-miss' | secret-tool store --label="Other app" service app.veerlinex account api-key
@@ -114,28 +78,23 @@ unlocked)
     v profile add Work --tools claude,codex
     work=$(cat "$tmp/out")
     expect_failure "has no Claude Code key" v secret get Work claude
-
-    echo "==> set, get, replace, delete twice"
     with_input $'sk-one\n' v secret set Work claude
     expect_eq "secret set" '0 Stored the Claude Code key of “Work”.' "$status $(cat "$tmp/out")"
     expect_eq "secret-tool sees the key, without the line feed" "sk-one" "$(lookup "$work" claude-code)"
     with_input "sk-two" v secret set work claude-code
     with_input "sk-codex" v secret set "$work" codex
     v secret get Work claude
-    expect_eq "secret get" "0 sk-two" "$status $(cat "$tmp/out")"
+    expect_eq "secret get after a replace" "0 sk-two" "$status $(cat "$tmp/out")"
     expect_eq "items after a replace" 1 "$(secret-tool search --all service "app.veerline.profile.$work.claude-code" 2>&1 | grep -c '^label = Veerline$')"
     for _ in 1 2; do
         v secret delete Work claude
         expect_eq "secret delete" '0 No Claude Code key is stored for “Work” now.' "$status $(cat "$tmp/out")"
     done
-    expect_eq "deleted key" "" "$(lookup "$work" claude-code)"
-    expect_eq "the other tool's key" "sk-codex" "$(lookup "$work" codex)"
+    expect_eq "keys after deleting Claude Code's" ":sk-codex" "$(lookup "$work" claude-code):$(lookup "$work" codex)"
 
-    echo "==> login --api-key: Claude Code's key helper prints the key"
+    # login --api-key: Claude Code's key helper prints the key; the other settings stay.
     data="$h/Library/Application Support/Veerline/claude-code/$work"
-    mkdir -p "$data"
-    printf '{\n  "theme": "dark",\n  "model": "opus"\n}\n' >"$data/settings.json"
-    chmod 600 "$data/settings.json"
+    printf '{\n  "theme": "dark",\n  "model": "opus"\n}\n' | install -D -m 600 /dev/stdin "$data/settings.json"
     with_input "sk-three" v login Work claude --api-key
     expect_eq "login --api-key" 0 "$status"
     helper=$(python3 -c 'import json,sys; s=json.load(open(sys.argv[1])); print(s["theme"], s["model"], list(s)); print(s["apiKeyHelper"])' "$data/settings.json")
@@ -145,14 +104,11 @@ unlocked)
     v profile add Mine --storage system
     expect_failure "default setup" with_input "sk-system" v login Mine claude --api-key
 
-    echo "==> no copy of a key in any file under HOME outside the keyring's own"
     copies=$(grep -rlsF -e sk-one -e sk-two -e sk-three -e sk-codex "$h" --exclude-dir=keyrings --exclude-dir='keyring-*' || true)
-    expect_eq "files holding a key" "" "$copies"
+    expect_eq "files under HOME, outside the keyring's own, holding a key" "" "$copies"
 
-    echo "==> profile removal deletes the keys, --keep-data keeps them"
     v profile remove Work
-    expect_eq "profile remove" 0 "$status"
-    expect_eq "keys after removal" ":" "$(lookup "$work" claude-code):$(lookup "$work" codex)"
+    expect_eq "profile remove, then its keys" "0:" "$status:$(lookup "$work" claude-code)$(lookup "$work" codex)"
     v profile add Home
     home_id=$(cat "$tmp/out")
     with_input "sk-home" v secret set Home codex
@@ -160,10 +116,8 @@ unlocked)
     expect_eq "key kept with --keep-data" "sk-home" "$(lookup "$home_id" codex)"
     v secret delete "$home_id" codex
     expect_eq "a removed profile's key deleted by its id" "$status:" "0:$(lookup "$home_id" codex)"
-
     expect_eq "other applications' items" "$others_before" "$(others)"
 
-    echo "==> a locked collection: every command says so"
     with_input "sk-mine" v secret set Mine codex
     dbus-send --session --print-reply --dest=org.freedesktop.secrets /org/freedesktop/secrets \
         org.freedesktop.Secret.Service.Lock array:objpath:/org/freedesktop/secrets/collection/login >/dev/null

@@ -13,88 +13,71 @@
 #include "resolution/rule_resolver.h"
 #include "support/test_support.h"
 
-namespace veerline {
+namespace veerline::testing {
 namespace {
 
-using testing::makeDirs;
-using testing::makeSymlink;
-using testing::TempDir;
-using testing::writeFile;
-
-bool caseSensitive(const std::string&) { return true; }
-bool caseInsensitive(const std::string&) { return false; }
+using Rules = std::initializer_list<std::pair<const char*, const char*>>;
 
 class RuleIdentityTest : public ::testing::Test {
 protected:
     TempDir root{"veerline-identity"};
     std::string home = root / "home";
+    std::string deep = home + "/work/project/src/deep";
     ProfileDocument document;
 
     void SetUp() override {
-        makeDirs(home + "/work/project/src/deep");
+        makeDirs(deep);
+        makeSymlink(home + "/work", home + "/link");
         for (const char* id : {"a", "b", "c"}) document.profiles.push_back(Profile{ProfileID(id), id});
     }
-
-    // The name of the profile that applies in `folder`, or "" for none.
-    std::string nameIn(const std::string& folder, RuleResolver::CaseSensitivity volume = caseSensitive) const {
-        Resolution resolution = RuleResolver(document, home, std::move(volume)).resolve(folder, "/");
-        return resolution.profile ? resolution.profile->name : "";
-    }
-    void rules(std::initializer_list<std::pair<const char*, const char*>> list) {
+    // The name of the profile the rules give in `folder`, or "" for none; `fromInside` makes the
+    // folder the working folder for the call, so it is looked at relatively.
+    std::string nameIn(Rules rules, const std::string& folder, bool caseSensitive = true, bool fromInside = false) {
         document.rules.clear();
-        for (auto [path, id] : list) document.rules.push_back(FolderRule{path, ProfileID(id)});
+        for (auto [path, id] : rules) document.rules.push_back(FolderRule{path, ProfileID(id)});
+        std::string previous = fromInside ? std::filesystem::current_path().string() : "";
+        if (fromInside) std::filesystem::current_path(folder);
+        Resolution resolution = RuleResolver(document, home, [=](const std::string&) { return caseSensitive; }).resolve(folder, "/");
+        if (fromInside) std::filesystem::current_path(previous);
+        return resolution.profile ? resolution.profile->name : "";
     }
 };
 
-TEST_F(RuleIdentityTest, LinkedRuleFoldersWeighedAgainstTheDotfileByDepth) {
+TEST_F(RuleIdentityTest, RuleFoldersAreWeighedByTheirRealPaths) {
+    // Two distinct folders whose names differ in letter case only: on a volume that compares names
+    // without case, the rule's real path names the working folder's parent, though device and
+    // inode differ.
+    makeDirs(home + "/Work");
+    makeSymlink(home + "/Work", home + "/to-Work");
+    EXPECT_EQ(nameIn({{"~/to-Work", "a"}}, home + "/work/project", false), "a");
+    EXPECT_EQ(nameIn({{"~/to-Work", "a"}}, home + "/work/project", true), "");
+
     makeSymlink(home + "/work/project/src", home + "/to-src");
-    makeSymlink(home + "/work", home + "/to-work");
     makeSymlink(home + "/elsewhere", home + "/dangling");
     writeFile(home + "/work/project/.veerline", "c\n");
-    const std::string deep = home + "/work/project/src/deep";
-    struct Case {
-        std::initializer_list<std::pair<const char*, const char*>> rules;
+    // An aggregate, not a pair, so the rule lists live as long as the table.
+    const struct {
+        Rules rules;
         std::string expected;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{{"~/to-src", "a"}}, "a"},                     // real folder below the dotfile's: the rule wins
-        {{{"~/to-work", "a"}}, "c"},                    // real folder above the dotfile's: the dotfile wins
+        {{{"~/link", "a"}}, "c"},                       // real folder above the dotfile's: the dotfile wins
         {{{"~/dangling", "a"}, {"~/nowhere", "b"}}, "c"},  // folders that aren't there match nothing
         {{{"~/work/project/src", "b"}, {"~/to-src", "a"}}, "b"},  // equally deep: the first rule
         {{{"~/to-src", "a"}, {"~/work/project/src", "b"}}, "a"},
-        {{{"~/to-work", "a"}, {"~/work/project/src/deep", "b"}, {"~/to-src", "c"}}, "b"},
+        {{{"~/link", "a"}, {"~/work/project/src/deep", "b"}, {"~/to-src", "c"}}, "b"},
     };
-    for (const Case& c : cases) {
-        rules(c.rules);
-        EXPECT_EQ(nameIn(deep), c.expected) << c.rules.begin()->first;
-        std::filesystem::path previous = std::filesystem::current_path();
-        std::filesystem::current_path(deep);  // the target is the working folder: looked at relatively
-        EXPECT_EQ(nameIn(deep), c.expected) << c.rules.begin()->first;
-        std::filesystem::current_path(previous);
+    for (const auto& [rules, expected] : cases) {
+        EXPECT_EQ(nameIn(rules, deep), expected) << rules.begin()->first;
+        EXPECT_EQ(nameIn(rules, deep, true, true), expected) << rules.begin()->first;
     }
-}
 
-// Two distinct folders whose names differ in letter case only, on a volume that compares names
-// without case: the rule's real path names the working folder's parent as the volume compares
-// names, so the rule applies, though device and inode differ.
-TEST_F(RuleIdentityTest, RealPathDifferingOnlyInCaseMatchesOnCaseInsensitiveVolumes) {
-    makeDirs(home + "/Work");
-    makeSymlink(home + "/Work", home + "/link");
-    rules({{"~/link", "a"}});
-    EXPECT_EQ(nameIn(home + "/work/project", caseInsensitive), "a");
-    EXPECT_EQ(nameIn(home + "/work/project", caseSensitive), "");
-}
-
-// A working folder deleted while the shell is still in it has no real path: the rules' written
-// forms and their real paths are weighed against the path as given.
-TEST_F(RuleIdentityTest, DeletedWorkingFolderWeighedAsWritten) {
-    makeSymlink(home + "/work", home + "/link");
-    rules({{"~/link", "a"}, {"~/work", "b"}});
-    const std::string gone = home + "/work/project/src/deep";
+    // A working folder deleted while the shell is still in it has no real path: the rules'
+    // written forms and their real paths are weighed against the path as given.
     std::filesystem::path previous = std::filesystem::current_path();
-    std::filesystem::current_path(gone);
-    std::filesystem::remove(gone);
-    EXPECT_EQ(nameIn(gone), "a");  // both hold it equally deep; the first rule wins
+    std::filesystem::current_path(deep);
+    std::filesystem::remove(deep);
+    EXPECT_EQ(nameIn({{"~/to-src", "a"}, {"~/work/project/src", "b"}}, deep), "a");
     std::filesystem::current_path(previous);
 }
 
@@ -102,7 +85,6 @@ TEST_F(RuleIdentityTest, DeletedWorkingFolderWeighedAsWritten) {
 // so a rule for the mount point does not apply inside the original, though it is the same folder.
 TEST_F(RuleIdentityTest, BindMountOfTheWorkingFoldersParentIsAnotherFolder) {
     makeDirs(home + "/mounted");
-    makeSymlink(home + "/work", home + "/link");
     pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -111,19 +93,16 @@ TEST_F(RuleIdentityTest, BindMountOfTheWorkingFoldersParentIsAnotherFolder) {
             ::mount((home + "/work").c_str(), (home + "/mounted").c_str(), nullptr, MS_BIND, nullptr) != 0) {
             ::_exit(77);
         }
-        rules({{"~/mounted", "a"}});
-        bool mountIgnored = nameIn(home + "/work/project") == "";
-        bool mountHolds = nameIn(home + "/mounted/project") == "a";
-        rules({{"~/link", "b"}});
-        bool linkHolds = nameIn(home + "/work/project") == "b" && nameIn(home + "/mounted/project") == "";
-        ::_exit(mountIgnored && mountHolds && linkHolds ? 0 : 1);
+        auto gives = [&](Rules rules, const char* inOriginal, const char* inMount) {
+            return nameIn(rules, home + "/work/project") == inOriginal && nameIn(rules, home + "/mounted/project") == inMount;
+        };
+        ::_exit(gives({{"~/mounted", "a"}}, "", "a") && gives({{"~/link", "b"}}, "b", "") ? 0 : 1);
     }
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no permission to bind-mount in a mount namespace";
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no permission to bind-mount in a mount namespace";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace
-}  // namespace veerline
+}  // namespace veerline::testing

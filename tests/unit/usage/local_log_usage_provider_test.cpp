@@ -26,19 +26,16 @@ std::string stamp(double secondsBeforeNow) {
     return text;
 }
 
-std::string claudeLine(double ago, const std::string& messageID, std::int64_t input, const std::string& session = "s1",
-                       const std::string& extra = "") {
+std::string codexLine(const std::string& info) {
+    return R"({"timestamp":")" + stamp(10) + R"(","type":"event_msg","payload":{"type":"token_count","info":)" + info + "}}";
+}
+
+std::string claudeLine(double ago, const std::string& messageID, std::int64_t input, const std::string& session = "s1") {
     std::string id = messageID.empty() ? "" : R"("id":")" + messageID + R"(",)";
     std::string sessionMember = session.empty() ? "" : R"("sessionId":")" + session + R"(",)";
     return R"({"type":"assistant",)" + sessionMember + R"("requestId":"req_1","message":{)" + id +
            R"("content":[{"type":"text","text":"usage \"quoted\" }"}],"usage":{"input_tokens":)" +
-           std::to_string(input) + R"(,"output_tokens":2,"cache_read_input_tokens":30)" + extra +
-           R"(}},"timestamp":")" + stamp(ago) + "\"}";
-}
-
-void setModified(const std::string& path, double seconds) {
-    struct timespec times[2] = {{static_cast<time_t>(seconds), 0}, {static_cast<time_t>(seconds), 0}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+           std::to_string(input) + R"(,"output_tokens":2,"cache_read_input_tokens":30}},"timestamp":")" + stamp(ago) + "\"}";
 }
 
 class LocalLogUsageProviderTest : public ::testing::Test {
@@ -62,26 +59,19 @@ protected:
     }
 };
 
-TEST_F(LocalLogUsageProviderTest, ParsesTheTimestampFormsBothToolsWrite) {
-    const std::pair<const char*, std::optional<double>> table[] = {
-        {"2025-01-02T03:04:05Z", kNow},          {"2025-01-02 03:04:05", kNow},
-        {"2025-01-02T05:04:05+02:00", kNow},     {"2025-01-02T01:04:05-02:00", kNow},
-        {"2025-01-02T03:04:05.5Z", kNow + 0.5},  {"2025-01-02T03:04:05.25", kNow + 0.25},
-        {"2025-01-02T03:04:05.", kNow},          {"2025-01-02T03:04:05+0200", kNow},
-        {"2025-01-02T03:04:05+xx:00", kNow},     {"2025-01-01T27:04:05Z", kNow},
-        {"2025-1-02T03:04:05Z", std::nullopt},   {"2025-01-02", std::nullopt},
-        {"2025-01-02X03:04:05Z", std::nullopt},  {"2025-01-0a 03:04:05", std::nullopt},
-    };
-    for (const auto& [text, seconds] : table) {
-        auto moment = Provider::parseDate(text);
-        ASSERT_EQ(moment.has_value(), seconds.has_value()) << text;
-        if (seconds) {
-            EXPECT_DOUBLE_EQ(moment->time_since_epoch().count(), *seconds) << text;
-        }
-    }
-}
-
 TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges) {
+    const std::pair<const char*, std::optional<double>> dates[] = {
+        {"2025-01-02T03:04:05Z", kNow},        {"2025-01-02 03:04:05", kNow},        {"2025-01-02T05:04:05+02:00", kNow},
+        {"2025-01-02T01:04:05-02:00", kNow},   {"2025-01-02T03:04:05.5Z", kNow + 0.5}, {"2025-01-02T03:04:05.25", kNow + 0.25},
+        {"2025-01-02T03:04:05.", kNow},        {"2025-01-02T03:04:05+0200", kNow},   {"2025-01-02T03:04:05+xx:00", kNow},
+        {"2025-01-01T27:04:05Z", kNow},        {"2025-1-02T03:04:05Z", std::nullopt}, {"2025-01-02", std::nullopt},
+        {"2025-01-02X03:04:05Z", std::nullopt}, {"2025-01-0a 03:04:05", std::nullopt},
+    };
+    for (const auto& [text, seconds] : dates) {
+        auto moment = Provider::parseDate(text);
+        EXPECT_EQ(moment ? std::optional(moment->time_since_epoch().count()) : std::nullopt, seconds) << text;
+    }
+
     writeFile(projects + "/p/a.jsonl",
               claudeLine(100, "m1", 10) + "\r\n" + claudeLine(100, "m1", 10) + "\n" + claudeLine(100, "", 1) + "\n" +
                   R"({"message":{"usage":{"output_tokens":500}},"timestamp":")" + stamp(5) + "\"}\n" +
@@ -96,16 +86,15 @@ TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges)
     EXPECT_EQ(counts(provider(), ToolKind::claudeCode, {3600, ActivitySummary::sevenDays, 10}),
               (std::vector<std::int64_t>{112, 8, 120, 3, 1112, 10, 150, 3, 0, 0, 0, 0}));
 
+    // Codex: the last request's figures count, a fractional count is cut, a text one ignored.
     writeFile(sessions + "/2025/01/02/rollout-1.jsonl",
-              R"({"timestamp":")" + stamp(10) + R"(","type":"event_msg","payload":{"type":"token_count","info":{"total_token_usage":{"input_tokens":9999},"last_token_usage":{"input_tokens":100,"cached_input_tokens":150,"output_tokens":7,"cache_write_input_tokens":5}}}})" "\r\n" +
-                  R"({"timestamp":")" + stamp(10) + R"(","type":"event_msg","payload":{"type":"token_count","info":null}})" "\n" +
-                  R"({"timestamp":")" + stamp(10) + R"(","type":"event_msg","payload":{"type":"token_count","info":{"last_token_usage":{"input_tokens":300.9,"cached_input_tokens":100,"output_tokens":"7"}}}})");
-    writeFile(sessions + "/2025/01/02/rollout-2.jsonl",
-              R"({"timestamp":")" + stamp(10) + R"(","type":"event_msg","payload":{"type":"token_count","info":{"last_token_usage":{"input_tokens":1}}}})" "\n");
+              codexLine(R"({"total_token_usage":{"input_tokens":9999},"last_token_usage":{"input_tokens":100,"cached_input_tokens":150,"output_tokens":7,"cache_write_input_tokens":5}})") +
+                  "\r\n" + codexLine("null") + "\n" +
+                  codexLine(R"({"last_token_usage":{"input_tokens":300.9,"cached_input_tokens":100,"output_tokens":"7"}})"));
+    writeFile(sessions + "/2025/01/02/rollout-2.jsonl", codexLine(R"({"last_token_usage":{"input_tokens":1}})") + "\n");
     EXPECT_EQ(counts(provider(), ToolKind::codex, {ActivitySummary::fiveHours}),
               (std::vector<std::int64_t>{201, 7, 255, 2}));
     EXPECT_EQ(counts(provider(), ToolKind::claudeDesktop, {1, 2}), (std::vector<std::int64_t>(8, 0)));
-    EXPECT_TRUE(provider().activities(work, ToolKind::codex, {}, at(kNow)).empty());
     Profile system = work;
     system.storage = Profile::Storage::system;
     EXPECT_EQ(Provider(ToolContext{paths, {{"CLAUDE_CONFIG_DIR", "/c"}}}, nullptr).logRoot(system, ToolKind::claudeCode), "/c");
@@ -113,45 +102,44 @@ TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges)
 }
 
 TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMovesEarlier) {
-    const std::string file = projects + "/p/a.jsonl";
-    writeFile(file, claudeLine(100, "m1", 10) + "\n");
-    setModified(file, kNow);
+    const std::string file = projects + "/p/a.jsonl", cacheFile = home / "cache/usage-cache.bin";
+    // Every rewrite keeps the modification date, so only the size can tell the cache it changed.
+    auto rewrite = [&](const std::string& content) {
+        writeFile(file, content);
+        struct timespec times[2] = {{static_cast<time_t>(kNow), 0}, {static_cast<time_t>(kNow), 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+    };
+    auto loaded = [&] {
+        auto cache = std::make_shared<Provider::EventCache>();
+        UsageCacheFile::load(cacheFile, *cache);
+        return cache;
+    };
+    rewrite(claudeLine(100, "m1", 10) + "\n");
     auto cache = std::make_shared<Provider::EventCache>();
     EXPECT_EQ(counts(provider(cache), ToolKind::claudeCode, {ActivitySummary::sevenDays})[0], 10);
 
     // Same size and date: a later, shorter query trusts what was parsed.
-    writeFile(file, claudeLine(100, "m1", 20) + "\n");
-    setModified(file, kNow);
+    rewrite(claudeLine(100, "m1", 20) + "\n");
     EXPECT_EQ(counts(provider(cache), ToolKind::claudeCode, {ActivitySummary::fiveHours})[0], 10);
     EXPECT_EQ(counts(provider(cache), ToolKind::claudeCode, {ActivitySummary::sevenDays}, kNow - 1)[0], 20);
 
     // What was parsed survives the process in the cache file, until the log changes.
-    const std::string cacheFile = home / "cache/usage-cache.bin";
     UsageCacheFile::save(cacheFile, *cache, at(kNow));
-    EXPECT_EQ(fileMode(cacheFile) & 0777, 0600u);
-    writeFile(file, claudeLine(100, "m1", 30) + "\n");
-    setModified(file, kNow);
-    auto reloaded = std::make_shared<Provider::EventCache>();
-    UsageCacheFile::load(cacheFile, *reloaded);
+    rewrite(claudeLine(100, "m1", 30) + "\n");
+    auto reloaded = loaded();
     EXPECT_EQ(counts(provider(reloaded), ToolKind::claudeCode, {ActivitySummary::fiveHours})[0], 20);
-
-    writeFile(file, claudeLine(100, "m1", 30) + "\n" + claudeLine(10, "m2", 400) + "\n");
-    setModified(file, kNow);
+    rewrite(claudeLine(100, "m1", 30) + "\n" + claudeLine(10, "m2", 400) + "\n");
     EXPECT_EQ(counts(provider(reloaded), ToolKind::claudeCode, {ActivitySummary::fiveHours})[0], 430);
 
     // Logs older than every window are not kept; a damaged or foreign cache file is never believed.
     UsageCacheFile::save(cacheFile, *cache, at(kNow + 1));
-    auto pruned = std::make_shared<Provider::EventCache>();
-    UsageCacheFile::load(cacheFile, *pruned);
-    EXPECT_TRUE(pruned->entries().empty());
+    EXPECT_TRUE(loaded()->entries().empty());
     UsageCacheFile::save(cacheFile, *cache, at(kNow));
     std::string bytes = readFile(cacheFile);
     for (std::string damaged : {bytes.substr(0, bytes.size() - 3), bytes + "x", std::string("not a cache"),
                                 bytes.substr(0, bytes.size() - 9) + char(bytes[bytes.size() - 9] ^ 1) + bytes.substr(bytes.size() - 8)}) {
         writeFile(cacheFile, damaged, 0600);
-        auto fresh = std::make_shared<Provider::EventCache>();
-        UsageCacheFile::load(cacheFile, *fresh);
-        EXPECT_TRUE(fresh->entries().empty());
+        EXPECT_TRUE(loaded()->entries().empty());
     }
 }
 
