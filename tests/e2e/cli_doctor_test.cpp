@@ -41,9 +41,7 @@ protected:
         ASSERT_EQ(installed.exitCode, 0) << installed.err;
     }
 
-    RunResult doctor(const std::vector<std::string>& arguments) const {
-        return run(home + "/.veerline/bin/veerline", arguments, options);
-    }
+    RunResult doctor(const std::vector<std::string>& args) const { return run(home + "/.veerline/bin/veerline", args, options); }
     // Everything the program writes to a terminal it runs in; it must exit 0.
     std::string inTerminal(const std::string& command, bool noColour) {
         if (noColour) options.environment["NO_COLOR"] = "1";

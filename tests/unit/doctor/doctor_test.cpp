@@ -40,10 +40,8 @@ protected:
         return Doctor(ToolContext{paths, environment}, [this] { return document; }, desktop).run(deep);
     }
     Checks withID(const std::string& id) const {
-        Checks found;
-        for (const auto& check : run()) {
-            if (check.id == id) found.push_back(check);
-        }
+        Checks found = run();
+        std::erase_if(found, [&](const DoctorCheck& check) { return check.id != id; });
         return found;
     }
 };
