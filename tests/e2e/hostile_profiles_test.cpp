@@ -217,6 +217,8 @@ TEST_F(HostileProfilesTest, ForeignFilesOutputFailuresKillsAndEscapes) {
     RunResult full = runIn("/bin/sh", {"-c", R"(exec "$0" profile add Zed > /dev/full)", VEERLINE_CLI_BINARY});
     EXPECT_EQ(full.err, "veerline: Couldn't write to standard output: No space left on device\n");
     EXPECT_EQ(full.exitCode, 1);
+    RunResult limited = runIn("/bin/sh", {"-c", R"(ulimit -f 0 && exec "$0" profile add Big)", VEERLINE_CLI_BINARY});
+    EXPECT_EQ(limited.err + std::to_string(limited.exitCode), "veerline: Couldn't save profiles: File too large\n1");
 
     // Saves killed at random moments leave the file valid; the next save removes what they left
     // behind, but not the temporary file of a process that still runs.
