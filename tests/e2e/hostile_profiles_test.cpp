@@ -23,20 +23,18 @@ using nlohmann::json;
 class HostileProfilesTest : public ::testing::Test {
 protected:
     TempDir root{"veerline-hostile"};
-    std::string home = root / "home";
-    std::string outside = root / "outside";
+    std::string home = root / "home", outside = root / "outside", tools = root / "tools";
     std::string support = home + "/Library/Application Support/Veerline";
     std::string profilesFile = support + "/profiles.json";
-    std::string tools = root / "tools";
 
     void SetUp() override {
         writeFile(outside + "/canary", "keep");
         // Where SUPPORT/claude-code/work-aaaa leads when claude-code is a link to `outside`.
         writeFile(outside + "/work-aaaa/canary", "keep");
-        writeFakeTool(tools + "/claude");
-        writeFakeTool(tools + "/codex");
-        makeSymlink(VEERLINE_RESOLVE_BINARY, home + "/.veerline/bin/claude");
-        makeSymlink(VEERLINE_RESOLVE_BINARY, home + "/.veerline/bin/codex");
+        for (const std::string tool : {"claude", "codex"}) {
+            writeFakeTool(tools + "/" + tool);
+            makeSymlink(VEERLINE_RESOLVE_BINARY, home + "/.veerline/bin/" + tool);
+        }
     }
 
     // Every path below `outside` with its content, to compare before and after.
@@ -49,26 +47,21 @@ protected:
     }
 
     // Runs under `timeout`: nothing Veerline reads may hang it (exit 124 if it does).
-    RunResult runIn(const std::string& executable, std::vector<std::string> args, const std::string& cwd,
-                    const std::string& path) const {
+    RunResult runIn(const std::string& executable, std::vector<std::string> args, const std::string& cwd = "",
+                    const std::string& path = "/usr/bin:/bin") const {
         RunOptions options;
         options.environment = {{"HOME", home}, {"PATH", path}};
-        options.cwd = cwd;
+        options.cwd = cwd.empty() ? home : cwd;
         args.insert(args.begin(), {"10", executable});
         return run("/usr/bin/timeout", args, options);
     }
-    RunResult cli(std::vector<std::string> args) const {
-        return runIn(VEERLINE_CLI_BINARY, std::move(args), home, "/usr/bin:/bin");
-    }
+    RunResult cli(std::vector<std::string> args) const { return runIn(VEERLINE_CLI_BINARY, std::move(args)); }
     RunResult shim(const std::string& tool, const std::string& path = "") const {
         return runIn(home + "/.veerline/bin/" + tool, {}, home, path.empty() ? tools + ":/usr/bin:/bin" : path);
     }
-    RunResult prompt(const std::string& cwd = "") const {
-        return runIn(VEERLINE_RESOLVE_BINARY, {"--prompt"}, cwd.empty() ? home : cwd, "/usr/bin:/bin");
-    }
+    std::string prompt(const std::string& cwd = "") const { return runIn(VEERLINE_RESOLVE_BINARY, {"--prompt"}, cwd).out; }
 
-    // A profiles file with a rule for the home folder and the terminal default on the first
-    // profile.
+    // A profiles file with a rule for the home folder and the terminal default on the first profile.
     std::string writeProfiles(const json& profiles) const {
         json rule = {{"path", "~"}, {"profileID", profiles[0]["id"]}};
         std::string text = json{{"version", 1}, {"profiles", profiles}, {"rules", json::array({rule})},
@@ -85,9 +78,7 @@ TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByThe
     const std::string escape = "../../../../../outside/x";
     const std::vector<std::pair<json, std::string>> cases = {
         {json::array({evil("")}), invalid("")},
-        {json::array({evil("../profiles.json")}), invalid("../profiles.json")},
         {json::array({evil("../codex")}), invalid("../codex")},
-        {json::array({evil("./")}), invalid("./")},
         {json::array({evil(escape)}), invalid(escape)},
         {json::array({evil("work-aaaa"), evil("work-aaaa", "Work")}), "Two profiles share the id \u201Cwork-aaaa\u201D."},
         {json::array({evil("evil", "Evil\x1b]0;pwned\x07")}),
@@ -109,8 +100,7 @@ TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByThe
         for (const auto& command : commands) {
             RunResult result = cli(command);
             EXPECT_EQ(result.exitCode, 1) << text << "\n" << command[0];
-            EXPECT_EQ(result.err, "veerline: Couldn't read " + profilesFile + ": " + message + "\n") << command[0];
-            EXPECT_EQ(result.out, "") << command[0];
+            EXPECT_EQ(result.err + "|" + result.out, "veerline: Couldn't read " + profilesFile + ": " + message + "\n|") << command[0];
         }
         // The shims pass the tools through unchanged; the prompt shows nothing.
         for (const std::string tool : {"claude", "codex"}) {
@@ -119,8 +109,7 @@ TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByThe
             auto environment = parseFakeToolReport(result.out).environment;
             EXPECT_FALSE(environment.contains("CLAUDE_CONFIG_DIR") || environment.contains("CODEX_HOME")) << text;
         }
-        EXPECT_EQ(prompt().out, "");
-        EXPECT_EQ(readFile(profilesFile), text);
+        EXPECT_EQ(prompt() + readFile(profilesFile), text);
         EXPECT_EQ(readFile(support + "/claude-code/keep/canary") + readFile(support + "/codex/keep/canary"), "keepkeep");
         EXPECT_EQ(outsideFiles(), before) << text;
     }
@@ -128,29 +117,22 @@ TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByThe
 
 TEST_F(HostileProfilesTest, SpecialFilesNeitherHangNorSwampAReader) {
     const std::string good = writeProfiles(json::array({{{"id", "work"}, {"name", "Work"}}}));
-    const std::string appPath = home + "/.veerline/app-path";
-    const std::string hint = support + "/codex-app-path";
-    const std::string dotfileFolder = home + "/p";
-    const std::string huge(5 << 20, ' ');
+    const std::string appPath = home + "/.veerline/app-path", dotfileFolder = home + "/p";
     makeDirs(dotfileFolder);
 
     for (const std::string kind : {"fifo", "/dev/zero", "huge"}) {
         auto plant = [&](const std::string& path, const std::string& content) {
             fs::remove(path);
-            if (kind == "fifo") {
-                EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
-            } else if (kind == "huge") {
-                writeFile(path, content + huge);
-            } else {
-                makeSymlink("/dev/zero", path);
-            }
+            if (kind == "fifo") EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+            if (kind == "huge") writeFile(path, content + std::string(5 << 20, ' '));
+            if (kind == "/dev/zero") makeSymlink("/dev/zero", path);
         };
         plant(profilesFile, good);
         RunResult listed = cli({"profile", "list"});
         EXPECT_EQ(listed.exitCode, 1) << kind;
         EXPECT_EQ(listed.err, "veerline: Couldn't read " + profilesFile + ": " +
                                   (kind == "huge" ? "the file is too large (over 4 MB).\n" : "it isn't a regular file.\n"));
-        EXPECT_EQ(prompt().out, "") << kind;
+        EXPECT_EQ(prompt(), "") << kind;
         RunResult passedThrough = shim("claude");
         EXPECT_EQ(passedThrough.exitCode, 0) << kind;
         EXPECT_FALSE(parseFakeToolReport(passedThrough.out).environment.contains("CLAUDE_CONFIG_DIR")) << kind;
@@ -159,15 +141,15 @@ TEST_F(HostileProfilesTest, SpecialFilesNeitherHangNorSwampAReader) {
 
         // The hint files and the dotfile are passed over: Veerline still answers.
         plant(appPath, "/no/such/app");
-        EXPECT_EQ(prompt().out, "Work\n") << kind;
+        EXPECT_EQ(prompt(), "Work\n") << kind;
         EXPECT_EQ(parseFakeToolReport(shim("claude").out).environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
         fs::remove(appPath);
-        plant(hint, "/no/such/ChatGPT.app");
+        plant(support + "/codex-app-path", "/no/such/ChatGPT.app");
         RunResult noCodex = shim("codex", "/usr/bin:/bin");
         EXPECT_EQ(noCodex.exitCode, 127) << kind;
         EXPECT_EQ(noCodex.err, "veerline: couldn't find the real `codex` on your PATH. Is it installed?\n");
         plant(dotfileFolder + "/.veerline", "Nobody");
-        EXPECT_EQ(prompt(dotfileFolder).out, "Work\n") << kind;
+        EXPECT_EQ(prompt(dotfileFolder), "Work\n") << kind;
     }
 }
 
@@ -182,7 +164,6 @@ TEST_F(HostileProfilesTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowed
     RunResult removed = cli({"profile", "remove", "Work"});
     EXPECT_EQ(removed.exitCode, 0) << removed.err;
     EXPECT_FALSE(fs::is_symlink(support + "/codex/work-aaaa"));
-    EXPECT_EQ(outsideFiles(), before);
 
     // A tool folder that is a link is not gone through.
     writeProfiles(work);
@@ -191,9 +172,7 @@ TEST_F(HostileProfilesTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowed
     RunResult refused = cli({"profile", "remove", "Work"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_TRUE(refused.err.ends_with("veerline: Refused to delete " + support +
-                                      "/claude-code/work-aaaa because it isn't inside Veerline's own data folder.\n"))
-        << refused.err;
-    EXPECT_EQ(outsideFiles(), before);
+                                      "/claude-code/work-aaaa because it isn't inside Veerline's own data folder.\n"));
 
     // The lock file is never created or locked through a link.
     fs::remove(support + "/.profiles.lock");
@@ -201,6 +180,7 @@ TEST_F(HostileProfilesTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowed
     RunResult locked = cli({"profile", "add", "Locked"});
     EXPECT_EQ(locked.exitCode, 1);
     EXPECT_TRUE(locked.err.starts_with("veerline: Couldn't open " + support + "/.profiles.lock: ")) << locked.err;
+    // Nothing outside was removed, written or created by any of the above.
     EXPECT_EQ(outsideFiles(), before);
     fs::remove(support + "/.profiles.lock");
 
@@ -212,48 +192,35 @@ TEST_F(HostileProfilesTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowed
     EXPECT_NE(readFile(home + "/synced.json").find("\"Linked\""), std::string::npos);
 }
 
-TEST_F(HostileProfilesTest, ProfilesFilesVeerlineDidNotWriteAreRefusedAndKept) {
-    const std::string tooNew = "veerline: Your profiles were saved by a newer version of Veerline (format ";
+TEST_F(HostileProfilesTest, ForeignFilesOutputFailuresKillsAndEscapes) {
+    // Files Veerline did not write are refused and kept.
     const std::string empty = R"("profiles": [], "rules": []})";
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {R"({"version": 2.0, )" + empty, tooNew + "2). Update Veerline to change them.\n"},
-        {R"({"version": 1e1, )" + empty, tooNew + "10). Update Veerline to change them.\n"},
-        {R"({"version": 1, )" + empty + std::string("\0garbage", 8),
-         "veerline: Couldn't read " + profilesFile + ": not valid JSON (a NUL byte at line 1, column 44)\n"},
-    };
-    for (const auto& [text, message] : cases) {
+    for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"version": 1e1, )" + empty, "Your profiles were saved by a newer version of Veerline (format 10). "
+                                               "Update Veerline to change them.\n"},
+             {R"({"version": 1, )" + empty + std::string("\0garbage", 8),
+              "Couldn't read " + profilesFile + ": not valid JSON (a NUL byte at line 1, column 44)\n"}}) {
         writeFile(profilesFile, text);
         RunResult added = cli({"profile", "add", "X"});
         EXPECT_EQ(added.exitCode, 1);
-        EXPECT_EQ(added.err, message);
+        EXPECT_EQ(added.err, "veerline: " + message);
         EXPECT_EQ(readFile(profilesFile), text);
     }
-
-    // Names equal once case-folded and composed are the same name, as look-up by name finds them.
     fs::remove(profilesFile);
-    EXPECT_EQ(cli({"profile", "add", "Caf\u00E9"}).exitCode, 0);
-    RunResult decomposed = cli({"profile", "add", "CAFE\u0301"});
-    EXPECT_EQ(decomposed.exitCode, 1);
-    EXPECT_EQ(decomposed.err, "veerline: There's already a profile called \u201CCAFE\u0301\u201D.\n");
-}
 
-TEST_F(HostileProfilesTest, OutputFailuresKillsAndEscapesAreHandled) {
     // A control character reaching output (here from a folder name) is shown escaped.
     const std::string folder = home + "/a\x1b]0;x\x07";
     writeFile(folder + "/.veerline", "Nobody");
-    EXPECT_EQ(runIn(VEERLINE_CLI_BINARY, {"which"}, folder, "/usr/bin:/bin").out,
+    EXPECT_EQ(runIn(VEERLINE_CLI_BINARY, {"which"}, folder).out,
               "No profile applies here: no folder rule, dotfile or terminal default covers it.\nWarning: " + home +
                   "/a\\x1B]0;x\\x07/.veerline names \u201CNobody\u201D, but there's no profile with that name.\n");
-
-    auto shell = [&](const std::string& script) {
-        return runIn("/bin/sh", {"-c", script, VEERLINE_CLI_BINARY}, home, "/usr/bin:/bin");
-    };
-    RunResult full = shell(R"(exec "$0" profile add Zed > /dev/full)");
-    EXPECT_EQ(full.exitCode, 1);
+    RunResult full = runIn("/bin/sh", {"-c", R"(exec "$0" profile add Zed > /dev/full)", VEERLINE_CLI_BINARY});
     EXPECT_EQ(full.err, "veerline: Couldn't write to standard output: No space left on device\n");
-    RunResult limited = shell(R"(ulimit -f 0 && exec "$0" profile add Big)");
-    EXPECT_EQ(limited.exitCode, 1);
-    EXPECT_EQ(limited.err, "veerline: Couldn't save profiles: File too large\n");
+    EXPECT_EQ(full.exitCode, 1);
+    RunResult limited = runIn("/bin/sh", {"-c", R"(ulimit -f 0 && exec "$0" profile add Big)", VEERLINE_CLI_BINARY});
+    // starts_with: a coverage build's own data files can't be written under this limit either.
+    EXPECT_TRUE(limited.exitCode == 1 && limited.err.starts_with("veerline: Couldn't save profiles: File too large\n"))
+        << limited.err;
 
     // Saves killed at random moments leave the file valid; the next save removes what they left
     // behind, but not the temporary file of a process that still runs.
@@ -272,7 +239,9 @@ TEST_F(HostileProfilesTest, OutputFailuresKillsAndEscapesAreHandled) {
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
     }
-    EXPECT_EQ(cli({"profile", "add", "Last"}).exitCode, 0);
+    // Names equal once case-folded and composed are the same name.
+    EXPECT_EQ(cli({"profile", "add", "Caf\u00E9"}).exitCode, 0);
+    EXPECT_EQ(cli({"profile", "add", "CAFE\u0301"}).err, "veerline: There's already a profile called \u201CCAFE\u0301\u201D.\n");
     EXPECT_EQ(cli({"profile", "list"}).exitCode, 0);
     std::vector<std::string> temporary;
     for (const auto& entry : fs::directory_iterator(support)) {

