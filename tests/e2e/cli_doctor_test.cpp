@@ -21,7 +21,8 @@ protected:
     RunOptions options{{{"HOME", home}, {"TERM", "xterm"},
                         // The build folder stands for where Veerline is installed: the shim's copies come from it.
                         {"PATH", home + "/.veerline/bin:" + home + "/tools:" + PathUtil::parent(VEERLINE_CLI_BINARY) +
-                                     ":/usr/bin:/bin"}}, home};
+                                     ":/usr/bin:/bin"}},
+                        home, "", std::nullopt, {}};
 
     void SetUp() override {
         // Claude Code prints its JSON on standard output; Codex writes its one line to standard error.

@@ -123,7 +123,9 @@ TEST_F(HostileProfilesTest, SpecialFilesNeitherHangNorSwampAReader) {
     for (const std::string kind : {"fifo", "/dev/zero", "huge"}) {
         auto plant = [&](const std::string& path, const std::string& content) {
             fs::remove(path);
-            if (kind == "fifo") EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+            if (kind == "fifo") {
+                EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+            }
             if (kind == "huge") writeFile(path, content + std::string(5 << 20, ' '));
             if (kind == "/dev/zero") makeSymlink("/dev/zero", path);
         };
