@@ -194,6 +194,7 @@ TEST(ProfileDocumentJSONTest, QuickAndFullDecodersReadUsualDocumentsAlike) {
     EXPECT_EQ(defaults.profiles[1], Profile(ProfileID("b"), "B"));
     EXPECT_EQ(defaults.cliDefault, std::nullopt);
     EXPECT_EQ(decodeDocument(documents[3]).rules, (std::vector<FolderRule>{{"/x", ProfileID("a")}}));
+    EXPECT_EQ(decodeDocument(documents[4]).version, 0);
     EXPECT_EQ(decodeDocument(R"({"version": 1.0, "profiles": [], "rules": []})").version, 1);
 }
 
