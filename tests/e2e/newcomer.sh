@@ -1,16 +1,14 @@
 #!/usr/bin/env bash
 # A newcomer's first session, from a prefix install through profiles, a folder rule and the shell
 # integration in real interactive bash and zsh, to an uninstall that gives the start-up files back
-# byte for byte. CTest sets VEERLINE_BUILD_DIR.
+# byte for byte. CTest sets VEERLINE_BUILD_DIR to the built tree.
 set -euo pipefail
 fail() { echo "newcomer.sh: FAILED: $*" >&2; exit 1; }
 expect_eq() { [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"; }
-[ -n "${VEERLINE_BUILD_DIR:-}" ] || fail "set VEERLINE_BUILD_DIR to a built Veerline tree"
 command -v zsh >/dev/null || fail "zsh is needed for this walk-through"
 
-tmp=$(mktemp -d "${TMPDIR:-/tmp}/veerline-newcomer.XXXXXX")
+tmp=$(cd "$(mktemp -d "${TMPDIR:-/tmp}/veerline-newcomer.XXXXXX")" && pwd -P)
 trap 'rm -rf "$tmp"' EXIT
-tmp=$(cd "$tmp" && pwd -P)
 h="$tmp/home" tools="$tmp/tools" veerline="$tmp/prefix/bin/veerline"
 mkdir -p "$h/work/project" "$h/elsewhere" "$tools" "$tmp/before"
 
@@ -18,8 +16,7 @@ cmake --install "$VEERLINE_BUILD_DIR" --prefix "$tmp/prefix" >/dev/null || fail 
 [ -x "$tmp/prefix/libexec/veerline/veerline-resolve" ] || fail "the install put no veerline-resolve in libexec/veerline"
 
 # The "real" claude, further along PATH, says which data folder it was given.
-printf '#!/bin/sh\necho "real claude: CLAUDE_CONFIG_DIR=${CLAUDE_CONFIG_DIR-unset} VEERLINE_PROFILE=${VEERLINE_PROFILE-unset}"\n' \
-    >"$tools/claude"
+printf '#!/bin/sh\necho "real claude: CLAUDE_CONFIG_DIR=${CLAUDE_CONFIG_DIR-unset} VEERLINE_PROFILE=${VEERLINE_PROFILE-unset}"\n' >"$tools/claude"
 chmod 755 "$tools/claude"
 # Start-up files the newcomer already has; the zsh one lacks its final line feed.
 printf '# my bash settings\nexport PATH="%s:$PATH"\n' "$tools" >"$h/.bashrc"

@@ -43,15 +43,14 @@ protected:
 };
 
 TEST_F(DoctorTest, FromAFreshHomeToEverythingWrongAtOnce) {
-    const std::optional<std::string> noDesktopHere =
-        platform::hasApplicationBundles() ? std::nullopt : std::optional("There is no Linux version; Veerline manages the command-line tools here.");
     EXPECT_EQ(run(), (Checks{
         {"profiles", Level::ok, "Profiles file is readable", "0 profiles, 0 folder rules"},
         {"binary.claude-code", Level::info, "Claude Code isn't installed", "No `claude` on PATH outside ~/.veerline/bin."},
         notIntegrated("claude-code", "claude"),
         {"binary.codex", Level::info, "Codex isn't installed", "No `codex` on PATH outside ~/.veerline/bin."},
         notIntegrated("codex", "codex"),
-        {"desktop", Level::info, "Claude Desktop isn't installed", noDesktopHere},
+        {"desktop", Level::info, "Claude Desktop isn't installed",
+         platform::hasApplicationBundles() ? std::nullopt : std::optional<std::string>("There is no Linux version; Veerline manages the command-line tools here.")},
         {"datadirs", Level::ok, "Data folders are writable"},
         {"conflicts", Level::ok, "No other account switchers found"}}));
 

@@ -87,9 +87,8 @@ std::string codexLine(const std::string& info) {
 
 std::string claudeLine(double ago, const std::string& messageID, std::int64_t input, const std::string& session = "s1") {
     return R"({"type":"assistant",)" + (session.empty() ? "" : R"("sessionId":")" + session + R"(",)") + R"("requestId":"req_1","message":{)" +
-           (messageID.empty() ? "" : R"("id":")" + messageID + R"(",)") +
-           R"("content":[{"type":"text","text":"usage \"quoted\" }"}],"usage":{"input_tokens":)" +
-           std::to_string(input) + R"(,"output_tokens":2,"cache_read_input_tokens":30}},"timestamp":")" + stamp(ago) + "\"}";
+           (messageID.empty() ? "" : R"("id":")" + messageID + R"(",)") + R"("content":[{"type":"text","text":"usage \"quoted\" }"}],"usage":{)" +
+           R"("input_tokens":)" + std::to_string(input) + R"(,"output_tokens":2,"cache_read_input_tokens":30}},"timestamp":")" + stamp(ago) + "\"}";
 }
 
 class LocalLogUsageProviderTest : public ::testing::Test {
@@ -113,11 +112,10 @@ protected:
 
 TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges) {
     const std::pair<const char*, std::optional<double>> dates[] = {
-        {"2025-01-02T03:04:05Z", kNow}, {"2025-01-02 03:04:05", kNow}, {"2025-01-02T05:04:05+02:00", kNow},
-        {"2025-01-02T01:04:05-02:00", kNow}, {"2025-01-02T03:04:05.5Z", kNow + 0.5}, {"2025-01-02T03:04:05.25", kNow + 0.25},
-        {"2025-01-02T03:04:05.", kNow}, {"2025-01-02T03:04:05+0200", kNow}, {"2025-01-02T03:04:05+xx:00", kNow},
-        {"2025-01-01T27:04:05Z", kNow}, {"2025-1-02T03:04:05Z", std::nullopt}, {"2025-01-02", std::nullopt},
-        {"2025-01-02X03:04:05Z", std::nullopt}, {"2025-01-0a 03:04:05", std::nullopt}};
+        {"2025-01-02T03:04:05Z", kNow}, {"2025-01-02 03:04:05", kNow}, {"2025-01-02T05:04:05+02:00", kNow}, {"2025-01-02T01:04:05-02:00", kNow},
+        {"2025-01-02T03:04:05.5Z", kNow + 0.5}, {"2025-01-02T03:04:05.25", kNow + 0.25}, {"2025-01-02T03:04:05.", kNow},
+        {"2025-01-02T03:04:05+0200", kNow}, {"2025-01-02T03:04:05+xx:00", kNow}, {"2025-01-01T27:04:05Z", kNow}, {"2025-1-02T03:04:05Z", std::nullopt},
+        {"2025-01-02", std::nullopt}, {"2025-01-02X03:04:05Z", std::nullopt}, {"2025-01-0a 03:04:05", std::nullopt}};
     for (const auto& [text, seconds] : dates) {
         auto moment = Provider::parseDate(text);
         EXPECT_EQ(moment ? std::optional(moment->time_since_epoch().count()) : std::nullopt, seconds) << text;
