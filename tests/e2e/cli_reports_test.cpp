@@ -35,9 +35,10 @@ TEST(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
     auto add = [&](const std::vector<std::string>& args) { std::string id = cli(args).out; return id.substr(0, id.find('\n')); };
     const std::string work = add({"profile", "add", "Work", "--tools", "claude,codex"});
     const std::string personal = add({"profile", "add", "Home", "--tools", "claude", "--storage", "system"});
-    writeFile(support + "/claude-code/" + work + "/projects/-w/a.jsonl", claudeLine(60, "m1", 1200) + claudeLine(60, "m1", 1200) + claudeLine(86400, "m2", 50000));
-    writeFile(support + "/codex/" + work + "/sessions/2025/01/02/rollout-x.jsonl", R"({"timestamp":")" + stampAgo(30) +
-              R"(","type":"event_msg","payload":{"type":"token_count","info":{"last_token_usage":{"input_tokens":900,"cached_input_tokens":400,"output_tokens":100}}}})");
+    writeFile(support + "/claude-code/" + work + "/projects/-w/a.jsonl",
+              claudeLine(60, "m1", 1200) + claudeLine(60, "m1", 1200) + claudeLine(86400, "m2", 50000));
+    writeFile(support + "/codex/" + work + "/sessions/2025/01/02/rollout-x.jsonl", R"({"timestamp":")" + stampAgo(30) + R"(","type":"event_msg",)"
+              R"("payload":{"type":"token_count","info":{"last_token_usage":{"input_tokens":900,"cached_input_tokens":400,"output_tokens":100}}}})");
     writeFile(home + "/.claude/projects/-h/b.jsonl", claudeLine(7200, "h1", 7));
 
     RunResult usage = cli({"usage", "--json", "--no-cache"});
@@ -52,9 +53,9 @@ TEST(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
                                               R"("Work""codex"18000 500)", R"("Work""codex"604800 500)",
                                               R"("Home""claude-code"18000 7)", R"("Home""claude-code"604800 7)"}));
 
-    RunResult table = cli({"usage", "Work", "--tool", "claude", "--window", "90m", "--window", "2d"});
-    EXPECT_EQ(table.out, "PROFILE  TOOL         LAST 90m                                LAST 2d\n"
-                         "Work     Claude Code  1.2k tokens \u00b7 1 session (+2.5k cached)  51k tokens \u00b7 2 sessions (+5.0k cached)\n") << table.err;
+    EXPECT_EQ(cli({"usage", "Work", "--tool", "claude", "--window", "90m", "--window", "2d"}).out,
+              "PROFILE  TOOL         LAST 90m                                LAST 2d\n"
+              "Work     Claude Code  1.2k tokens \u00b7 1 session (+2.5k cached)  51k tokens \u00b7 2 sessions (+5.0k cached)\n");
     EXPECT_EQ(fileMode(root / "cache/veerline/usage-cache.bin") & 0777, 0600u);
     EXPECT_EQ(cli({"usage", "--window", "5x"}).exitCode, 2);
 

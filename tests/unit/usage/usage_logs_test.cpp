@@ -103,9 +103,8 @@ protected:
     std::vector<std::int64_t> counts(ToolKind tool, std::vector<double> windows, std::shared_ptr<Provider::EventCache> cache = nullptr,
                                      double now = kNow) {
         std::vector<std::int64_t> out;
-        for (const auto& summary : Provider(ToolContext{paths, {}}, std::move(cache)).activities(work, tool, windows, at(now))) {
+        for (const auto& summary : Provider(ToolContext{paths, {}}, std::move(cache)).activities(work, tool, windows, at(now)))
             out.insert(out.end(), {summary.inputTokens, summary.outputTokens, summary.cacheTokens, summary.sessions});
-        }
         return out;
     }
 };
@@ -143,8 +142,7 @@ TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges)
     writeFile(sessions + "/2025/01/02/rollout-2.jsonl", codexLine(R"({"last_token_usage":{"input_tokens":1}})") + "\n");
     EXPECT_EQ(counts(ToolKind::codex, {ActivitySummary::fiveHours}), (std::vector<std::int64_t>{201, 7, 255, 2}));
     EXPECT_EQ(counts(ToolKind::claudeDesktop, {1, 2}), (std::vector<std::int64_t>(8, 0)));
-    Profile system = work;
-    system.storage = Profile::Storage::system;
+    const Profile system(work.id, "Work", ProfileColor::graphite, std::nullopt, {ToolKind::claudeCode, ToolKind::codex}, Profile::Storage::system);
     EXPECT_EQ(Provider(ToolContext{paths, {{"CLAUDE_CONFIG_DIR", "/c"}}}, nullptr).logRoot(system, ToolKind::claudeCode), "/c");
     EXPECT_EQ(Provider(ToolContext{paths, {}}, nullptr).logRoot(system, ToolKind::codex), home.path() + "/.codex");
 }
