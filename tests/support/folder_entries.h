@@ -1,25 +1,18 @@
 #pragma once
 
-#include <dirent.h>
-
-#include <algorithm>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace veerline::testing {
 
-// The names in `folder`, sorted, without "." and ".."; empty when it can't be read.
+// The names in `folder`, sorted; empty when it can't be read.
 inline std::vector<std::string> entriesOf(const std::string& folder) {
-    std::vector<std::string> names;
-    if (DIR* dir = ::opendir(folder.c_str())) {
-        while (dirent* entry = ::readdir(dir)) {
-            std::string name = entry->d_name;
-            if (name != "." && name != "..") names.push_back(name);
-        }
-        ::closedir(dir);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
+    std::set<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) names.insert(entry.path().filename());
+    return {names.begin(), names.end()};
 }
 
 }  // namespace veerline::testing
