@@ -128,8 +128,7 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
     EXPECT_TRUE(has(cli({"shell", "status"}).out,
                     "~/.zshrc: block in place, but lines after it may put other folders before the shims\n"));
 
-    RunResult removed = cli({"shell", "uninstall", "--yes"});
-    ASSERT_EQ(removed.exitCode, 0) << removed.err;
+    ASSERT_EQ(cli({"shell", "uninstall", "--yes"}).exitCode, 0);
     EXPECT_EQ(readFile(home + "/.bashrc"), bashrc);
     EXPECT_EQ(readFile(home + "/.zshrc"), "export PATH=/opt/bin:$PATH\n") << "the user's own line stays";
     EXPECT_FALSE(exists(home + "/.veerline"));
@@ -140,10 +139,9 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
 TEST_F(CliShellTest, VersionHelpAndUsageErrors) {
     // An empty text: a usage error, told on standard error and pointing to --help.
     const std::vector<std::tuple<Args, int, std::string>> cases = {
-        {{"--version"}, 0, "veerline 0.1.0\n"},    {{"--help"}, 0, "Usage: veerline"},
-        {{}, 2, "Usage: veerline"},                {{"rule"}, 2, "Usage: veerline rule"},
-        {{"bogus"}, 2, ""},                        {{"profile", "list", "--bogus"}, 2, ""},
-        {{"profile", "add"}, 2, ""},               {{"rule", "add", "~/x"}, 2, ""}};
+        {{"--version"}, 0, "veerline 0.1.0\n"}, {{"--help"}, 0, "Usage: veerline"}, {{}, 2, "Usage: veerline"},
+        {{"rule"}, 2, "Usage: veerline rule"}, {{"bogus"}, 2, ""}, {{"profile", "list", "--bogus"}, 2, ""},
+        {{"profile", "add"}, 2, ""}, {{"rule", "add", "~/x"}, 2, ""}};
     for (const auto& [args, exitCode, text] : cases) {
         RunResult result = cli(args);
         SCOPED_TRACE(result.out + result.err);
@@ -210,7 +208,8 @@ TEST_F(CliShellTest, LinksAndPipesInAHomeNeitherHangNorReachOutsideIt) {
             }
         }
         EXPECT_EQ(snapshot(outside), before);
-        EXPECT_EQ(item == ".zshrc" ? "# mine\n" : ShellIntegration::removingBlock(readFile(home + "/.zshrc")), "# mine\n");
+        const std::string zshrc = item == ".zshrc" ? "" : ShellIntegration::removingBlock(readFile(home + "/.zshrc"));
+        EXPECT_EQ(zshrc, item == ".zshrc" ? "" : "# mine\n");
     }
 }
 
@@ -219,21 +218,17 @@ TEST_F(CliShellTest, CraftedOrLostRecordsAndUnclosedBlocksLoseNoLines) {
     ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
     writeFile(outside + "/victim", "victim\n");
     const auto before = snapshot(outside);
-    auto record = [](const std::string& path, const std::string& backup, const std::string& text) {
-        json file = {{"path", path}, {"existedBefore", !backup.empty()}, {"addedNewline", false},
-                     {"installedSHA256", ShellIntegration::sha256(text)}};
-        if (!backup.empty()) file["backupPath"] = backup;
-        return file;
-    };
-    const json crafted = {{"version", 1},
-                          {"files",
-                           {record(outside + "/victim", "", "victim\n"),
-                            record(home + "/.zshrc", outside + "/keep", readFile(home + "/.zshrc")),
-                            record(home + "/.bashrc", home + "/.veerline/backups/../../../outside/keep",
-                                   readFile(home + "/.bashrc"))}}};
+    // A file outside HOME, and backups outside the backups folder, each as the install left it.
+    json crafted = {{"version", 1}, {"files", json::array()}};
+    for (const std::string& path : {outside + "/victim", home + "/.zshrc", home + "/.bashrc"}) {
+        crafted["files"].push_back({{"path", path}, {"existedBefore", true}, {"addedNewline", false},
+                                    {"installedSHA256", ShellIntegration::sha256(readFile(path))}});
+    }
+    crafted["files"][0]["existedBefore"] = false;
+    crafted["files"][1]["backupPath"] = outside + "/keep";
+    crafted["files"][2]["backupPath"] = home + "/.veerline/backups/../../../outside/keep";
     writeFile(home + "/.veerline/install.json", crafted.dump());
-    RunResult removed = cli({"shell", "uninstall", "--yes"});
-    ASSERT_EQ(removed.exitCode, 0) << removed.err;
+    ASSERT_EQ(cli({"shell", "uninstall", "--yes"}).exitCode, 0);
     EXPECT_EQ(readFile(home + "/.zshrc"), "# mine\n");
     EXPECT_EQ(readFile(home + "/.bashrc"), "");
     EXPECT_EQ(snapshot(outside), before);
@@ -256,8 +251,7 @@ TEST_F(CliShellTest, CraftedOrLostRecordsAndUnclosedBlocksLoseNoLines) {
 }
 
 TEST_F(CliShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
-    const std::string zshrc = "# mine\nexport A=1\n";
-    const std::string bashrc = "export B=2";
+    const std::string zshrc = "# mine\nexport A=1\n", bashrc = "export B=2";
     freshHome(zshrc);
     writeFile(home + "/.bashrc", bashrc);
     const std::string profiles = home + "/Library/Application Support/Veerline/profiles.json";
@@ -285,8 +279,8 @@ TEST_F(CliShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
         // An interrupt removes the command's own temporary files; a kill leaves them for later.
         const bool interrupt = round % 3 == 0 && command[0] == "shell";
         // Only the command is signalled: a killed `timeout` would leave it unreaped.
-        cli(command, VEERLINE_CLI_BINARY,
-            {"--foreground", "-s", interrupt ? "TERM" : "KILL", std::to_string((random() % 40000 + 1) / 1e6)});
+        const std::string delay = std::to_string((random() % 40000 + 1) / 1e6);
+        cli(command, VEERLINE_CLI_BINARY, {"--foreground", "-s", interrupt ? "TERM" : "KILL", delay});
         for (const std::string& path : interrupt ? leftOvers() : Args{}) {
             EXPECT_NE(std::find(earlier.begin(), earlier.end(), path), earlier.end()) << path;
         }
@@ -302,8 +296,7 @@ TEST_F(CliShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
     }
 
     // One more command of each kind sweeps what the killed ones left.
-    RunResult last = cli({"shell", "install", "--yes"});
-    ASSERT_EQ(last.exitCode, 0) << last.err;
+    ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
     ASSERT_EQ(cli({"profile", "add", "Last"}).exitCode, 0);
     EXPECT_EQ(leftOvers(), Args{});
 }

@@ -42,25 +42,22 @@ protected:
     }
 };
 
-TEST_F(ShellScriptsTest, BlockPutsTheShimFolderFirstExactlyOnce) {
+TEST_F(ShellScriptsTest, BlockPutsTheShimFolderFirstExactlyOnceAndShellcheckAcceptsIt) {
     const std::string block = script("block.sh", ShellIntegration::block());
     const std::string test =
         "PATH=$2; . \"$1\"; printf 'once=%s\\n' \"$PATH\"; printf 'left=%s%s\\n' \"${_vl+_vl}\" \"${_vlp+_vlp}\"; "
         ". \"$1\"; printf 'twice=%s\\n' \"$PATH\"";
     const std::string s = home + "/.veerline/bin";
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"/usr/bin:/bin", s + ":/usr/bin:/bin"},
-        {s + ":/usr/bin:/bin", s + ":/usr/bin:/bin"},
+        {"/usr/bin:/bin", s + ":/usr/bin:/bin"},      {s + ":/usr/bin:/bin", s + ":/usr/bin:/bin"},
         {"/usr/bin:" + s + ":/bin", s + ":/usr/bin:/bin"},
         {s + ":/usr/bin:" + s + ":" + s + ":/bin:" + s, s + ":/usr/bin:/bin"},
-        {s, s},
-        {s + ":" + s, s},
-        {"", s},
-        {"/usr/bin::/bin", s + ":/usr/bin::/bin"},
+        {s, s}, {s + ":" + s, s}, {"", s}, {"/usr/bin::/bin", s + ":/usr/bin::/bin"},
         // Look-alikes of the shim folder stay where they are.
         {s + "2:/x" + s + ":" + s + "/:/usr/bin", s + ":" + s + "2:/x" + s + ":" + s + "/:/usr/bin"},
     };
-    for (const Args& interpreter : {Args{"/bin/bash", "--norc", "--noprofile"}, Args{"/bin/zsh", "-f"}, Args{"/bin/dash"}}) {
+    for (const Args& interpreter :
+         {Args{"/bin/bash", "--norc", "--noprofile"}, Args{"/bin/zsh", "-f"}, Args{"/bin/dash"}}) {
         for (const auto& [path, expected] : cases) {
             SCOPED_TRACE(interpreter[0] + " with PATH " + path);
             // PATH is set inside the shell: zsh replaces an empty PATH it inherits with its own default.
@@ -72,21 +69,18 @@ TEST_F(ShellScriptsTest, BlockPutsTheShimFolderFirstExactlyOnce) {
             EXPECT_EQ(result.err, "");
         }
     }
-}
 
-TEST_F(ShellScriptsTest, ShellcheckAcceptsBlockAndBashSnippet) {
     RunResult found = shell({"/bin/sh", "-c", "command -v shellcheck"});
     if (found.exitCode != 0) GTEST_SKIP() << "shellcheck is not installed";
-    const std::string block = script("block.sh", ShellIntegration::block());
     const std::string snippet = script("snippet.bash", *ShellIntegration::promptSnippet("bash") + "\n");
     // SC2155: the snippet ignores the resolver's exit status on purpose; a failed look-up just
     // shows no profile.
-    for (const Args& check : {Args{"sh", block}, Args{"bash", block}, Args{"dash", block},
-                              Args{"bash", "-e", "SC2155", snippet}}) {
-        Args command = {found.out.substr(0, found.out.size() - 1), "-s"};
-        command.insert(command.end(), check.begin(), check.end());
-        RunResult result = shell(command);
-        EXPECT_EQ(result.exitCode, 0) << check[0] << ":\n" << result.out << result.err;
+    const std::string shellcheck = found.out.substr(0, found.out.size() - 1);
+    for (const Args& check : {Args{shellcheck, "-s", "sh", block}, Args{shellcheck, "-s", "bash", block},
+                              Args{shellcheck, "-s", "dash", block},
+                              Args{shellcheck, "-s", "bash", "-e", "SC2155", snippet}}) {
+        RunResult result = shell(check);
+        EXPECT_EQ(result.exitCode, 0) << check[2] << ":\n" << result.out << result.err;
     }
 }
 
@@ -103,11 +97,12 @@ TEST_F(ShellScriptsTest, PromptSnippetsShowTheProfileEvenWithPercentSigns) {
           "printf '%s|%s\\n' \"$VEERLINE_PROFILE\" \"${PS1@P}\""},
          "bash", "earlier\n" + folder + "|[" + folder + "] $ \n"},
         {{"/bin/zsh", "-f", "-c",
-          "RPROMPT='%%'; . \"$1\"; printf '%s\\n' \"$VEERLINE_PROFILE\"; cd \"$2\"; printf '%s|' \"$VEERLINE_PROFILE\"; "
-          "print -rP -- \"$RPROMPT\""},
+          "RPROMPT='%%'; . \"$1\"; printf '%s\\n' \"$VEERLINE_PROFILE\"; cd \"$2\"; "
+          "printf '%s|' \"$VEERLINE_PROFILE\"; print -rP -- \"$RPROMPT\""},
          "zsh", rootName + "\n" + folder + "|[" + folder + "]%\n"}};
     for (auto [command, name, expected] : cases) {
-        command.insert(command.end(), {name, script("snippet." + name, *ShellIntegration::promptSnippet(name)), folder});
+        const std::string snippet = script("snippet." + name, *ShellIntegration::promptSnippet(name));
+        command.insert(command.end(), {name, snippet, folder});
         RunResult result = shell(command);
         ASSERT_EQ(result.exitCode, 0) << result.err;
         EXPECT_EQ(result.out, expected);
@@ -115,7 +110,9 @@ TEST_F(ShellScriptsTest, PromptSnippetsShowTheProfileEvenWithPercentSigns) {
 }
 
 TEST_F(ShellScriptsTest, CompletionOffersCommandsOptionsProfilesAndTools) {
-    for (const char* name : {"Work", "Bob's Home"}) ASSERT_EQ(shell({bin + "/veerline", "profile", "add", name}).exitCode, 0);
+    for (const char* name : {"Work", "Bob's Home"}) {
+        ASSERT_EQ(shell({bin + "/veerline", "profile", "add", name}).exitCode, 0);
+    }
     RunResult bash = shell({"/bin/bash", "--norc", "--noprofile", "-c", R"(
         source <(veerline completion bash) && complete -p veerline
         tab() { COMP_WORDS=("$@"); COMP_CWORD=$(( $# - 1 )); _veerline; printf '<%s>' "${COMPREPLY[@]}"; echo; }
