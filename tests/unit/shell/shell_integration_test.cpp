@@ -1,25 +1,36 @@
+// ShellIntegration on a real temporary HOME: the managed block, the start-up files it targets,
+// atomic writes, the install record, and laying out and taking away ~/.veerline.
+
 #include "shell/shell_integration.h"
 
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <regex>
 
 #include <gtest/gtest.h>
 
-#include "base/error.h"
 #include "support/failure.h"
 #include "support/folder_entries.h"
 #include "support/test_support.h"
 
-namespace veerline {
+namespace veerline::testing {
 namespace {
 
-using testing::entriesOf;
-using testing::TempDir;
+namespace fs = std::filesystem;
+using FileRecord = InstallState::FileRecord;
+using Names = std::vector<std::string>;
+using Changes = std::vector<ShellIntegration::FileChange>;
+const std::string notRegular = "It isn't a regular file, nor a symbolic link to one. Nothing was changed.";
 
 // The message of the io error an operation throws.
 template <typename Operation>
 std::string errorOf(Operation operation) {
-    VeerlineError error = testing::failureOf(operation);
+    VeerlineError error = failureOf(operation);
     EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
     return error.what();
 }
@@ -28,127 +39,296 @@ class ShellIntegrationTest : public ::testing::Test {
 protected:
     TempDir root{"veerline-shell"};
     std::string home = root / "home";
+    std::string zshrc = home + "/.zshrc";
+    std::string resolver = root / "build/veerline-resolve";
+    std::string cli = root / "build/veerline";
     ShellIntegration shell{Paths(home, "/Applications"), {}};
 
-    void SetUp() override { testing::makeDirs(home); }
+    void SetUp() override {
+        makeDirs(home);
+        writeFile(resolver, "#!/bin/sh\necho resolver\n", 0755);
+        writeFile(cli, "#!/bin/sh\necho cli\n", 0755);
+    }
+
+    Changes installResolverOnly() {
+        return shell.install(resolver, std::nullopt, std::nullopt, std::nullopt);
+    }
 };
 
-TEST(ShellBlockTest, RemovingBlockRecognisesOnlyWholeMarkerLines) {
-    EXPECT_EQ(ShellIntegration::removingBlock("a\n  # >>> veerline >>>\nx\n\t# <<< veerline <<< \nb\n"), "a\nb\n");
-    // Other horizontal spaces count as indentation too.
-    EXPECT_EQ(ShellIntegration::removingBlock("a\n\u00A0# >>> veerline >>>\u3000\nx\n# <<< veerline <<<\n"), "a\n");
-    // Not markers: other words on the line, a carriage return, a line break other than a line feed.
+TEST(ShellBlockTest, RemovingBlockRecognisesOnlyWholeMarkerLinesAndBlockIsLastOnlyBeforeComments) {
+    const std::vector<std::pair<std::string, std::string>> removals = {
+        {"a\n  # >>> veerline >>>\nx\n\t# <<< veerline <<< \nb\n", "a\nb\n"},
+        // Other horizontal spaces count as indentation too.
+        {"a\n\u00A0# >>> veerline >>>\u3000\nx\n# <<< veerline <<<\n", "a\n"},
+        // A begin marker with no end takes everything after it, final line feed included.
+        {"a\n# >>> veerline >>>\nb\n", "a"}, {"", ""}};
+    for (const auto& [text, expected] : removals) EXPECT_EQ(ShellIntegration::removingBlock(text), expected) << text;
+    // Not markers: other words on the line, a carriage return, a line break other than a line feed;
+    // and an end marker before any begin marker stays.
     for (const char* text : {"a\n# >>> veerline >>> now\nx\n# <<< veerline <<<\n",
                              "a\n# >>> veerline >>>\r\nx\n# <<< veerline <<<\n",
-                             "a\n\u2028# >>> veerline >>>\nx\n# <<< veerline <<<\n"}) {
+                             "a\n\u2028# >>> veerline >>>\nx\n# <<< veerline <<<\n", "# <<< veerline <<<\na\n"}) {
         EXPECT_EQ(ShellIntegration::removingBlock(text), text);
     }
-    // An end marker before any begin marker stays.
-    EXPECT_EQ(ShellIntegration::removingBlock("# <<< veerline <<<\na\n"), "# <<< veerline <<<\na\n");
-    // A begin marker with no end takes everything after it, final line feed included.
-    EXPECT_EQ(ShellIntegration::removingBlock("a\n# >>> veerline >>>\nb\n"), "a");
-    EXPECT_EQ(ShellIntegration::removingBlock(""), "");
+    const std::string& block = ShellIntegration::block();
+    const std::vector<std::pair<std::string, bool>> lasts = {
+        {"export A=1\n", false}, {block, true}, {block + "\n  \n\t# later comment\n   # another\n\n", true},
+        {"# <<< veerline <<<", true}, {block + "\r\n", true}, {block + "export PATH=/opt/bin:$PATH\n", false},
+        {block + "\n# c\n  alias x=y\n", false},
+        // Text after the marker on its own line counts; the last end marker decides, wherever it stands.
+        {"# <<< veerline <<< echo\n", false}, {"echo # <<< veerline <<<\n# fine\n", true}};
+    for (const auto& [text, last] : lasts) EXPECT_EQ(ShellIntegration::blockIsLast(text), last) << text;
 }
 
-TEST(ShellBlockTest, BlockIsLast) {
-    const std::string& block = ShellIntegration::block();
-    EXPECT_FALSE(ShellIntegration::blockIsLast("export A=1\n"));
-    EXPECT_TRUE(ShellIntegration::blockIsLast(block));
-    EXPECT_TRUE(ShellIntegration::blockIsLast(block + "\n  \n\t# later comment\n   # another\n\n"));
-    EXPECT_TRUE(ShellIntegration::blockIsLast("# <<< veerline <<<"));
-    EXPECT_TRUE(ShellIntegration::blockIsLast(block + "\r\n"));
-    EXPECT_FALSE(ShellIntegration::blockIsLast(block + "export PATH=/opt/bin:$PATH\n"));
-    EXPECT_FALSE(ShellIntegration::blockIsLast(block + "\n# c\n  alias x=y\n"));
-    // Text after the marker on its own line counts.
-    EXPECT_FALSE(ShellIntegration::blockIsLast("# <<< veerline <<< echo\n"));
-    // The last end marker decides, wherever it stands.
-    EXPECT_TRUE(ShellIntegration::blockIsLast("echo # <<< veerline <<<\n# fine\n"));
+TEST(InstallStateTest, DecodingIsLenientAboutExtrasAndStrictAboutTypes) {
+    auto state = InstallState::decoded(
+        R"({"version": 7, "extra": [1], "files": [{"path": "/p", "existedBefore": false,
+            "addedNewline": true, "installedSHA256": "h", "backupPath": null, "other": 1}]})");
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->version, 7);
+    EXPECT_EQ(state->installedAt, std::nullopt);
+    EXPECT_EQ(state->files, std::vector<FileRecord>{(FileRecord{"/p", false, std::nullopt, true, "h"})});
+    EXPECT_EQ(InstallState::decoded(R"({"version": 2.0, "files": []})")->version, 2);
+
+    for (const char* broken : {"", "{", "[]", "not json", R"({"files": []})", R"({"version": 1})",
+                               R"({"version": "1", "files": []})", R"({"version": 1.5, "files": []})",
+                               R"({"version": 1, "files": {}})", R"({"version": 1, "files": [1]})",
+                               R"({"version": 1, "installedAt": 5, "files": []})",
+                               R"({"version": 1, "files": [{"path": "/p", "existedBefore": false,
+                                   "addedNewline": true}]})",
+                               R"({"version": 1, "files": [{"path": "/p", "existedBefore": 0, "addedNewline": true,
+                                   "installedSHA256": "h"}]})"}) {
+        EXPECT_EQ(InstallState::decoded(broken), std::nullopt) << broken;
+    }
 }
 
 TEST_F(ShellIntegrationTest, TargetFilesAndZdotdir) {
-    EXPECT_EQ(shell.targetFiles(), std::vector<std::string>{home + "/.zshrc"});
-    testing::writeFile(home + "/.bash_profile", "");
-    EXPECT_EQ(shell.targetFiles(), (std::vector<std::string>{home + "/.zshrc", home + "/.bash_profile"}));
-    testing::writeFile(home + "/.bashrc", "");
-    EXPECT_EQ(shell.targetFiles(),
-              (std::vector<std::string>{home + "/.zshrc", home + "/.bashrc", home + "/.bash_profile"}));
+    const Names all = {zshrc, home + "/.bashrc", home + "/.bash_profile"};
+    EXPECT_EQ(shell.targetFiles(), Names{zshrc});
+    writeFile(home + "/.bash_profile", "");
+    EXPECT_EQ(shell.targetFiles(), (Names{zshrc, home + "/.bash_profile"}));
+    writeFile(home + "/.bashrc", "");
+    EXPECT_EQ(shell.targetFiles(), all);
     // A dangling link is the user's too.
     ::unlink((home + "/.bashrc").c_str());
-    testing::makeSymlink(root / "missing", home + "/.bashrc");
-    EXPECT_EQ(shell.targetFiles(),
-              (std::vector<std::string>{home + "/.zshrc", home + "/.bashrc", home + "/.bash_profile"}));
+    makeSymlink(root / "missing", home + "/.bashrc");
+    EXPECT_EQ(shell.targetFiles(), all);
 
     Paths paths(home, "/Applications");
     EXPECT_EQ(ShellIntegration(paths, {{"ZDOTDIR", "/Users/x/.config//zsh/"}}).targetFiles().front(),
               "/Users/x/.config/zsh/.zshrc");
     ShellIntegration same(paths, {{"ZDOTDIR", home + "/./"}});
     EXPECT_EQ(same.zdotdir(), std::nullopt);
-    EXPECT_EQ(same.targetFiles().front(), home + "/.zshrc");
+    EXPECT_EQ(same.targetFiles().front(), zshrc);
     for (const char* ignored : {"config/zsh", ""}) {
         EXPECT_EQ(ShellIntegration(paths, {{"ZDOTDIR", ignored}}).zdotdir(), std::nullopt) << ignored;
     }
 }
 
-TEST_F(ShellIntegrationTest, WriteIsAtomicAndKeepsModeAndLinks) {
-    std::string target = root / "dotfiles/bashrc";
-    testing::writeFile(target, "old\n", 0640);
-    testing::makeSymlink(target, home + "/.bashrc");
+TEST_F(ShellIntegrationTest, FileOperationsAreAtomicKeepModesAndLinksAndLeaveNoTemporaryFiles) {
+    const std::string target = root / "dotfiles/bashrc";
+    writeFile(target, "old\n", 0640);
+    makeSymlink(target, home + "/.bashrc");
     shell.write("new\n", home + "/.bashrc");
-    EXPECT_EQ(testing::readFile(target), "new\n");
-    EXPECT_EQ(testing::fileMode(target), 0640u);
-    struct stat info {};
-    ASSERT_EQ(::lstat((home + "/.bashrc").c_str(), &info), 0);
-    EXPECT_TRUE(S_ISLNK(info.st_mode));
-    EXPECT_EQ(entriesOf(root / "dotfiles"), std::vector<std::string>{"bashrc"});
+    EXPECT_EQ(readFile(target), "new\n");
+    EXPECT_EQ(fileMode(target), 0640u);
+    EXPECT_TRUE(fs::is_symlink(home + "/.bashrc"));
+    EXPECT_EQ(entriesOf(root / "dotfiles"), Names{"bashrc"});
 
-    shell.write("fresh", home + "/new-file");
-    EXPECT_EQ(testing::readFile(home + "/new-file"), "fresh");
-    EXPECT_EQ(testing::fileMode(home + "/new-file"), 0644u);
+    const std::string fresh = home + "/new-file";
+    shell.write("fresh", fresh);
+    EXPECT_EQ(readFile(fresh), "fresh");
+    EXPECT_EQ(fileMode(fresh), 0644u);
     // Set-group and sticky bits are kept too.
-    ::chmod((home + "/new-file").c_str(), 03750);
-    shell.write("again", home + "/new-file");
-    EXPECT_EQ(testing::fileMode(home + "/new-file"), 03750u);
-}
+    ::chmod(fresh.c_str(), 03750);
+    shell.write("again", fresh);
+    EXPECT_EQ(fileMode(fresh), 03750u);
 
-TEST_F(ShellIntegrationTest, PlanInstallFailsOnUnreadableFiles) {
-    testing::makeDirs(home + "/.zshrc");
-    EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
-              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
-    ::rmdir((home + "/.zshrc").c_str());
-    testing::writeFile(home + "/.zshrc", "caf\xE9\n");
+    // Renaming a file over a folder that holds something fails for every user, root included.
+    writeFile(zshrc + "/inside", "keep");
+    EXPECT_EQ(errorOf([&] { shell.write("x", zshrc); }), "Couldn't write ~/.zshrc: " + notRegular);
+    EXPECT_EQ(errorOf([&] { shell.planInstall(); }), "Couldn't write ~/.zshrc: " + notRegular);
+    EXPECT_EQ(readFile(zshrc + "/inside"), "keep");
+    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/missing/file"); }),
+              "Couldn't write ~/missing/file: No such file or directory");
+    removeTree(zshrc);
+    writeFile(zshrc, "caf\xE9\n");
     EXPECT_EQ(errorOf([&] { shell.planInstall(); }),
               "Couldn't read ~/.zshrc: The file \u201C.zshrc\u201D couldn't be opened using text encoding "
               "Unicode (UTF-8).");
-}
 
-TEST_F(ShellIntegrationTest, WriteFailureLeavesNoTemporaryFile) {
-    // Renaming a file over a folder that holds something fails for every user, root included.
-    testing::writeFile(home + "/.zshrc/inside", "keep");
-    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/.zshrc"); }),
-              "Couldn't write ~/.zshrc: It isn't a regular file, nor a symbolic link to one. Nothing was changed.");
-    EXPECT_EQ(entriesOf(home), std::vector<std::string>{".zshrc"});
-    EXPECT_EQ(testing::readFile(home + "/.zshrc/inside"), "keep");
-    EXPECT_EQ(errorOf([&] { shell.write("x", home + "/missing/file"); }),
-              "Couldn't write ~/missing/file: No such file or directory");
-}
-
-TEST_F(ShellIntegrationTest, CopyAtomically) {
-    std::string source = root / "source";
-    testing::writeFile(source, "#!/bin/sh\n", 0600);
-    shell.copyAtomically(source, home + "/tool");
-    EXPECT_EQ(testing::readFile(home + "/tool"), "#!/bin/sh\n");
-    EXPECT_EQ(testing::fileMode(home + "/tool"), 0755u);
+    const std::string source = root / "source";
+    const std::string tool = home + "/tool";
+    writeFile(source, "#!/bin/sh\n", 0600);
+    shell.copyAtomically(source, tool);
+    EXPECT_EQ(readFile(tool), "#!/bin/sh\n");
+    EXPECT_EQ(fileMode(tool), 0755u);
     // A stale temporary file of this process is replaced, and an existing copy overwritten.
-    testing::writeFile(home + "/tool.tmp." + std::to_string(::getpid()), "stale");
-    testing::writeFile(source, "v2", 0600);
-    shell.copyAtomically(source, home + "/tool");
-    EXPECT_EQ(testing::readFile(home + "/tool"), "v2");
-    EXPECT_EQ(entriesOf(home), std::vector<std::string>{"tool"});
-
+    writeFile(tool + ".tmp." + std::to_string(::getpid()), "stale");
+    writeFile(source, "v2", 0600);
+    shell.copyAtomically(source, tool);
+    EXPECT_EQ(readFile(tool), "v2");
     EXPECT_EQ(errorOf([&] { shell.copyAtomically(root / "nope", home + "/other"); }),
               "Couldn't install ~/other: No such file or directory");
-    EXPECT_EQ(entriesOf(home), std::vector<std::string>{"tool"});
+    EXPECT_EQ(entriesOf(home), (Names{".bashrc", ".zshrc", "new-file", "tool"}));
+}
+
+TEST_F(ShellIntegrationTest, InstallRecordBacksUpOnceAndSurvivesAFailedWrite) {
+    shell.createDirectory(shell.backups());
+    writeFile(zshrc, "export A=1");
+    shell.recordInstall(shell.planInstall());
+    EXPECT_EQ(readFile(zshrc), "export A=1\n" + ShellIntegration::block());
+
+    auto state = shell.loadState();
+    ASSERT_TRUE(state && state->installedAt);
+    EXPECT_EQ(state->version, 1);
+    EXPECT_TRUE(std::regex_match(*state->installedAt, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+    ASSERT_EQ(state->files.size(), 1u);
+    const FileRecord& record = state->files[0];
+    EXPECT_EQ(record, (FileRecord{zshrc, true, record.backupPath, true, ShellIntegration::sha256(readFile(zshrc))}));
+    ASSERT_TRUE(record.backupPath);
+    EXPECT_TRUE(record.backupPath->starts_with(shell.backups() + "/zshrc.")) << *record.backupPath;
+    EXPECT_TRUE(std::regex_search(*record.backupPath, std::regex(R"(/zshrc\.\d{8}-\d{6}$)"))) << *record.backupPath;
+    EXPECT_EQ(readFile(*record.backupPath), "export A=1");
+    const std::string saved = readFile(shell.stateFile());
+    EXPECT_EQ(saved.back(), '\n');
+
+    // ~/.bashrc links to a folder that holds something: renaming over it fails, root or not.
+    writeFile(root / "dir/inside", "");
+    makeSymlink(root / "dir", home + "/.bashrc");
+    const Changes plan = {
+        {zshrc, true, readFile(zshrc), "b\n" + ShellIntegration::block()},
+        {home + "/.bashrc", false, "", ShellIntegration::block()}};
+    EXPECT_EQ(errorOf([&] { shell.recordInstall(plan); }), "Couldn't write ~/.bashrc: " + notRegular);
+    EXPECT_EQ(readFile(zshrc), plan[0].after);
+    EXPECT_EQ(readFile(shell.stateFile()), saved);
+    EXPECT_FALSE(exists(root / "..dir.veerline-tmp." + std::to_string(::getpid())));
+}
+
+TEST_F(ShellIntegrationTest, InstallLaysOutTheFolderRepairsItAndUninstallTakesItAway) {
+    writeFile(shell.appPathFile(), "/Applications/Old.app\n");
+    // A linked ~/.bashrc keeps its link, and the file it leads to keeps its mode.
+    const std::string bashrc = home + "/.bashrc";
+    const std::string target = root / "dotfiles/bashrc";
+    const std::string mine = "alias ll='ls -l'\n";
+    writeFile(target, mine, 0640);
+    makeSymlink(target, bashrc);
+    const std::string& block = ShellIntegration::block();
+    EXPECT_EQ(installResolverOnly(), (Changes{{zshrc, false, "", block}, {bashrc, true, mine, mine + block}}));
+    EXPECT_TRUE(fs::is_symlink(bashrc));
+    EXPECT_EQ(readFile(target), mine + block);
+    EXPECT_EQ(fileMode(target), 0640u);
+    EXPECT_EQ(shell.loadState()->files[1].path, bashrc);
+    EXPECT_EQ(entriesOf(shell.root()), (Names{"backups", "bin", "install.json", "libexec"}));
+    EXPECT_EQ(entriesOf(shell.libexec()), Names{"veerline-resolve"});
+    EXPECT_EQ(readFile(shell.libexec() + "/veerline-resolve"), readFile(resolver));
+    EXPECT_EQ(fileMode(shell.libexec() + "/veerline-resolve"), 0755u);
+    EXPECT_EQ(entriesOf(home + "/.veerline/bin"), (Names{"claude", "codex"}));
+    for (const char* name : {"claude", "codex"}) {
+        EXPECT_EQ(fs::read_symlink(home + "/.veerline/bin/" + name).string(), "../libexec/veerline-resolve");
+    }
+    EXPECT_EQ(readFile(zshrc), block);
+    // Only the file that was there has a backup.
+    EXPECT_EQ(entriesOf(shell.backups()).size(), 1u);
+    const std::vector<ShellIntegration::Status::Block> blocks = {{zshrc, true}, {bashrc, true}};
+    EXPECT_EQ(shell.status(), (ShellIntegration::Status{true, blocks, std::nullopt, {}}));
+    EXPECT_TRUE(shell.status().isInstalled());
+
+    const std::string claude = home + "/.veerline/bin/claude";
+    ::unlink(claude.c_str());
+    writeFile(claude, "not a link", 0755);
+    installResolverOnly();
+    EXPECT_EQ(fs::read_symlink(claude).string(), "../libexec/veerline-resolve");
+
+    ::unlink((shell.libexec() + "/veerline-resolve").c_str());
+    EXPECT_EQ(shell.status(), (ShellIntegration::Status{false, blocks, std::nullopt, {}}));
+    // An empty app-path file gives an empty path, not none.
+    writeFile(shell.appPathFile(), "");
+    EXPECT_EQ(shell.status().appPath, "");
+
+    EXPECT_EQ(shell.uninstall(), (Changes{{bashrc, true, mine + block, mine}, {zshrc, true, block, ""}}));
+    EXPECT_TRUE(fs::is_symlink(bashrc));
+    EXPECT_EQ(readFile(target), mine);
+    EXPECT_EQ(fileMode(target), 0640u);
+    EXPECT_FALSE(exists(zshrc));
+    EXPECT_FALSE(exists(shell.root()));
+    EXPECT_EQ(shell.status(), ShellIntegration::Status{});
+    EXPECT_FALSE(shell.status().isInstalled());
+}
+
+// Exceeding the file-size limit fails the write for every user, root included.
+TEST_F(ShellIntegrationTest, UnwritableShellFileFailsAndKeepsTheOldFile) {
+    const std::string original(200, '#');
+    writeFile(zshrc, original + "\n");
+    const std::string reportFile = root / "report";
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{300, 300};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        writeFile(reportFile, errorOf([&] { installResolverOnly(); }));
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(readFile(reportFile), "Couldn't write ~/.zshrc: File too large");
+    EXPECT_EQ(readFile(zshrc), original + "\n");
+    EXPECT_EQ(entriesOf(home), (Names{".veerline", ".zshrc"}));
+    EXPECT_FALSE(exists(home + "/..zshrc.veerline-tmp." + std::to_string(child)));
+    EXPECT_FALSE(exists(shell.stateFile()));
+
+    // Nothing was lost: a later install completes and uninstall restores the file.
+    installResolverOnly();
+    shell.uninstall();
+    EXPECT_EQ(readFile(zshrc), original + "\n");
+}
+
+TEST_F(ShellIntegrationTest, AppLocationOptionalExecutablesAndRefresh) {
+    // Nothing installed: nothing is refreshed or recorded.
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_FALSE(exists(shell.root()));
+
+    installResolverOnly();
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
+    shell.recordAppLocation("/opt/veerline");
+    EXPECT_FALSE(exists(shell.appPathFile()));
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_EQ(readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
+    // The same path, written differently on disk, is left as it is.
+    writeFile(shell.appPathFile(), "  /Applications/Veerline.app\n\n");
+    shell.recordAppLocation("/Applications/Veerline.app");
+    EXPECT_EQ(readFile(shell.appPathFile()), "  /Applications/Veerline.app\n\n");
+
+    writeFile(resolver, "#!/bin/sh\necho newer\n", 0755);
+    EXPECT_TRUE(shell.refreshBinariesIfStale(resolver, cli, root / "no-launcher"));
+    EXPECT_EQ(readFile(shell.libexec() + "/veerline-resolve"), "#!/bin/sh\necho newer\n");
+    // The command-line tool is installed, its link isn't made.
+    EXPECT_EQ(readFile(shell.libexec() + "/veerline"), readFile(cli));
+    EXPECT_FALSE(exists(home + "/.veerline/bin/veerline"));
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, cli, std::nullopt));
+
+    const std::string launcher = root / "build/veerline-launcher";
+    const Names all = {"veerline", "veerline-launcher", "veerline-resolve"};
+    writeFile(launcher, "#!/bin/sh\n", 0755);
+    shell.install(resolver, cli, launcher, "/Applications/Veerline.app");
+    EXPECT_EQ(entriesOf(shell.libexec()), all);
+    EXPECT_EQ(fs::read_symlink(home + "/.veerline/bin/veerline").string(), "../libexec/veerline");
+    EXPECT_EQ(readFile(shell.appPathFile()), "/Applications/Veerline.app\n");
+    EXPECT_EQ(shell.status().appPath, "/Applications/Veerline.app");
+    // A launcher that isn't there is skipped; what an earlier install made stays.
+    shell.install(resolver, std::nullopt, root / "missing-launcher", std::nullopt);
+    EXPECT_EQ(entriesOf(shell.libexec()), all);
+    EXPECT_FALSE(exists(shell.appPathFile()));
+
+    // A source that isn't executable is skipped.
+    writeFile(resolver, "changed", 0644);
+    EXPECT_FALSE(shell.refreshBinariesIfStale(resolver, std::nullopt, std::nullopt));
+    shell.uninstall();
+    EXPECT_FALSE(exists(shell.root()));
 }
 
 }  // namespace
-}  // namespace veerline
+}  // namespace veerline::testing
