@@ -1,8 +1,8 @@
 #pragma once
 
 // A temporary HOME for the built binaries: the shims in ~/.veerline/bin, fake real `claude` and
-// `codex` further along PATH that report what they received, and a profiles file with rules,
-// a dotfile-free tree and a terminal default.
+// `codex` further along PATH that report what they received, and a profiles file with two folder
+// rules (~/work, and ~/work/oss inside it) and a terminal default that uses codex alone.
 
 #include <gtest/gtest.h>
 

@@ -56,15 +56,18 @@ protected:
         return text;
     }
 
-    // The profile that applies in `folder` and what decided it; `fromInside` makes the folder the
-    // working folder for the call, so it is looked at relatively.
-    std::string decide(const std::string& folder, bool caseSensitive, bool fromInside = false) {
+    // `fromInside` makes the folder the working folder for the call, so it is looked at relatively.
+    Resolution resolve(const std::string& folder, bool caseSensitive, bool fromInside = false) {
         asked.clear();
         fs::path previous = fromInside ? fs::current_path() : fs::path();
         if (fromInside) fs::current_path(folder);
         auto volume = [&](const std::string& path) { return asked.push_back(path), caseSensitive; };
         Resolution resolution = RuleResolver(document, home, volume).resolve(folder, "/");
         if (fromInside) fs::current_path(previous);
+        return resolution;
+    }
+    // The profile and what decided it, as the cases below spell it.
+    std::string describe(const Resolution& resolution) const {
         std::string text = resolution.profile ? resolution.profile->name : "none";
         if (resolution.source.rule) text += " by " + resolution.source.rule->path;
         if (!resolution.source.path.empty()) text += " by " + resolution.source.path;
@@ -143,7 +146,8 @@ TEST_F(RuleResolverTest, TheDeepestRuleOrADotfileInsideItDecides) {
         for (const auto& [folder, content] : c.dotfiles) writeFile(at(folder) + "/.veerline", content);
         setRules(c.rules);
         document.cliDefault = c.cliDefault ? std::optional(ProfileID(c.cliDefault)) : std::nullopt;
-        EXPECT_EQ(decide(at(c.folder), c.caseSensitive), c.expected);
+        Resolution outside = resolve(at(c.folder), c.caseSensitive);
+        EXPECT_EQ(describe(outside), c.expected);
         std::string askedAbout;
         for (const auto& path : asked) askedAbout += shortened(path);
         if (c.asked) {
@@ -151,7 +155,7 @@ TEST_F(RuleResolverTest, TheDeepestRuleOrADotfileInsideItDecides) {
         }
         // The same answer from inside the folder, where there is one.
         if (fs::is_directory(at(c.folder))) {
-            EXPECT_EQ(decide(at(c.folder), c.caseSensitive, true), c.expected);
+            EXPECT_TRUE(resolve(at(c.folder), c.caseSensitive, true) == outside);
         }
         for (const auto& [folder, content] : c.dotfiles) fs::remove(at(folder) + "/.veerline");
     }
@@ -164,10 +168,11 @@ TEST_F(RuleResolverTest, TheDeepestRuleOrADotfileInsideItDecides) {
     // A working folder deleted while the shell is still in it has no real path: the rules' written
     // forms and their real paths are weighed against the path as given.
     setRules({{"~/to-src", "work"}, {"~/work/project/src", "personal"}});
+    writeFile(at("~/work/project/.veerline"), "client two\n");
     fs::path previous = fs::current_path();
     fs::current_path(at(deep));
     fs::remove(at(deep));
-    EXPECT_EQ(decide(at(deep), true), "Work by ~/to-src");
+    EXPECT_EQ(describe(resolve(at(deep), true)), "Work by ~/to-src");
     fs::current_path(previous);
 }
 
@@ -184,7 +189,7 @@ TEST_F(RuleResolverTest, BindMountOfTheWorkingFoldersParentIsAnotherFolder) {
         }
         auto gives = [&](const Rules& rules, const std::string& inOriginal, const std::string& inMount) {
             setRules(rules);
-            return decide(home + "/work/project", true) == inOriginal && decide(home + "/mounted/project", true) == inMount;
+            return describe(resolve(home + "/work/project", true)) == inOriginal && describe(resolve(home + "/mounted/project", true)) == inMount;
         };
         ::_exit(gives({{"~/mounted", "work"}}, "none", "Work by ~/mounted") && gives({{"~/link", "work"}}, "Work by ~/link", "none") ? 0 : 1);
     }

@@ -45,6 +45,19 @@ TEST(ShimTest, PlansTheProfilesVariablesAndDropsWhatAnEarlierShimLeft) {
     for (const auto& [where, given, expected] : cases) {
         EXPECT_EQ(ShimPlan::changes("claude", given, dir / "home/" + where, document, paths).applied(given), expected) << where;
     }
+
+    // Preparing creates what is missing only: Codex's folder again while it lacks config.toml.
+    const std::string codex = paths.dataDirectory(ToolKind::codex, ProfileID("work"));
+    makeDirs(codex);
+    auto prepare = [&](const std::string& tool) {
+        ShimPlan::prepare(ShimPlan::changes(tool, {}, dir / "home/work", document, paths), tool, paths, {});
+    };
+    prepare("claude");
+    prepare("codex");
+    EXPECT_TRUE(PathUtil::isDirectory(folder) && PathUtil::isRegularFile(codex + "/config.toml"));
+    writeFile(codex + "/config.toml", "# mine\n");
+    prepare("codex");
+    EXPECT_EQ(readFile(codex + "/config.toml"), "# mine\n");
 }
 
 }  // namespace
