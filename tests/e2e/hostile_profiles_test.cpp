@@ -12,7 +12,7 @@
 
 #include <filesystem>
 
-#include "support/test_support.h"
+#include "e2e/temp_home.h"
 
 namespace veerline::testing {
 namespace {
@@ -20,21 +20,16 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-class HostileProfilesTest : public ::testing::Test {
+class HostileProfilesTest : public TempHomeTest {
 protected:
-    TempDir root{"veerline-hostile"};
-    std::string home = root / "home", outside = root / "outside", tools = root / "tools";
-    std::string support = home + "/Library/Application Support/Veerline";
-    std::string profilesFile = support + "/profiles.json";
+    std::string outside = root / "outside";
 
     void SetUp() override {
+        TempHomeTest::SetUp();
+        launcher = {"/usr/bin/timeout", "10"};  // nothing Veerline reads may hang it (exit 124 if it does)
         writeFile(outside + "/canary", "keep");
         // Where SUPPORT/claude-code/work-aaaa leads when claude-code is a link to `outside`.
         writeFile(outside + "/work-aaaa/canary", "keep");
-        for (const std::string tool : {"claude", "codex"}) {
-            writeFakeTool(tools + "/" + tool);
-            makeSymlink(VEERLINE_RESOLVE_BINARY, home + "/.veerline/bin/" + tool);
-        }
     }
 
     // Every path below `outside` with its content, to compare before and after.
@@ -45,21 +40,6 @@ protected:
         }
         return files;
     }
-
-    // Runs under `timeout`: nothing Veerline reads may hang it (exit 124 if it does).
-    RunResult runIn(const std::string& executable, std::vector<std::string> args, const std::string& cwd = "",
-                    const std::string& path = "/usr/bin:/bin") const {
-        RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", path}};
-        options.cwd = cwd.empty() ? home : cwd;
-        args.insert(args.begin(), {"10", executable});
-        return run("/usr/bin/timeout", args, options);
-    }
-    RunResult cli(std::vector<std::string> args) const { return runIn(VEERLINE_CLI_BINARY, std::move(args)); }
-    RunResult shim(const std::string& tool, const std::string& path = "") const {
-        return runIn(home + "/.veerline/bin/" + tool, {}, home, path.empty() ? tools + ":/usr/bin:/bin" : path);
-    }
-    std::string prompt(const std::string& cwd = "") const { return runIn(VEERLINE_RESOLVE_BINARY, {"--prompt"}, cwd).out; }
 
     // A profiles file with a rule for the home folder and the terminal default on the first profile.
     std::string writeProfiles(const json& profiles) const {
@@ -104,12 +84,10 @@ TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByThe
         }
         // The shims pass the tools through unchanged; the prompt shows nothing.
         for (const std::string tool : {"claude", "codex"}) {
-            RunResult result = shim(tool);
-            ASSERT_EQ(result.exitCode, 0) << result.err;
-            auto environment = parseFakeToolReport(result.out).environment;
+            auto environment = report(tool, home).environment;
             EXPECT_FALSE(environment.contains("CLAUDE_CONFIG_DIR") || environment.contains("CODEX_HOME")) << text;
         }
-        EXPECT_EQ(prompt() + readFile(profilesFile), text);
+        EXPECT_EQ(prompt(home) + readFile(profilesFile), text);
         EXPECT_EQ(readFile(support + "/claude-code/keep/canary") + readFile(support + "/codex/keep/canary"), "keepkeep");
         EXPECT_EQ(outsideFiles(), before) << text;
     }
@@ -117,8 +95,7 @@ TEST_F(HostileProfilesTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByThe
 
 TEST_F(HostileProfilesTest, SpecialFilesNeitherHangNorSwampAReader) {
     const std::string good = writeProfiles(json::array({{{"id", "work"}, {"name", "Work"}}}));
-    const std::string appPath = home + "/.veerline/app-path", dotfileFolder = home + "/p";
-    makeDirs(dotfileFolder);
+    const std::string appPath = home + "/.veerline/app-path";
 
     for (const std::string kind : {"fifo", "/dev/zero", "huge"}) {
         auto plant = [&](const std::string& path, const std::string& content) {
@@ -134,24 +111,22 @@ TEST_F(HostileProfilesTest, SpecialFilesNeitherHangNorSwampAReader) {
         EXPECT_EQ(listed.exitCode, 1) << kind;
         EXPECT_EQ(listed.err, "veerline: Couldn't read " + profilesFile + ": " +
                                   (kind == "huge" ? "the file is too large (over 4 MB).\n" : "it isn't a regular file.\n"));
-        EXPECT_EQ(prompt(), "") << kind;
-        RunResult passedThrough = shim("claude");
-        EXPECT_EQ(passedThrough.exitCode, 0) << kind;
-        EXPECT_FALSE(parseFakeToolReport(passedThrough.out).environment.contains("CLAUDE_CONFIG_DIR")) << kind;
+        EXPECT_EQ(prompt(home), "") << kind;
+        EXPECT_FALSE(report("claude", home).environment.contains("CLAUDE_CONFIG_DIR")) << kind;
         fs::remove(profilesFile);
         writeFile(profilesFile, good);
 
         // The hint files and the dotfile are passed over: Veerline still answers.
         plant(appPath, "/no/such/app");
-        EXPECT_EQ(prompt(), "Work\n") << kind;
-        EXPECT_EQ(parseFakeToolReport(shim("claude").out).environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
+        EXPECT_EQ(prompt(home), "Work\n") << kind;
+        EXPECT_EQ(report("claude", home).environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
         fs::remove(appPath);
         plant(support + "/codex-app-path", "/no/such/ChatGPT.app");
-        RunResult noCodex = shim("codex", "/usr/bin:/bin");
+        RunResult noCodex = shim("codex", home, {{"PATH", "/usr/bin:/bin"}});
         EXPECT_EQ(noCodex.exitCode, 127) << kind;
         EXPECT_EQ(noCodex.err, "veerline: couldn't find the real `codex` on your PATH. Is it installed?\n");
-        plant(dotfileFolder + "/.veerline", "Nobody");
-        EXPECT_EQ(prompt(dotfileFolder), "Work\n") << kind;
+        plant(home + "/music/.veerline", "Nobody");
+        EXPECT_EQ(prompt(home + "/music"), "Work\n") << kind;
     }
 }
 
@@ -213,13 +188,13 @@ TEST_F(HostileProfilesTest, ForeignFilesOutputFailuresKillsAndEscapes) {
     // A control character reaching output (here from a folder name) is shown escaped.
     const std::string folder = home + "/a\x1b]0;x\x07";
     writeFile(folder + "/.veerline", "Nobody");
-    EXPECT_EQ(runIn(VEERLINE_CLI_BINARY, {"which"}, folder).out,
+    EXPECT_EQ(cli({"which"}, {}, folder).out,
               "No profile applies here: no folder rule, dotfile or terminal default covers it.\nWarning: " + home +
                   "/a\\x1B]0;x\\x07/.veerline names \u201CNobody\u201D, but there's no profile with that name.\n");
-    RunResult full = runIn("/bin/sh", {"-c", R"(exec "$0" profile add Zed > /dev/full)", VEERLINE_CLI_BINARY});
+    RunResult full = start("/bin/sh", {"-c", R"(exec "$0" profile add Zed > /dev/full)", VEERLINE_CLI_BINARY}, in(home));
     EXPECT_EQ(full.err, "veerline: Couldn't write to standard output: No space left on device\n");
     EXPECT_EQ(full.exitCode, 1);
-    RunResult limited = runIn("/bin/sh", {"-c", R"(ulimit -f 0 && exec "$0" profile add Big)", VEERLINE_CLI_BINARY});
+    RunResult limited = start("/bin/sh", {"-c", R"(ulimit -f 0 && exec "$0" profile add Big)", VEERLINE_CLI_BINARY}, in(home));
     // starts_with: a coverage build's own data files can't be written under this limit either.
     EXPECT_TRUE(limited.exitCode == 1 && limited.err.starts_with("veerline: Couldn't save profiles: File too large\n"))
         << limited.err;
