@@ -36,10 +36,7 @@ TEST(CliLoginTest, ToolArgumentsKeysFromStandardInputAndUsageErrors) {
     writeFile(codexHome + "/config.toml", "cli_auth_credentials_store = \"keyring\"\n");
     RunResult failed = cli({"login", "Work", "codex", "--api-key"}, key);
     EXPECT_EQ(failed.exitCode, 1);
-    EXPECT_NE(failed.err.find("Error logging in: failed to write OAuth tokens to keyring: Platform secure storage "
-                              "failure: no secret service provider or dbus session found"),
-              std::string::npos)
-        << failed.err;
+    EXPECT_NE(failed.err.find("Error logging in: failed to write OAuth tokens to keyring"), std::string::npos) << failed.err;
     EXPECT_EQ((failed.out + failed.err).find(key), std::string::npos);
     EXPECT_FALSE(exists(codexHome + "/auth.json"));
 

@@ -5,14 +5,14 @@ set -euo pipefail
 
 fail() { echo "secret_service.sh: FAILED: $*" >&2; exit 1; }
 expect_eq() { [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"; }  # description, expected, actual
-# veerline with HOME, a plain PATH and the bus only; sets $status and $out, standard error in $tmp/err.
-v() {
+v() {  # veerline with HOME, a plain PATH and the bus only; sets $status and $out, standard error in $tmp/err
     status=0
     env -i HOME="$h" PATH=/usr/bin:/bin XDG_RUNTIME_DIR="$runtime" \
         ${DBUS_SESSION_BUS_ADDRESS:+DBUS_SESSION_BUS_ADDRESS="$DBUS_SESSION_BUS_ADDRESS"} \
         "$VEERLINE_BUILD_DIR/veerline" "$@" >"$tmp/out" 2>"$tmp/err" <"${input:-/dev/null}" || status=$?
     out=$(cat "$tmp/out")
 }
+expect_out() { "${@:3}"; expect_eq "$1" "$2" "$status $out"; }  # description, exit status and output, command...
 with_input() { printf '%s' "$1" >"$tmp/in"; input="$tmp/in" "${@:2}"; }  # text, command...
 expect_failure() {  # part of the message, command...
     "${@:2}"
@@ -44,8 +44,7 @@ start)
     done
     expect_eq "files after failed secret commands" "$before" "$(listing)"
 
-    # A bus per stage; services it starts on demand inherit this environment and its temporary HOME.
-    for next in fresh unlocked; do
+    for next in fresh unlocked; do  # a bus per stage; what it starts on demand inherits this environment and HOME
         mkdir -p "$tmp/home-$next" "$tmp/runtime-$next"
         env -u XDG_DATA_HOME -u XDG_CONFIG_HOME -u XDG_CACHE_HOME -u DISPLAY -u WAYLAND_DISPLAY \
             HOME="$tmp/home-$next" XDG_RUNTIME_DIR="$tmp/runtime-$next" \
@@ -53,8 +52,7 @@ start)
     done
     echo "secret_service.sh: all good"
     ;;
-fresh)
-    # The bus starts gnome-keyring on demand; nobody can answer its prompt to create a keyring here.
+fresh)  # the bus starts gnome-keyring on demand; nobody can answer its prompt to create a keyring here
     v profile add Work
     expect_failure "no default collection" with_input "sk-fresh" v secret set Work claude
     ;;
@@ -67,33 +65,27 @@ unlocked)
     for _ in $(seq 100); do serving && break || sleep 0.1; done
     serving && kill -0 "$keyring" 2>/dev/null || fail "gnome-keyring-daemon didn't start a Secret Service"
 
-    # Other applications' items, one a near miss of Veerline's names; secret-tool shows the schema line
+    # Other applications' items, one a near miss of Veerline's names. secret-tool shows the schema line
     # only once the daemon has loaded it, so it isn't compared.
-    for s in com.example.other app.veerlinex; do printf 'other' | secret-tool store --label="Other app" service $s account api-key; done
+    for s in com.example.other app.veerlinex; do printf 'x' | secret-tool store --label="Other app" service $s account api-key; done
     others() { for s in com.example.other app.veerlinex; do secret-tool search --all service $s; done 2>&1 | grep -v '^schema = '; }
     others_before=$(others)
 
     v profile add Work --tools claude,codex
     work=$out
     expect_failure "has no Claude Code key" v secret get Work claude
-    with_input $'sk-one\n' v secret set Work claude
-    expect_eq "secret set" '0 Stored the Claude Code key of “Work”.' "$status $out"
+    expect_out "secret set" '0 Stored the Claude Code key of “Work”.' with_input $'sk-one\n' v secret set Work claude
     expect_eq "secret-tool sees the key, without the line feed" "sk-one" "$(lookup "$work" claude-code)"
     with_input "sk-two" v secret set work claude-code
     with_input "sk-codex" v secret set "$work" codex
-    v secret get Work claude
-    expect_eq "secret get after a replace" "0 sk-two" "$status $out"
+    expect_out "secret get after a replace" "0 sk-two" v secret get Work claude
     expect_eq "items after a replace" 1 "$(secret-tool search --all service "app.veerline.profile.$work.claude-code" 2>&1 | grep -c '^label = Veerline$')"
-    for _ in 1 2; do
-        v secret delete Work claude
-        expect_eq "secret delete" '0 No Claude Code key is stored for “Work” now.' "$status $out"
-    done
+    for _ in 1 2; do expect_out "secret delete" '0 No Claude Code key is stored for “Work” now.' v secret delete Work claude; done
     expect_eq "keys after deleting Claude Code's" ":sk-codex" "$(lookup "$work" claude-code):$(lookup "$work" codex)"
 
-    # login --api-key: Claude Code's key helper prints the key; the other settings stay.
     data="$h/Library/Application Support/Veerline/claude-code/$work"
     printf '{\n  "theme": "dark",\n  "model": "opus"\n}\n' | install -D -m 600 /dev/stdin "$data/settings.json"
-    with_input "sk-three" v login Work claude --api-key
+    with_input "sk-three" v login Work claude --api-key  # Claude Code's key helper prints the key; the other settings stay
     expect_eq "login --api-key, then the settings' mode" "0 600" "$status $(stat -c %a "$data/settings.json")"
     helper=$(python3 -c 'import json,sys; s=json.load(open(sys.argv[1])); print(s["theme"], s["model"], list(s)); print(s["apiKeyHelper"])' "$data/settings.json")
     expect_eq "other settings kept" "dark opus ['theme', 'model', 'apiKeyHelper']" "$(head -1 <<<"$helper")"

@@ -11,7 +11,6 @@
 #include <iostream>
 #include <iterator>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -59,9 +58,8 @@ std::string readWhole(Stream&& in) {
 }
 
 // The value of `cli_auth_credentials_store`; Codex keeps credentials in a file by default.
-Store storeOf(const std::string& config) {
-    std::istringstream lines(config);
-    for (std::string line; std::getline(lines, line);) {
+Store storeOf(std::istream&& config) {
+    for (std::string line; std::getline(config, line);) {
         if (!line.starts_with("cli_auth_credentials_store")) continue;
         if (line.find("\"keyring\"") != std::string::npos) return keyring;
         if (line.find("\"auto\"") != std::string::npos) return automatic;
@@ -73,7 +71,7 @@ int answerAsCodex(const std::vector<std::string_view>& arguments) {
     auto variable = [](const char* name) { return std::string(std::getenv(name) ? std::getenv(name) : ""); };
     std::string folder = variable("CODEX_HOME").empty() ? variable("HOME") + "/.codex" : variable("CODEX_HOME");
     std::string authFile = folder + "/auth.json", auth = readWhole(std::ifstream(authFile));
-    Store store = storeOf(readWhole(std::ifstream(folder + "/config.toml")));
+    Store store = storeOf(std::ifstream(folder + "/config.toml"));
     std::string field = "\"OPENAI_API_KEY\": \"", key;
     if (auto start = auth.find(field); start != std::string::npos) {
         start += field.size();
@@ -92,8 +90,7 @@ int answerAsCodex(const std::vector<std::string_view>& arguments) {
                 return 1;
             }
             if (answer.exitCode == 0) {
-                std::ofstream(authFile) << "{\n  \"auth_mode\": \"apikey\",\n  \"OPENAI_API_KEY\": \"" << key
-                                        << "\"\n}";
+                std::ofstream(authFile) << "{\n  \"auth_mode\": \"apikey\",\n  \"OPENAI_API_KEY\": \"" + key + "\"\n}";
                 ::chmod(authFile.c_str(), 0600);
             }
         }

@@ -18,8 +18,6 @@
 namespace veerline {
 namespace {
 
-using testing::failureOf;
-
 TEST(KeychainStoreTest, ForeignServicesAreRefusedBeforeAnyStoreIsAsked) {
     // A bus that isn't there: had the guard let a call through, it would fail otherwise.
     ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/veerline-test-bus", 1);
@@ -28,12 +26,12 @@ TEST(KeychainStoreTest, ForeignServicesAreRefusedBeforeAnyStoreIsAsked) {
          {"com.example.mail", "app.veerline.", "app.veerline", "", "com.other.app.veerline.x", "APP.VEERLINE.x"}) {
         VeerlineError expected =
             VeerlineError::unsupported("Refused Keychain access to \u201C" + service + "\u201D: not a Veerline item.");
-        EXPECT_EQ(failureOf([&] { store.read(service, "api-key"); }), expected);
-        EXPECT_EQ(failureOf([&] { store.write("secret", service, "api-key"); }), expected);
-        EXPECT_EQ(failureOf([&] { store.remove(service, "api-key"); }), expected);
+        EXPECT_EQ(testing::failureOf([&] { store.read(service, "api-key"); }), expected);
+        EXPECT_EQ(testing::failureOf([&] { store.write("secret", service, "api-key"); }), expected);
+        EXPECT_EQ(testing::failureOf([&] { store.remove(service, "api-key"); }), expected);
     }
     // Past the guard, the missing bus is reported in plain words.
-    VeerlineError unreachable = failureOf([&] { store.read("app.veerline.x", "api-key"); });
+    VeerlineError unreachable = testing::failureOf([&] { store.read("app.veerline.x", "api-key"); });
     EXPECT_EQ(unreachable.status(), KeychainStore::notAvailableStatus);
     EXPECT_TRUE(unreachable.errorDescription().starts_with("No Secret Service is running")) << unreachable.what();
 }

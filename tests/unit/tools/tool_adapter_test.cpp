@@ -1,30 +1,116 @@
-// The Claude Code and Codex adapters in a temporary home, against `claude` and `codex` scripts that
-// record how they were run, and against the fake `codex` that answers as codex-cli 0.169.0 does on a
-// machine without a Secret Service.
+// The process runner on real children, and the Claude Code and Codex adapters in a temporary home,
+// against `claude` and `codex` scripts that record how they were run and against the fake `codex`
+// that answers as codex-cli 0.169.0 does on a machine without a Secret Service.
 
 #include "tools/tool_adapter.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+
+#include <chrono>
+#include <fstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
+#include "platform/platform.h"
 #include "shell/shell_quote.h"
 #include "support/failure.h"
 #include "support/folder_entries.h"
 #include "support/test_support.h"
 #include "tools/claude_code_adapter.h"
 #include "tools/codex_adapter.h"
+#include "tools/process_runner.h"
 
 namespace veerline {
 namespace {
 
-using testing::failureOf;
 using LoginState = CodexAdapter::LoginState;
 
-TEST(ToolAnswerParseTest, CodexFirstDecidingLineAndClaudeCodeJSONAfterABanner) {
+TEST(ProcessRunnerTest, OutputsExitAndTimeOutsOfRealChildren) {
+    testing::TempDir dir;
+    // The background sleeps outlive their runs on purpose; each is ended by its own id.
+    struct Reaper {
+        std::string pids;
+        ~Reaper() { std::ifstream in(pids); for (pid_t pid; in >> pid;) ::kill(pid, SIGKILL); }
+    } reaper{dir / "pids"};
+    std::string background = "sleep 30 & echo $! >> '" + reaper.pids + "'; ";
+    struct Case {
+        std::string script; double timeout; int exitCode; std::string out, err; bool timedOut; double atLeast, below;
+    };
+    const Case cases[] = {
+        {"printf out; printf err >&2; exit 3", 10.0, 3, "out", "err", false, 0, 10},
+        // 1 MiB on stderr first: a runner that read stdout alone would deadlock on the full pipe.
+        {"head -c 1048576 /dev/zero | tr '\\0' x >&2; printf done", 20.0, 0, "done", std::string(1 << 20, 'x'),
+         false, 0, 20},
+        {"trap '' TERM; while :; do sleep 0.1; done", 0.5, SIGKILL, "", "", true, 2.4, 5.0},
+        // Closing its outputs early doesn't save a child from the time-out.
+        {"exec >&- 2>&-; exec sleep 30", 0.5, SIGTERM, "", "", true, 0, 3.0},
+        // A descendant holding the pipes: an exited child returns promptly, a timed-out one within the
+        // time-out, the SIGTERM grace and at most one short pipe grace.
+        {background + "printf hello; exit 4", 10.0, 4, "hello", "", false, 0, 3.0},
+        {background + "trap '' TERM; while :; do sleep 0.1; done", 0.5, SIGKILL, "", "", true, 0, 6.0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.script);
+        auto start = std::chrono::steady_clock::now();
+        ProcessResult result = ProcessRunner::runSync("/bin/sh", {"-c", c.script}, {{"PATH", testing::systemPath()}},
+                                                      c.timeout);
+        double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_EQ(result.exitCode, c.exitCode);
+        EXPECT_EQ(result.standardOutput, c.out);
+        EXPECT_TRUE(result.standardError == c.err) << result.standardError.size() << " bytes on stderr";
+        EXPECT_EQ(result.timedOut, c.timedOut);
+        EXPECT_GE(elapsed, c.atLeast);
+        EXPECT_LT(elapsed, c.below);
+        if (c.err.empty()) { EXPECT_EQ(result.combinedOutput(), c.out); }
+    }
+    EXPECT_EQ(ProcessRunner::runSync("/bin/sh", {"-c", "printf out; printf err >&2"}, {}, 10.0).combinedOutput(),
+              "out\nerr");
+}
+
+TEST(ProcessRunnerTest, PassesArgumentsAndOnlyTheGivenEnvironmentWhileOtherRunsGoOn) {
+    testing::TempDir dir;
+    testing::writeFakeTool(dir / "tool");
+    auto pending = ProcessRunner::run(dir / "tool", {"a b", "", "'q'"}, {{"ONLY", "this"}}, 10.0);
+    // What can't be started is reported as a launch failure.
+    testing::writeFile(dir / "not-executable", "#!/bin/sh\n", 0644);
+    const std::pair<std::string, std::string> launches[] = {{dir / "no-such-tool", "No such file or directory"},
+                                                            {dir / "not-executable", "Permission denied"}};
+    for (const auto& [path, reason] : launches) {
+        ProcessResult failed = ProcessRunner::runSync(path, {}, {}, 5.0);
+        EXPECT_EQ(failed.exitCode, 127);
+        EXPECT_EQ(failed.standardOutput, "");
+        EXPECT_FALSE(failed.timedOut);
+        EXPECT_EQ(failed.standardError, "Couldn't run " + path + ": " + reason);
+    }
+
+    ProcessResult result = pending.get();
+    ASSERT_EQ(result.exitCode, 0) << result.standardError;
+    auto report = testing::parseFakeToolReport(result.standardOutput);
+    EXPECT_EQ(report.argv0, dir / "tool");
+    EXPECT_EQ(report.arguments, (std::vector<std::string>{"a b", "", "'q'"}));
+    EXPECT_EQ(report.environment, (std::map<std::string, std::string>{{"ONLY", "this"}}));
+}
+
+TEST(ProcessRunnerTest, BaseEnvironmentKeepsOnlyTheKnownNames) {
+    Environment from{{"HOME", "/h"}, {"http_proxy", "p"}, {"UNRELATED", "x"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(from), (Environment{{"HOME", "/h"}, {"http_proxy", "p"}}));
+
+    // Names match exactly: case matters, and the tools' own variables are dropped.
+    Environment other{{"Path", "/x"}, {"CLAUDE_CONFIG_DIR", "/y"}, {"NO_PROXY", ""}, {"__CF_USER_TEXT_ENCODING", "0"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(other), (Environment{{"NO_PROXY", ""}, {"__CF_USER_TEXT_ENCODING", "0"}}));
+
+    // Status checks can reach the session's keyring, where this system has one.
+    if (platform::sessionServiceVariables().empty()) return;
+    Environment session{{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/1000/bus"}, {"XDG_RUNTIME_DIR", "/run/user/1000"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(session), session);
+}
+
+TEST(ToolAnswerTest, CodexFirstDecidingLineClaudeCodeJSONAfterABannerAndAccountJSON) {
     const std::vector<std::pair<std::string, LoginState>> cases = {
         {"Logged in using ChatGPT\n", LoginState::signedIn("ChatGPT")},
         {"Logged in using an API key - sk-proj-***ABCD", LoginState::signedIn("API key")},
@@ -47,24 +133,8 @@ TEST(ToolAnswerParseTest, CodexFirstDecidingLineAndClaudeCodeJSONAfterABanner) {
         "  \"orgName\": \"Acme\", \"orgId\": \"o-1\", \"subscriptionType\": \"max\",\n"
         "  \"authMethod\": \"claude.ai\"\n}\ntrailing line\n");
     EXPECT_EQ(parsed, (ClaudeCodeAdapter::AuthStatus{true, {"ana@example.com", "Acme", "o-1", "max", "claude.ai"}}));
-}
 
-TEST(ShellQuoteTest, QuotedWordsReadBackThroughARealShell) {
-    testing::RunOptions options;
-    options.environment = {{"PATH", testing::systemPath()}};
-    // Plain words (Unicode letters and numbers, a few safe marks) stay as they are.
-    for (const char* plain : {"abcXYZ019-_./:=@%+,", "Caf\u00E9", "Cafe\u0301", "\u65E5\u672C\u0663"}) {
-        EXPECT_EQ(ShellQuote::quote(plain), plain);
-    }
-    // Everything else, read back by the shell exactly, even after a letter that joins what follows.
-    for (std::string word : {"", "it's a \"test\" $HOME `x` \\ ; |", "~", "a\nb", "'", "*", "bad\xFF", "Caf\u00E9",
-                             "\u0D4E;echo", "\u0D4E$(id)", "-n"}) {
-        auto result = testing::run("/bin/sh", {"-c", "printf '%s' " + ShellQuote::quote(word)}, options);
-        EXPECT_EQ(result.out, word) << ShellQuote::quote(word);
-    }
-}
-
-TEST(AccountInfoTest, JSONFormLeavesOutAbsentFields) {
+    // The account as Veerline keeps it: absent fields left out.
     AccountInfo account{"a@b.c", std::nullopt, "o1", "max", std::nullopt};
     nlohmann::json json = account.toJSON();
     EXPECT_EQ(json, nlohmann::json::parse(R"({"email":"a@b.c","organizationID":"o1","plan":"max"})"));
@@ -91,7 +161,6 @@ protected:
     ClaudeCodeAdapter claude{context};
     CodexAdapter codex{context};
     Profile work = profile("work");
-    Profile system = profile("home", Profile::Storage::system);
     std::string claudeFolder = paths.supportDirectory() + "/claude-code/work";
     std::string codexFolder = paths.supportDirectory() + "/codex/work";
 
@@ -119,11 +188,7 @@ protected:
         EXPECT_EQ(report.environment, expected);
     }
 
-    static AccountInfo method(const std::string& name) {
-        AccountInfo account;
-        account.method = name;
-        return account;
-    }
+    static AccountInfo method(std::string name) { return {std::nullopt, std::nullopt, std::nullopt, std::nullopt, name}; }
 };
 
 TEST_F(ToolAdapterTest, StatusAsksEachToolInTheProfilesFolderThenSignsOutBeforeDeleting) {
@@ -137,12 +202,7 @@ TEST_F(ToolAdapterTest, StatusAsksEachToolInTheProfilesFolderThenSignsOutBeforeD
     codex.prepare(work);
 
     const ToolStatus signedOut = ToolStatus::needsAttention("Signed out. Sign in again.");
-    struct Case {
-        const ToolAdapter& adapter;
-        std::string behaviour;
-        ToolStatus status;
-    };
-    const Case cases[] = {
+    const std::vector<std::tuple<const ToolAdapter&, std::string, ToolStatus>> cases = {
         {claude, "echo '{\"loggedIn\": false}'", signedOut},
         {claude, "echo '{\"loggedIn\": \"yes\"}'; exit 3",
          ToolStatus::needsAttention("Couldn't read `claude auth status` (exit 3).")},
@@ -170,7 +230,7 @@ TEST_F(ToolAdapterTest, StatusAsksEachToolInTheProfilesFolderThenSignsOutBeforeD
     }
     // Signed out of the tool's own default folder: a system profile isn't set up.
     install(bin + "/codex", "echo 'Not logged in'; exit 1");
-    EXPECT_EQ(codex.status(system), ToolStatus::notSetUp());
+    EXPECT_EQ(codex.status(profile("home", Profile::Storage::system)), ToolStatus::notSetUp());
     expectRun({"login", "status"}, {});
 
     install(bin + "/claude", "exit 1");
@@ -253,7 +313,6 @@ TEST_F(ToolAdapterTest, CodexStarterConfigIsWrittenOnceAndLetsCodexSignInWithout
     const std::vector<std::pair<std::string, bool>> cases = {
         {keyringStarter, true},
         {starter + "model = \"o3\"\n", false},
-        {keyringStarter + "model = \"o3\"\n", false},
         {keyringStarter.substr(0, keyringStarter.size() - 1), false},
         {"cli_auth_credentials_store = \"keyring\"\n", false}};
     for (const auto& [content, replaced] : cases) {
@@ -281,11 +340,21 @@ TEST_F(ToolAdapterTest, CodexStarterConfigIsWrittenOnceAndLetsCodexSignInWithout
     EXPECT_EQ(testing::readFile(config), keyringStarter);
 }
 
-TEST_F(ToolAdapterTest, SignInCommandLineRunsAsDescribed) {
-    testing::writeFakeTool(dir / "fake tool");
-    SignInCommand command{dir / "fake tool", {"it's", ""}, {{"SET_ME", "a b"}}, {"DROP_ME"}};
+TEST_F(ToolAdapterTest, SignInCommandLineRunsAsDescribedInARealShell) {
     testing::RunOptions options;
     options.environment = {{"PATH", testing::systemPath()}, {"DROP_ME", "1"}, {"KEEP", "k"}};
+    // Plain words (Unicode letters and numbers, a few safe marks) stay as they are.
+    for (const char* plain : {"abcXYZ019-_./:=@%+,", "Caf\u00E9", "Cafe\u0301", "\u65E5\u672C\u0663"})
+        EXPECT_EQ(ShellQuote::quote(plain), plain);
+    // Everything else, read back by the shell exactly, even after a letter that joins what follows.
+    for (std::string word : {"", "it's a \"test\" $HOME `x` \\ ; |", "~", "a\nb", "'", "*", "bad\xFF", "Caf\u00E9",
+                             "\u0D4E;echo", "\u0D4E$(id)", "-n"}) {
+        auto result = testing::run("/bin/sh", {"-c", "printf '%s' " + ShellQuote::quote(word)}, options);
+        EXPECT_EQ(result.out, word) << ShellQuote::quote(word);
+    }
+
+    testing::writeFakeTool(dir / "fake tool");
+    SignInCommand command{dir / "fake tool", {"it's", ""}, {{"SET_ME", "a b"}}, {"DROP_ME"}};
     auto result = testing::run("/bin/sh", {"-c", command.shellLine()}, options);
     ASSERT_EQ(result.exitCode, 0) << result.err;
     auto report = testing::parseFakeToolReport(result.out);
@@ -294,15 +363,14 @@ TEST_F(ToolAdapterTest, SignInCommandLineRunsAsDescribed) {
     EXPECT_EQ(report.environment["SET_ME"], "a b");
     EXPECT_EQ(report.environment["KEEP"], "k");
 
-    EXPECT_EQ(failureOf([&] { claude.launch(work); }),
+    EXPECT_EQ(testing::failureOf([&] { claude.launch(work); }),
               VeerlineError::unsupported("Claude Code runs in your terminal; there's nothing to launch."));
-    EXPECT_EQ(failureOf([&] { codex.launch(work); }).errorDescription(),
+    EXPECT_EQ(testing::failureOf([&] { codex.launch(work); }).errorDescription(),
               "Codex runs in your terminal; there's nothing to launch.");
 }
 
 TEST_F(ToolAdapterTest, DataFolderIsPrivateAndDeletedOnlyInsideTheSupportFolder) {
     std::string tools = paths.supportDirectory() + "/claude-code";
-    EXPECT_EQ(claude.dataDirectory(work), claudeFolder);
     EXPECT_EQ(claude.createDataDirectory(work), claudeFolder);
     EXPECT_EQ(testing::fileMode(claudeFolder), 0700u);
     EXPECT_EQ(testing::fileMode(tools), 0700u);
@@ -316,7 +384,7 @@ TEST_F(ToolAdapterTest, DataFolderIsPrivateAndDeletedOnlyInsideTheSupportFolder)
 
     std::string outside = home + "/Library/Application Support/precious";
     testing::writeFile(outside + "/keep", "x");
-    EXPECT_EQ(failureOf([&] { claude.deleteDataDirectory(profile("../../precious")); }).kind(),
+    EXPECT_EQ(testing::failureOf([&] { claude.deleteDataDirectory(profile("../../precious")); }).kind(),
               VeerlineError::Kind::unsafeDeletion);
     // The support folder itself is not "inside" it either.
     EXPECT_THROW(claude.deleteDataDirectory(profile("..")), VeerlineError);
@@ -330,7 +398,7 @@ TEST_F(ToolAdapterTest, DataFolderIsPrivateAndDeletedOnlyInsideTheSupportFolder)
 
     testing::removeTree(tools);
     testing::writeFile(tools, "a file in the way");
-    VeerlineError error = failureOf([&] { claude.createDataDirectory(work); });
+    VeerlineError error = testing::failureOf([&] { claude.createDataDirectory(work); });
     EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
     EXPECT_EQ(error.errorDescription(), "Couldn't create " + claudeFolder + ": Not a directory");
 }
