@@ -8,51 +8,44 @@
 namespace veerline::testing {
 namespace {
 
-const std::string key = "sk-proj-abcdefghij12345";
-
-class CliLoginTest : public ::testing::Test {
-protected:
+TEST(CliLoginTest, ToolArgumentsKeysFromStandardInputAndUsageErrors) {
     TempDir root{"veerline-cli-login"};
-    std::string home = root / "home";
-    std::string tools = root / "tools";
-    std::string codexHome;
-
-    void SetUp() override {
-        makeDirs(home);
-        writeFakeTool(tools + "/claude");
-        writeFakeTool(tools + "/codex");
-        std::string id = cli({"profile", "add", "Work", "--tools", "claude,codex"}).out;
-        codexHome = home + "/Library/Application Support/Veerline/codex/" + id.substr(0, id.find('\n'));
-    }
-
-    RunResult cli(const std::vector<std::string>& args, const std::string& input = "") const {
+    std::string home = root / "home", tools = root / "tools", key = "sk-proj-abcdefghij12345";
+    makeDirs(home);
+    writeFakeTool(tools + "/claude");
+    writeFakeTool(tools + "/codex");
+    auto cli = [&](const std::vector<std::string>& args, const std::string& input = "") {
         RunOptions options;
         options.environment = {{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}};
         options.cwd = home;
         options.input = input;
         return run(VEERLINE_CLI_BINARY, args, options);
-    }
-};
+    };
+    std::string id = cli({"profile", "add", "Work", "--tools", "claude,codex"}).out;
+    std::string codexHome = home + "/Library/Application Support/Veerline/codex/" + id.substr(0, id.find('\n'));
+    std::string codexLogin = "env CODEX_HOME='" + codexHome + "' " + tools + "/codex login";
 
-TEST_F(CliLoginTest, ArgumentsAfterDashDashGoToTheSignInCommand) {
-    EXPECT_EQ(cli({"login", "Work", "codex", "--print", "--", "--device-auth"}).out,
-              "env CODEX_HOME='" + codexHome + "' " + tools + "/codex login --device-auth\n");
-
+    // Arguments after `--` go to the sign-in command.
+    EXPECT_EQ(cli({"login", "Work", "codex", "--print", "--", "--device-auth"}).out, codexLogin + " --device-auth\n");
     RunResult claude = cli({"login", "Work", "claude", "--", "--console", "--email", "a b@example.com"});
     ASSERT_EQ(claude.exitCode, 0) << claude.err;
     EXPECT_EQ(parseFakeToolReport(claude.out).arguments,
               (std::vector<std::string>{"auth", "login", "--console", "--email", "a b@example.com"}));
-}
 
-TEST_F(CliLoginTest, CodexSignsInWithAKeyFromStandardInput) {
-    // A profile set up by an earlier version, whose starter only works with a keyring.
+    // A Codex that can't reach a keyring says so; the key is neither shown nor kept.
+    writeFile(codexHome + "/config.toml", "cli_auth_credentials_store = \"keyring\"\n");
+    RunResult failed = cli({"login", "Work", "codex", "--api-key"}, key);
+    EXPECT_EQ(failed.exitCode, 1);
+    EXPECT_NE(failed.err.find("Error logging in: failed to write OAuth tokens to keyring"), std::string::npos) << failed.err;
+    EXPECT_EQ((failed.out + failed.err).find(key), std::string::npos);
+    EXPECT_FALSE(exists(codexHome + "/auth.json"));
+
+    // A profile set up by an earlier version, whose starter only works with a keyring, signs in all the same.
     writeFile(codexHome + "/config.toml",
               "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
               "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
               "cli_auth_credentials_store = \"keyring\"\n");
-    EXPECT_EQ(cli({"login", "Work", "codex", "--api-key", "--print"}).out,
-              "env CODEX_HOME='" + codexHome + "' " + tools + "/codex login --with-api-key\n");
-
+    EXPECT_EQ(cli({"login", "Work", "codex", "--api-key", "--print"}).out, codexLogin + " --with-api-key\n");
     RunResult signIn = cli({"login", "Work", "codex", "--api-key"}, key + "\n");
     ASSERT_EQ(signIn.exitCode, 0) << signIn.err;
     EXPECT_NE(signIn.err.find("API key saved."), std::string::npos) << signIn.err;
@@ -60,25 +53,9 @@ TEST_F(CliLoginTest, CodexSignsInWithAKeyFromStandardInput) {
     EXPECT_NE(readFile(codexHome + "/auth.json").find("\"OPENAI_API_KEY\": \"" + key + "\""), std::string::npos);
     EXPECT_NE(readFile(codexHome + "/config.toml").find("= \"auto\""), std::string::npos);
 
-    RunResult empty = cli({"login", "Work", "codex", "--api-key"});
-    EXPECT_EQ(empty.exitCode, 2);
-    EXPECT_EQ(empty.err, "veerline: No secret was given on standard input.\nRun `veerline login --help` for usage.\n");
-}
-
-TEST_F(CliLoginTest, ACodexThatCannotReachAKeyringSaysSo) {
-    writeFile(codexHome + "/config.toml", "cli_auth_credentials_store = \"keyring\"\n");
-    RunResult signIn = cli({"login", "Work", "codex", "--api-key"}, key);
-    EXPECT_EQ(signIn.exitCode, 1);
-    EXPECT_NE(signIn.err.find("Error logging in: failed to write OAuth tokens to keyring: Platform secure storage "
-                              "failure: no secret service provider or dbus session found"),
-              std::string::npos)
-        << signIn.err;
-    EXPECT_EQ((signIn.out + signIn.err).find(key), std::string::npos);
-    EXPECT_FALSE(exists(codexHome + "/auth.json"));
-}
-
-TEST_F(CliLoginTest, UsageErrorsPointToTheCommandsHelp) {
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> usageErrors = {
+        {{"login", "Work", "codex", "--api-key"},
+         "veerline: No secret was given on standard input.\nRun `veerline login --help` for usage.\n"},
         {{"login", "Work"}, "veerline: tool is required\nRun `veerline login --help` for usage.\n"},
         {{"login", "Work", "cursor"}, "Run `veerline login --help` for usage.\n"},
         {{"profile", "set", "Work", "--color", "red"}, "Run `veerline profile set --help` for usage.\n"},
@@ -88,7 +65,7 @@ TEST_F(CliLoginTest, UsageErrorsPointToTheCommandsHelp) {
         {{"login", "Work", "codex", "--print", "--device-auth"},
          "Options for the other program go after `--`: veerline login Work codex --print -- --device-auth\n"
          "Run `veerline login --help` for usage.\n"}};
-    for (const auto& [args, ending] : cases) {
+    for (const auto& [args, ending] : usageErrors) {
         RunResult result = cli(args);
         EXPECT_EQ(result.exitCode, 2) << args.back();
         EXPECT_TRUE(result.err.ends_with(ending)) << result.err;

@@ -1,21 +1,19 @@
 #!/usr/bin/env bash
 # Veerline's keys in gnome-keyring on private D-Bus sessions (the user's keyring is never touched),
 # checked from outside with secret-tool; needs VEERLINE_BUILD_DIR (CTest sets it).
-
 set -euo pipefail
 
 fail() { echo "secret_service.sh: FAILED: $*" >&2; exit 1; }
 expect_eq() { [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"; }  # description, expected, actual
-
-# veerline with HOME, a plain PATH and the bus only; output in $tmp/out and $tmp/err, exit in $status.
-v() {
+v() {  # veerline with HOME, a plain PATH and the bus only; sets $status and $out, standard error in $tmp/err
     status=0
     env -i HOME="$h" PATH=/usr/bin:/bin XDG_RUNTIME_DIR="$runtime" \
         ${DBUS_SESSION_BUS_ADDRESS:+DBUS_SESSION_BUS_ADDRESS="$DBUS_SESSION_BUS_ADDRESS"} \
         "$VEERLINE_BUILD_DIR/veerline" "$@" >"$tmp/out" 2>"$tmp/err" <"${input:-/dev/null}" || status=$?
+    out=$(cat "$tmp/out")
 }
+expect_out() { "${@:3}"; expect_eq "$1" "$2" "$status $out"; }  # description, exit status and output, command...
 with_input() { printf '%s' "$1" >"$tmp/in"; input="$tmp/in" "${@:2}"; }  # text, command...
-
 expect_failure() {  # part of the message, command...
     "${@:2}"
     expect_eq "exit status of veerline ${*:3}" 1 "$status"
@@ -41,13 +39,12 @@ start)
     listing() { find "$h" "$runtime" -printf '%p %s %T@\n' | sort; }
     before=$(listing)
     for command in "secret set Work claude" "secret get Work claude" "secret delete Work codex" "login Work claude --api-key"; do
-        # shellcheck disable=SC2086
-        expect_failure "No Secret Service is running" with_input "sk-none" v $command
+        read -ra words <<<"$command"
+        expect_failure "No Secret Service is running" with_input "sk-none" v "${words[@]}"
     done
     expect_eq "files after failed secret commands" "$before" "$(listing)"
 
-    # A bus per stage; services it starts on demand inherit this environment and its temporary HOME.
-    for next in fresh unlocked; do
+    for next in fresh unlocked; do  # a bus per stage; what it starts on demand inherits this environment and HOME
         mkdir -p "$tmp/home-$next" "$tmp/runtime-$next"
         env -u XDG_DATA_HOME -u XDG_CONFIG_HOME -u XDG_CACHE_HOME -u DISPLAY -u WAYLAND_DISPLAY \
             HOME="$tmp/home-$next" XDG_RUNTIME_DIR="$tmp/runtime-$next" \
@@ -55,9 +52,8 @@ start)
     done
     echo "secret_service.sh: all good"
     ;;
-fresh)
+fresh)  # the bus starts gnome-keyring on demand; nobody can answer its prompt to create a keyring here
     v profile add Work
-    # The bus starts gnome-keyring on demand; nobody can answer its prompt to create a keyring here.
     expect_failure "no default collection" with_input "sk-fresh" v secret set Work claude
     ;;
 unlocked)
@@ -69,53 +65,45 @@ unlocked)
     for _ in $(seq 100); do serving && break || sleep 0.1; done
     serving && kill -0 "$keyring" 2>/dev/null || fail "gnome-keyring-daemon didn't start a Secret Service"
 
-    printf 'other-secret' | secret-tool store --label="Other app" service com.example.other account api-key
-    printf 'near-miss' | secret-tool store --label="Other app" service app.veerlinex account api-key
-    # secret-tool shows the schema line only once the daemon has loaded it; it isn't the item's.
-    others() { { secret-tool search --all service com.example.other; secret-tool search --all service app.veerlinex; } 2>&1 | grep -v '^schema = '; }
+    # Other applications' items, one a near miss of Veerline's names. secret-tool shows the schema line
+    # only once the daemon has loaded it, so it isn't compared.
+    for s in com.example.other app.veerlinex; do printf 'x' | secret-tool store --label="Other app" service $s account api-key; done
+    others() { for s in com.example.other app.veerlinex; do secret-tool search --all service $s; done 2>&1 | grep -v '^schema = '; }
     others_before=$(others)
 
     v profile add Work --tools claude,codex
-    work=$(cat "$tmp/out")
+    work=$out
     expect_failure "has no Claude Code key" v secret get Work claude
-    with_input $'sk-one\n' v secret set Work claude
-    expect_eq "secret set" '0 Stored the Claude Code key of “Work”.' "$status $(cat "$tmp/out")"
+    expect_out "secret set" '0 Stored the Claude Code key of “Work”.' with_input $'sk-one\n' v secret set Work claude
     expect_eq "secret-tool sees the key, without the line feed" "sk-one" "$(lookup "$work" claude-code)"
     with_input "sk-two" v secret set work claude-code
     with_input "sk-codex" v secret set "$work" codex
-    v secret get Work claude
-    expect_eq "secret get after a replace" "0 sk-two" "$status $(cat "$tmp/out")"
+    expect_out "secret get after a replace" "0 sk-two" v secret get Work claude
     expect_eq "items after a replace" 1 "$(secret-tool search --all service "app.veerline.profile.$work.claude-code" 2>&1 | grep -c '^label = Veerline$')"
-    for _ in 1 2; do
-        v secret delete Work claude
-        expect_eq "secret delete" '0 No Claude Code key is stored for “Work” now.' "$status $(cat "$tmp/out")"
-    done
+    for _ in 1 2; do expect_out "secret delete" '0 No Claude Code key is stored for “Work” now.' v secret delete Work claude; done
     expect_eq "keys after deleting Claude Code's" ":sk-codex" "$(lookup "$work" claude-code):$(lookup "$work" codex)"
 
-    # login --api-key: Claude Code's key helper prints the key; the other settings stay.
     data="$h/Library/Application Support/Veerline/claude-code/$work"
     printf '{\n  "theme": "dark",\n  "model": "opus"\n}\n' | install -D -m 600 /dev/stdin "$data/settings.json"
-    with_input "sk-three" v login Work claude --api-key
-    expect_eq "login --api-key" 0 "$status"
+    with_input "sk-three" v login Work claude --api-key  # Claude Code's key helper prints the key; the other settings stay
+    expect_eq "login --api-key, then the settings' mode" "0 600" "$status $(stat -c %a "$data/settings.json")"
     helper=$(python3 -c 'import json,sys; s=json.load(open(sys.argv[1])); print(s["theme"], s["model"], list(s)); print(s["apiKeyHelper"])' "$data/settings.json")
     expect_eq "other settings kept" "dark opus ['theme', 'model', 'apiKeyHelper']" "$(head -1 <<<"$helper")"
-    expect_eq "settings mode" 600 "$(stat -c %a "$data/settings.json")"
     expect_eq "the helper's output" "sk-three" "$(env -i PATH=/usr/bin:/bin HOME="$h" DBUS_SESSION_BUS_ADDRESS="$DBUS_SESSION_BUS_ADDRESS" sh -c "$(tail -1 <<<"$helper")")"
     v profile add Mine --storage system
     expect_failure "default setup" with_input "sk-system" v login Mine claude --api-key
-
-    copies=$(grep -rlsF -e sk-one -e sk-two -e sk-three -e sk-codex "$h" --exclude-dir=keyrings --exclude-dir='keyring-*' || true)
-    expect_eq "files under HOME, outside the keyring's own, holding a key" "" "$copies"
+    expect_eq "files under HOME, outside the keyring's own, holding a key" "" \
+        "$(grep -rlsF -e sk-one -e sk-two -e sk-three -e sk-codex "$h" --exclude-dir=keyrings --exclude-dir='keyring-*' || true)"
 
     v profile remove Work
     expect_eq "profile remove, then its keys" "0:" "$status:$(lookup "$work" claude-code)$(lookup "$work" codex)"
     v profile add Home
-    home_id=$(cat "$tmp/out")
+    home_id=$out
     with_input "sk-home" v secret set Home codex
     v profile remove Home --keep-data
     expect_eq "key kept with --keep-data" "sk-home" "$(lookup "$home_id" codex)"
     v secret delete "$home_id" codex
-    expect_eq "a removed profile's key deleted by its id" "$status:" "0:$(lookup "$home_id" codex)"
+    expect_eq "a removed profile's key deleted by its id" "0:" "$status:$(lookup "$home_id" codex)"
     expect_eq "other applications' items" "$others_before" "$(others)"
 
     with_input "sk-mine" v secret set Mine codex

@@ -1,52 +1,140 @@
+// The process runner on real children, and the Claude Code and Codex adapters in a temporary home,
+// against `claude` and `codex` scripts that record how they were run and against the fake `codex`
+// that answers as codex-cli 0.169.0 does on a machine without a Secret Service.
+
 #include "tools/tool_adapter.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <fstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
-#include "tools/claude_code_adapter.h"
-#include "tools/codex_adapter.h"
 #include "base/error.h"
+#include "platform/platform.h"
 #include "shell/shell_quote.h"
 #include "support/failure.h"
+#include "support/folder_entries.h"
 #include "support/test_support.h"
+#include "tools/claude_code_adapter.h"
+#include "tools/codex_adapter.h"
+#include "tools/process_runner.h"
 
 namespace veerline {
 namespace {
 
-using testing::failureOf;
+using LoginState = CodexAdapter::LoginState;
 
-TEST(ShellQuoteTest, QuotedWordsReadBackThroughARealShell) {
-    testing::RunOptions options;
-    options.environment = {{"PATH", testing::systemPath()}};
-    // Plain words (Unicode letters and numbers, a few safe marks) stay as they are.
-    for (const char* plain : {"abcXYZ019-_./:=@%+,", "Caf\u00E9", "Cafe\u0301", "\u65E5\u672C\u0663"}) {
-        EXPECT_EQ(ShellQuote::quote(plain), plain);
-    }
-    // Everything else, read back by the shell exactly, even after a letter that joins what follows.
-    for (std::string word : {"", "it's a \"test\" $HOME `x` \\ ; |", "~", "a\nb", "'", "*", "bad\xFF", "Caf\u00E9",
-                             "\u0D4E;echo", "\u0D4E$(id)", "-n"}) {
-        auto result = testing::run("/bin/sh", {"-c", "printf '%s' " + ShellQuote::quote(word)}, options);
-        EXPECT_EQ(result.out, word) << ShellQuote::quote(word);
-    }
-}
-
-TEST(SignInCommandTest, ShellLineRunsAsDescribed) {
+TEST(ProcessRunnerTest, OutputsExitAndTimeOutsOfRealChildren) {
     testing::TempDir dir;
-    testing::writeFakeTool(dir / "fake tool");
-    SignInCommand command{dir / "fake tool", {"it's", ""}, {{"SET_ME", "a b"}}, {"DROP_ME"}};
-    testing::RunOptions options;
-    options.environment = {{"PATH", testing::systemPath()}, {"DROP_ME", "1"}, {"KEEP", "k"}};
-    auto result = testing::run("/bin/sh", {"-c", command.shellLine()}, options);
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    auto report = testing::parseFakeToolReport(result.out);
-    EXPECT_EQ(report.arguments, (std::vector<std::string>{"it's", ""}));
-    EXPECT_EQ(report.environment.count("DROP_ME"), 0u);
-    EXPECT_EQ(report.environment["SET_ME"], "a b");
-    EXPECT_EQ(report.environment["KEEP"], "k");
+    // The background sleeps outlive their runs on purpose; each is ended by its own id.
+    struct Reaper {
+        std::string pids;
+        ~Reaper() { std::ifstream in(pids); for (pid_t pid; in >> pid;) ::kill(pid, SIGKILL); }
+    } reaper{dir / "pids"};
+    std::string background = "sleep 30 & echo $! >> '" + reaper.pids + "'; ";
+    struct Case {
+        std::string script; double timeout; int exitCode; std::string out, err; bool timedOut; double atLeast, below;
+    };
+    const Case cases[] = {
+        {"printf out; printf err >&2; exit 3", 10.0, 3, "out", "err", false, 0, 10},
+        // 1 MiB on stderr first: a runner that read stdout alone would deadlock on the full pipe.
+        {"head -c 1048576 /dev/zero | tr '\\0' x >&2; printf done", 20.0, 0, "done", std::string(1 << 20, 'x'),
+         false, 0, 20},
+        {"trap '' TERM; while :; do sleep 0.1; done", 0.5, SIGKILL, "", "", true, 2.4, 5.0},
+        // Closing its outputs early doesn't save a child from the time-out.
+        {"exec >&- 2>&-; exec sleep 30", 0.5, SIGTERM, "", "", true, 0, 3.0},
+        // A descendant holding the pipes: an exited child returns promptly, a timed-out one within the
+        // time-out, the SIGTERM grace and at most one short pipe grace.
+        {background + "printf hello; exit 4", 10.0, 4, "hello", "", false, 0, 3.0},
+        {background + "trap '' TERM; while :; do sleep 0.1; done", 0.5, SIGKILL, "", "", true, 0, 6.0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.script);
+        auto start = std::chrono::steady_clock::now();
+        ProcessResult result = ProcessRunner::runSync("/bin/sh", {"-c", c.script}, {{"PATH", testing::systemPath()}},
+                                                      c.timeout);
+        double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_EQ(result.exitCode, c.exitCode);
+        EXPECT_EQ(result.standardOutput, c.out);
+        EXPECT_TRUE(result.standardError == c.err) << result.standardError.size() << " bytes on stderr";
+        EXPECT_EQ(result.timedOut, c.timedOut);
+        EXPECT_GE(elapsed, c.atLeast);
+        EXPECT_LT(elapsed, c.below);
+        if (c.err.empty()) { EXPECT_EQ(result.combinedOutput(), c.out); }
+    }
+    EXPECT_EQ(ProcessRunner::runSync("/bin/sh", {"-c", "printf out; printf err >&2"}, {}, 10.0).combinedOutput(),
+              "out\nerr");
 }
 
-TEST(AccountInfoTest, JSONFormLeavesOutAbsentFields) {
+TEST(ProcessRunnerTest, PassesArgumentsAndOnlyTheGivenEnvironmentWhileOtherRunsGoOn) {
+    testing::TempDir dir;
+    testing::writeFakeTool(dir / "tool");
+    auto pending = ProcessRunner::run(dir / "tool", {"a b", "", "'q'"}, {{"ONLY", "this"}}, 10.0);
+    // What can't be started is reported as a launch failure.
+    testing::writeFile(dir / "not-executable", "#!/bin/sh\n", 0644);
+    const std::pair<std::string, std::string> launches[] = {{dir / "no-such-tool", "No such file or directory"},
+                                                            {dir / "not-executable", "Permission denied"}};
+    for (const auto& [path, reason] : launches) {
+        ProcessResult failed = ProcessRunner::runSync(path, {}, {}, 5.0);
+        EXPECT_EQ(failed.exitCode, 127);
+        EXPECT_EQ(failed.standardOutput, "");
+        EXPECT_FALSE(failed.timedOut);
+        EXPECT_EQ(failed.standardError, "Couldn't run " + path + ": " + reason);
+    }
+
+    ProcessResult result = pending.get();
+    ASSERT_EQ(result.exitCode, 0) << result.standardError;
+    auto report = testing::parseFakeToolReport(result.standardOutput);
+    EXPECT_EQ(report.argv0, dir / "tool");
+    EXPECT_EQ(report.arguments, (std::vector<std::string>{"a b", "", "'q'"}));
+    EXPECT_EQ(report.environment, (std::map<std::string, std::string>{{"ONLY", "this"}}));
+}
+
+TEST(ProcessRunnerTest, BaseEnvironmentKeepsOnlyTheKnownNames) {
+    Environment from{{"HOME", "/h"}, {"http_proxy", "p"}, {"UNRELATED", "x"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(from), (Environment{{"HOME", "/h"}, {"http_proxy", "p"}}));
+
+    // Names match exactly: case matters, and the tools' own variables are dropped.
+    Environment other{{"Path", "/x"}, {"CLAUDE_CONFIG_DIR", "/y"}, {"NO_PROXY", ""}, {"__CF_USER_TEXT_ENCODING", "0"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(other), (Environment{{"NO_PROXY", ""}, {"__CF_USER_TEXT_ENCODING", "0"}}));
+
+    // Status checks can reach the session's keyring, where this system has one.
+    if (platform::sessionServiceVariables().empty()) return;
+    Environment session{{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/1000/bus"}, {"XDG_RUNTIME_DIR", "/run/user/1000"}};
+    EXPECT_EQ(ProcessRunner::baseEnvironment(session), session);
+}
+
+TEST(ToolAnswerTest, CodexFirstDecidingLineClaudeCodeJSONAfterABannerAndAccountJSON) {
+    const std::vector<std::pair<std::string, LoginState>> cases = {
+        {"Logged in using ChatGPT\n", LoginState::signedIn("ChatGPT")},
+        {"Logged in using an API key - sk-proj-***ABCD", LoginState::signedIn("API key")},
+        {"WARNING: something\n   \tLogged in using ChatGPT  \n", LoginState::signedIn("ChatGPT")},
+        {"Logged in using  - key", LoginState::signedIn("")},
+        // Trimming takes the blank that the phrase needs.
+        {"Logged in using ", LoginState::unknown()},
+        // Every Unicode line break separates lines.
+        {"banner\xE2\x80\xA8Logged in using ChatGPT", LoginState::signedIn("ChatGPT")},
+        {"banner\r\nLogged in using X\xC2\x85more", LoginState::signedIn("X")},
+        {"Not logged in\nLogged in using ChatGPT", LoginState::signedOut()},
+        {"Logged in using ChatGPT\nNot logged in", LoginState::signedIn("ChatGPT")},
+        {"\n\n  \n", LoginState::unknown()},
+        {"Error: something broke", LoginState::unknown()},
+        {"You are Logged in using ChatGPT", LoginState::unknown()}};
+    for (const auto& [text, state] : cases) EXPECT_EQ(CodexAdapter::parseLoginStatus(text), state) << text;
+
+    auto parsed = ClaudeCodeAdapter::parseAuthStatus(
+        "Warning: update available\n{\n  \"loggedIn\": true,\n  \"email\": \"ana@example.com\",\n"
+        "  \"orgName\": \"Acme\", \"orgId\": \"o-1\", \"subscriptionType\": \"max\",\n"
+        "  \"authMethod\": \"claude.ai\"\n}\ntrailing line\n");
+    EXPECT_EQ(parsed, (ClaudeCodeAdapter::AuthStatus{true, {"ana@example.com", "Acme", "o-1", "max", "claude.ai"}}));
+
+    // The account as Veerline keeps it: absent fields left out.
     AccountInfo account{"a@b.c", std::nullopt, "o1", "max", std::nullopt};
     nlohmann::json json = account.toJSON();
     EXPECT_EQ(json, nlohmann::json::parse(R"({"email":"a@b.c","organizationID":"o1","plan":"max"})"));
@@ -59,72 +147,260 @@ TEST(AccountInfoTest, JSONFormLeavesOutAbsentFields) {
     EXPECT_EQ(AccountInfo::fromJSON(nlohmann::json::array()), std::nullopt);
 }
 
-class ToolAdapterDataTest : public ::testing::Test {
+class ToolAdapterTest : public ::testing::Test {
 protected:
     testing::TempDir dir;
-    Paths paths{dir / "home", dir / "Applications"};
-    ToolContext context{paths, {{"HOME", dir / "home"}, {"PATH", "/nonexistent"}}};
-    ClaudeCodeAdapter adapter{context};
+    std::string home = dir / "home", bin = dir / "bin", record = dir / "record";
+    Paths paths{home, dir / "Applications"};
+    // Only the first five reach the tools' own commands.
+    Environment caller{{"HOME", home}, {"PATH", bin + ":" + testing::systemPath()}, {"LOGNAME", "ana"},
+                       {"NO_PROXY", ""}, {"https_proxy", "http://proxy:3128"}, {"SECRET_TOKEN", "must not leak"},
+                       {"ANTHROPIC_API_KEY", "sk-must-not-leak"}, {"OPENAI_API_KEY", "must not leak"},
+                       {"CLAUDE_CONFIG_DIR", "/somewhere/else"}, {"CODEX_HOME", "/somewhere/else"}};
+    ToolContext context{paths, caller, 5.0};
+    ClaudeCodeAdapter claude{context};
+    CodexAdapter codex{context};
+    Profile work = profile("work");
+    std::string claudeFolder = paths.supportDirectory() + "/claude-code/work";
+    std::string codexFolder = paths.supportDirectory() + "/codex/work";
 
     static Profile profile(std::string id, Profile::Storage storage = Profile::Storage::managed) {
         return Profile(ProfileID(std::move(id)), "Work", ProfileColor::blue, std::nullopt,
                        {ToolKind::claudeCode, ToolKind::codex}, storage);
     }
+
+    // A tool at `path` that records its arguments and environment, then does `behaviour`.
+    void install(const std::string& path, const std::string& behaviour) const {
+        testing::writeFile(path, "#!/bin/sh\nfor a in \"$@\"; do printf 'ARG:%s\\n' \"$a\"; done > '" + record +
+                                     "'\nenv | sed 's/^/ENV:/' >> '" + record + "'\n" + behaviour + "\n",
+                           0755);
+    }
+
+    // The last recorded run: its arguments, and the variables that reach it besides the base ones.
+    void expectRun(const std::vector<std::string>& arguments, const Environment& extra) const {
+        auto report = testing::parseFakeToolReport(testing::readFile(record));
+        // The shell's own bookkeeping, not what the adapter passed.
+        for (const char* name : {"PWD", "OLDPWD", "SHLVL", "_"}) report.environment.erase(name);
+        Environment expected{{"HOME", home}, {"PATH", bin + ":" + testing::systemPath()}, {"LOGNAME", "ana"},
+                             {"NO_PROXY", ""}, {"https_proxy", "http://proxy:3128"}};
+        expected.insert(extra.begin(), extra.end());
+        EXPECT_EQ(report.arguments, arguments);
+        EXPECT_EQ(report.environment, expected);
+    }
+
+    static AccountInfo method(std::string name) { return {std::nullopt, std::nullopt, std::nullopt, std::nullopt, name}; }
 };
 
-TEST_F(ToolAdapterDataTest, ManagedProfileFolderIsCreatedPrivateAndDeleted) {
-    Profile work = profile("work");
-    std::string expected = paths.supportDirectory() + "/claude-code/work";
-    EXPECT_EQ(adapter.dataDirectory(work), expected);
+TEST_F(ToolAdapterTest, StatusAsksEachToolInTheProfilesFolderThenSignsOutBeforeDeleting) {
+    install(bin + "/claude", "echo '{\"loggedIn\": false}'");
+    install(bin + "/codex", "echo 'Logged in using ChatGPT'");
+    // No folder yet: nothing is run.
+    EXPECT_EQ(claude.status(work), ToolStatus::notSetUp());
+    EXPECT_EQ(codex.status(work), ToolStatus::notSetUp());
+    EXPECT_FALSE(testing::exists(record));
+    claude.prepare(work);
+    codex.prepare(work);
 
-    EXPECT_EQ(adapter.createDataDirectory(work), expected);
-    EXPECT_EQ(testing::fileMode(expected), 0700u);
-    EXPECT_EQ(testing::fileMode(paths.supportDirectory() + "/claude-code"), 0700u);
-    testing::writeFile(expected + "/sub/file", "x");
-    // An existing folder is fine and keeps its contents.
-    EXPECT_EQ(adapter.createDataDirectory(work), expected);
-    EXPECT_TRUE(testing::exists(expected + "/sub/file"));
+    const ToolStatus signedOut = ToolStatus::needsAttention("Signed out. Sign in again.");
+    const std::vector<std::tuple<const ToolAdapter&, std::string, ToolStatus>> cases = {
+        {claude, "echo '{\"loggedIn\": false}'", signedOut},
+        {claude, "echo '{\"loggedIn\": \"yes\"}'; exit 3",
+         ToolStatus::needsAttention("Couldn't read `claude auth status` (exit 3).")},
+        // Claude Code's answer is read from standard output only, Codex's from either.
+        {claude, "echo '{\"loggedIn\": true}' >&2",
+         ToolStatus::needsAttention("Couldn't read `claude auth status` (exit 0).")},
+        {claude, "echo '{\"loggedIn\": true, \"orgName\": \"Acme\"}'",
+         ToolStatus::signedIn({std::nullopt, "Acme", std::nullopt, std::nullopt, std::nullopt})},
+        {claude, "echo 'Checking...'; echo '{\"loggedIn\": true, \"email\": \"ana@example.com\", \"authMethod\": "
+                 "\"claude.ai\"}'; exit 1",
+         ToolStatus::signedIn({"ana@example.com", std::nullopt, std::nullopt, std::nullopt, "claude.ai"})},
+        {codex, "echo 'Logged in using ChatGPT' >&2; exit 0", ToolStatus::signedIn(method("ChatGPT"))},
+        {codex, "echo 'Logged in using an API key - sk-***1234'", ToolStatus::signedIn(method("API key"))},
+        {codex, "echo 'Not logged in'; exit 1", signedOut},
+        {codex, "echo 'error: unexpected argument' >&2; exit 2",
+         ToolStatus::needsAttention("Couldn't read `codex login status` (exit 2): error: unexpected argument")},
+    };
+    for (const auto& [adapter, behaviour, status] : cases) {
+        SCOPED_TRACE(behaviour);
+        bool isClaude = &adapter == &claude;
+        install(bin + (isClaude ? "/claude" : "/codex"), behaviour);
+        EXPECT_EQ(adapter.status(work), status);
+        if (isClaude) expectRun({"auth", "status"}, {{"CLAUDE_CONFIG_DIR", claudeFolder}});
+        if (!isClaude) expectRun({"login", "status"}, {{"CODEX_HOME", codexFolder}});
+    }
+    // Signed out of the tool's own default folder: a system profile isn't set up.
+    install(bin + "/codex", "echo 'Not logged in'; exit 1");
+    EXPECT_EQ(codex.status(profile("home", Profile::Storage::system)), ToolStatus::notSetUp());
+    expectRun({"login", "status"}, {});
 
-    adapter.deleteDataDirectory(work);
-    EXPECT_FALSE(testing::exists(expected));
-    adapter.deleteDataDirectory(work);  // nothing there: nothing to do
+    install(bin + "/claude", "exit 1");
+    testing::writeFile(claudeFolder + "/.credentials.json", "{}");
+    claude.removeData(work);
+    EXPECT_FALSE(testing::exists(claudeFolder));
+    expectRun({"auth", "logout"}, {{"CLAUDE_CONFIG_DIR", claudeFolder}});
+    install(bin + "/codex", "exit 1");
+    codex.removeData(work);
+    EXPECT_FALSE(testing::exists(codexFolder));
+    expectRun({"logout"}, {{"CODEX_HOME", codexFolder}});
+
+    // A folder that is a file is not set up; a status that hangs needs attention.
+    testing::writeFile(claudeFolder, "");
+    EXPECT_EQ(claude.status(work), ToolStatus::notSetUp());
+    testing::removeTree(claudeFolder);
+    install(bin + "/claude", "exec sleep 10");
+    context.commandTimeout = 0.3;
+    ClaudeCodeAdapter(context).prepare(work);
+    EXPECT_EQ(ClaudeCodeAdapter(context).status(work),
+              ToolStatus::needsAttention("`claude auth status` didn't answer in time."));
 }
 
-TEST_F(ToolAdapterDataTest, DeletionOutsideTheSupportFolderIsRefused) {
-    std::string outside = paths.home + "/Library/Application Support/precious";
+TEST_F(ToolAdapterTest, CodexInsideADesktopAppIsUsedWhenNothingIsOnThePath) {
+    auto inner = [](const std::string& bundle) { return bundle + "/Contents/Resources/codex-cli/bin/codex"; };
+    EXPECT_FALSE(codex.isInstalled());
+    EXPECT_EQ(codex.status(work), ToolStatus::notInstalled());
+
+    // Not executable: skipped.
+    std::string inHome = inner(home + "/Applications/Codex.app");
+    testing::writeFile(inHome, "#!/bin/sh\n", 0644);
+    EXPECT_EQ(CodexAdapter::bundledCodex(paths), std::nullopt);
+    ::chmod(inHome.c_str(), 0755);
+    EXPECT_EQ(CodexAdapter::bundledCodex(paths), inHome);
+
+    std::string hinted = dir / "Elsewhere/Codex.app";
+    install(inner(hinted), "echo 'Logged in using ChatGPT'");
+    testing::writeFile(CodexAdapter::bundledHintFile(paths), hinted + "\n");
+    EXPECT_EQ(codex.binaryPath(), inner(hinted));
+    EXPECT_TRUE(codex.usesBundledCodex());
+    codex.prepare(work);
+    EXPECT_EQ(codex.status(work).kind, ToolStatus::Kind::signedIn);
+    auto command = codex.setUp(work);
+    ASSERT_TRUE(command);
+    EXPECT_EQ(command->executable, inner(hinted));
+
+    install(bin + "/codex", "");
+    EXPECT_EQ(codex.binaryPath(), bin + "/codex");
+    EXPECT_FALSE(codex.usesBundledCodex());
+}
+
+TEST_F(ToolAdapterTest, CodexStarterConfigIsWrittenOnceAndLetsCodexSignInWithoutAKeyring) {
+    std::string config = codexFolder + "/config.toml";
+    codex.prepare(work);
+    EXPECT_EQ(testing::fileMode(codexFolder), 0700u);
+    // No temporary files are left beside it.
+    EXPECT_EQ(testing::entriesOf(codexFolder), std::vector<std::string>{"config.toml"});
+    std::string starter = testing::readFile(config);
+    EXPECT_EQ(starter, CodexAdapter::managedConfig());
+    EXPECT_NE(starter.find("cli_auth_credentials_store = \"auto\""), std::string::npos) << starter;
+    EXPECT_EQ(starter.find("macOS"), std::string::npos) << starter;
+
+    testing::writeFakeTool(bin + "/codex");
+    auto signIn = [&](const std::string& key) {
+        testing::RunOptions options;
+        options.environment = {{"HOME", home}, {"CODEX_HOME", codexFolder}};
+        options.input = key + "\n";
+        return testing::run(bin + "/codex", {"login", "--with-api-key"}, options);
+    };
+    EXPECT_EQ(codex.status(work), ToolStatus::needsAttention("Signed out. Sign in again."));
+    testing::RunResult signedIn = signIn("sk-proj-abcdefghij12345");
+    ASSERT_EQ(signedIn.exitCode, 0) << signedIn.err;
+    EXPECT_EQ(codex.status(work), ToolStatus::signedIn(method("API key")));
+
+    // Whatever the user wrote stays; only an untouched starter of an earlier version is replaced.
+    const std::string keyringStarter =
+        "# Written by Veerline for this profile. Keeps this profile's Codex login in the\n"
+        "# macOS Keychain instead of a plaintext auth.json. Add your own settings below.\n"
+        "cli_auth_credentials_store = \"keyring\"\n";
+    const std::vector<std::pair<std::string, bool>> cases = {
+        {keyringStarter, true},
+        {starter + "model = \"o3\"\n", false},
+        {keyringStarter.substr(0, keyringStarter.size() - 1), false},
+        {"cli_auth_credentials_store = \"keyring\"\n", false}};
+    for (const auto& [content, replaced] : cases) {
+        testing::writeFile(config, content);
+        codex.prepare(work);
+        EXPECT_EQ(testing::readFile(config), replaced ? starter : content) << content;
+    }
+
+    // Left with a keyring it can't reach, Codex's own first line names the problem in the status.
+    EXPECT_EQ(signIn("sk-proj-abcdefghij12345").exitCode, 1);
+    std::string toolLine =
+        "Error checking login status: failed to load CLI auth from keyring: Platform secure storage failure: no "
+        "secret service provider or dbus session found: Platform secure storage failure: no secret service "
+        "provider or dbus session found: no secret service provider or dbus session found";
+    EXPECT_EQ(codex.status(work).text,
+              "Couldn't read `codex login status` (exit 1): " + toolLine.substr(0, 199) + "\u2026");
+
+    // A link to a file holding the old starter is the user's own arrangement.
+    testing::removeTree(config);
+    testing::writeFile(dir / "shared.toml", keyringStarter);
+    testing::makeSymlink(dir / "shared.toml", config);
+    codex.prepare(work);
+    struct stat st {};
+    EXPECT_TRUE(::lstat(config.c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    EXPECT_EQ(testing::readFile(config), keyringStarter);
+}
+
+TEST_F(ToolAdapterTest, SignInCommandLineRunsAsDescribedInARealShell) {
+    testing::RunOptions options;
+    options.environment = {{"PATH", testing::systemPath()}, {"DROP_ME", "1"}, {"KEEP", "k"}};
+    // Plain words (Unicode letters and numbers, a few safe marks) stay as they are.
+    for (const char* plain : {"abcXYZ019-_./:=@%+,", "Caf\u00E9", "Cafe\u0301", "\u65E5\u672C\u0663"})
+        EXPECT_EQ(ShellQuote::quote(plain), plain);
+    // Everything else, read back by the shell exactly, even after a letter that joins what follows.
+    for (std::string word : {"", "it's a \"test\" $HOME `x` \\ ; |", "~", "a\nb", "'", "*", "bad\xFF", "Caf\u00E9",
+                             "\u0D4E;echo", "\u0D4E$(id)", "-n"}) {
+        auto result = testing::run("/bin/sh", {"-c", "printf '%s' " + ShellQuote::quote(word)}, options);
+        EXPECT_EQ(result.out, word) << ShellQuote::quote(word);
+    }
+
+    testing::writeFakeTool(dir / "fake tool");
+    SignInCommand command{dir / "fake tool", {"it's", ""}, {{"SET_ME", "a b"}}, {"DROP_ME"}};
+    auto result = testing::run("/bin/sh", {"-c", command.shellLine()}, options);
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    auto report = testing::parseFakeToolReport(result.out);
+    EXPECT_EQ(report.arguments, (std::vector<std::string>{"it's", ""}));
+    EXPECT_EQ(report.environment.count("DROP_ME"), 0u);
+    EXPECT_EQ(report.environment["SET_ME"], "a b");
+    EXPECT_EQ(report.environment["KEEP"], "k");
+
+    EXPECT_EQ(testing::failureOf([&] { claude.launch(work); }),
+              VeerlineError::unsupported("Claude Code runs in your terminal; there's nothing to launch."));
+    EXPECT_EQ(testing::failureOf([&] { codex.launch(work); }).errorDescription(),
+              "Codex runs in your terminal; there's nothing to launch.");
+}
+
+TEST_F(ToolAdapterTest, DataFolderIsPrivateAndDeletedOnlyInsideTheSupportFolder) {
+    std::string tools = paths.supportDirectory() + "/claude-code";
+    EXPECT_EQ(claude.createDataDirectory(work), claudeFolder);
+    EXPECT_EQ(testing::fileMode(claudeFolder), 0700u);
+    EXPECT_EQ(testing::fileMode(tools), 0700u);
+    testing::writeFile(claudeFolder + "/sub/file", "x");
+    // An existing folder is fine and keeps its contents.
+    EXPECT_EQ(claude.createDataDirectory(work), claudeFolder);
+    EXPECT_TRUE(testing::exists(claudeFolder + "/sub/file"));
+    claude.deleteDataDirectory(work);
+    EXPECT_FALSE(testing::exists(claudeFolder));
+    claude.deleteDataDirectory(work);  // nothing there: nothing to do
+
+    std::string outside = home + "/Library/Application Support/precious";
     testing::writeFile(outside + "/keep", "x");
-    EXPECT_EQ(failureOf([&] { adapter.deleteDataDirectory(profile("../../precious")); }).kind(),
+    EXPECT_EQ(testing::failureOf([&] { claude.deleteDataDirectory(profile("../../precious")); }).kind(),
               VeerlineError::Kind::unsafeDeletion);
+    // The support folder itself is not "inside" it either.
+    EXPECT_THROW(claude.deleteDataDirectory(profile("..")), VeerlineError);
     EXPECT_TRUE(testing::exists(outside + "/keep"));
 
-    // The support folder itself is not "inside" it either.
-    EXPECT_THROW(adapter.deleteDataDirectory(profile("..")), VeerlineError);
-}
+    // A linked data folder is removed as a link; what it points to stays.
+    testing::makeSymlink(outside, tools + "/linked");
+    claude.deleteDataDirectory(profile("linked"));
+    EXPECT_FALSE(testing::exists(tools + "/linked"));
+    EXPECT_TRUE(testing::exists(outside + "/keep"));
 
-TEST_F(ToolAdapterDataTest, DeletingALinkedFolderRemovesOnlyTheLink) {
-    std::string elsewhere = dir / "elsewhere";
-    testing::writeFile(elsewhere + "/keep", "x");
-    std::string folder = paths.supportDirectory() + "/claude-code/linked";
-    testing::makeSymlink(elsewhere, folder);
-    adapter.deleteDataDirectory(profile("linked"));
-    EXPECT_FALSE(testing::exists(folder));
-    EXPECT_TRUE(testing::exists(elsewhere + "/keep"));
-}
-
-TEST_F(ToolAdapterDataTest, CreateFailureNamesTheFolder) {
-    testing::writeFile(paths.supportDirectory() + "/claude-code", "a file in the way");
-    VeerlineError error = failureOf([&] { adapter.createDataDirectory(profile("work")); });
+    testing::removeTree(tools);
+    testing::writeFile(tools, "a file in the way");
+    VeerlineError error = testing::failureOf([&] { claude.createDataDirectory(work); });
     EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
-    EXPECT_EQ(error.errorDescription(),
-              "Couldn't create " + paths.supportDirectory() + "/claude-code/work: Not a directory");
-}
-
-TEST_F(ToolAdapterDataTest, LaunchIsUnsupportedForCommandLineTools) {
-    VeerlineError claude = failureOf([&] { adapter.launch(profile("work")); });
-    EXPECT_EQ(claude.kind(), VeerlineError::Kind::unsupported);
-    EXPECT_EQ(claude.errorDescription(), "Claude Code runs in your terminal; there's nothing to launch.");
-    EXPECT_EQ(failureOf([&] { CodexAdapter(context).launch(profile("work")); }).errorDescription(),
-              "Codex runs in your terminal; there's nothing to launch.");
+    EXPECT_EQ(error.errorDescription(), "Couldn't create " + claudeFolder + ": Not a directory");
 }
 
 }  // namespace
