@@ -1,7 +1,6 @@
 #include "support/test_support.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -15,6 +14,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace veerline::testing {
 
@@ -92,105 +92,64 @@ void makeSymlink(const std::string& target, const std::string& linkPath) {
     }
 }
 
+// Standard input comes from an unlinked temporary file, so nothing has to feed it while the child
+// runs; its two outputs are pipes (a file would fall under the child's own `ulimit -f`), drained
+// together so that neither can fill up and stall it.
+namespace {
+int inputFile(const std::string& content) {
+    char name[] = "/tmp/veerline-run-XXXXXX";
+    int fd = ::mkstemp(name);
+    if (fd < 0) throw std::runtime_error("mkstemp failed");
+    ::unlink(name);
+    if (::write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+        throw std::runtime_error("cannot write standard input");
+    }
+    ::lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+void drain(int fd, std::string& sink) {
+    char buffer[65536];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) != 0;) {
+        if (n > 0) sink.append(buffer, static_cast<std::size_t>(n));
+        else if (errno != EINTR) break;
+    }
+    ::close(fd);
+}
+}  // namespace
+
 RunResult run(const std::string& executable, const std::vector<std::string>& arguments,
               const RunOptions& options) {
-    int inPipe[2];
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(inPipe, O_CLOEXEC) != 0 || pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-
-    std::vector<std::string> argvStrings;
-    argvStrings.push_back(options.argv0.value_or(executable));
+    std::vector<std::string> argvStrings{options.argv0.value_or(executable)};
     argvStrings.insert(argvStrings.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& a : argvStrings) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> envStrings;
+    std::vector<std::string> envStrings(options.rawEntries);
     for (const auto& [name, value] : options.environment) envStrings.push_back(name + "=" + value);
-    envStrings.insert(envStrings.end(), options.rawEntries.begin(), options.rawEntries.end());
-    std::vector<char*> envp;
+    std::vector<char*> argv, envp;
+    for (auto& a : argvStrings) argv.push_back(a.data());
     for (auto& e : envStrings) envp.push_back(e.data());
+    argv.push_back(nullptr);
     envp.push_back(nullptr);
 
+    int input = inputFile(options.input), out[2], err[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, inPipe[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    posix_spawn_file_actions_adddup2(&actions, input, 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
     if (options.cwd) posix_spawn_file_actions_addchdir_np(&actions, options.cwd->c_str());
-
     pid_t pid = 0;
     int rc = posix_spawn(&pid, executable.c_str(), &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    close(inPipe[0]);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    if (rc != 0) {
-        close(inPipe[1]);
-        close(outPipe[0]);
-        close(errPipe[0]);
-        RunResult failed;
-        failed.exitCode = 127;
-        failed.err = std::string("spawn failed: ") + std::strerror(rc);
-        return failed;
-    }
-
-    // Feed stdin and drain both outputs together so no pipe can fill up and stall the child.
+    for (int fd : {input, out[1], err[1]}) ::close(fd);
     RunResult result;
-    std::size_t written = 0;
-    int inFd = inPipe[1];
-    if (options.input.empty()) {
-        close(inFd);
-        inFd = -1;
-    }
-    int fds[2] = {outPipe[0], errPipe[0]};
-    std::string* sinks[2] = {&result.out, &result.err};
-    signal(SIGPIPE, SIG_IGN);
-    while (fds[0] >= 0 || fds[1] >= 0 || inFd >= 0) {
-        pollfd polls[3];
-        int count = 0;
-        int index[3];
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i] >= 0) {
-                polls[count] = {fds[i], POLLIN, 0};
-                index[count++] = i;
-            }
-        }
-        if (inFd >= 0) {
-            polls[count] = {inFd, POLLOUT, 0};
-            index[count++] = 2;
-        }
-        if (poll(polls, static_cast<nfds_t>(count), -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        for (int p = 0; p < count; ++p) {
-            if (polls[p].revents == 0) continue;
-            if (index[p] == 2) {
-                ssize_t n = write(inFd, options.input.data() + written, options.input.size() - written);
-                if (n > 0) written += static_cast<std::size_t>(n);
-                if (n < 0 || written == options.input.size()) {
-                    close(inFd);
-                    inFd = -1;
-                }
-                continue;
-            }
-            char buffer[65536];
-            ssize_t n = read(fds[index[p]], buffer, sizeof buffer);
-            if (n > 0) {
-                sinks[index[p]]->append(buffer, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[index[p]]);
-                fds[index[p]] = -1;
-            }
-        }
-    }
+    std::thread errors(drain, err[0], std::ref(result.err));
+    drain(out[0], result.out);
+    errors.join();
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    while (rc == 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.exitCode = rc != 0 ? 127 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (rc != 0) result.err = std::string("spawn failed: ") + std::strerror(rc);
     return result;
 }
 
