@@ -47,21 +47,23 @@ std::vector<ToolKind> chosenTools(const ShareOptions& options) {
     return {tool};
 }
 
-// Prints what was done for each profile; true when every profile could be brought up to date.
-bool report(const Context& context, const std::vector<ShareReport>& reports, const char* verb) {
+// Prints what was done for each profile to `out`, problems to standard error; true when every
+// profile could be brought up to date.
+bool report(const Context& context, const std::vector<ShareReport>& reports, const char* verb,
+            std::ostream& out = std::cout) {
     bool ok = true;
     for (const ShareReport& entry : reports) {
         std::string who = curlyQuoted(entry.profileName) + " (" + toolName(entry.tool) + ")";
         if (entry.skipped) {
-            std::cerr << "veerline: Skipped " << who << ": " << *entry.skipped << ".\n";
+            std::cerr << "veerline: Skipped " << who << ": " << *entry.skipped << (entry.skipped->ends_with('.') ? "\n" : ".\n");
             ok = ok && !entry.failed;
         } else if (!entry.changes.empty()) {
-            std::cout << verb << " " << who << ": " << joined(entry.changes) << "\n";
+            out << verb << " " << who << ": " << joined(entry.changes) << "\n";
         }
         for (const std::string& aside : entry.keptAside) {
             std::string name = aside.substr(0, aside.size() - ProfileSharing::asideSuffix.size());
             if (std::find(entry.changes.begin(), entry.changes.end(), name) == entry.changes.end()) continue;
-            std::cout << "  Kept " << who << "'s own " << name << " as "
+            out << "  Kept " << who << "'s own " << name << " as "
                       << context.paths.abbreviate(entry.folder + "/" + aside) << "\n";
         }
     }
@@ -170,7 +172,9 @@ void shareSetupWith(const Context& context, std::optional<ProfileID> profile, st
         ShareSettings settings = ShareSettings::load(context.paths);
         ProfileDocument document = ProfileStore(context.paths).load();
         if (profile) std::erase_if(document.profiles, [&](const Profile& each) { return each.id != *profile; });
-        report(context, ProfileSharing::applyAll(context.paths, document, settings, false, tool), "Shared the setup with");
+        // Standard error: the commands that call this print their own results (an id, a command line).
+        report(context, ProfileSharing::applyAll(context.paths, document, settings, false, tool), "Shared the setup with",
+               std::cerr);
     } catch (const VeerlineError& error) {
         std::cerr << "veerline: Couldn't share the setup: " << error.errorDescription() << "\n";
     }

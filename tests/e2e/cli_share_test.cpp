@@ -202,5 +202,42 @@ TEST_F(CliShareTest, BadInputIsRefusedWithAClearError) {
     EXPECT_EQ(doctorCheck("sharing")["level"], "warning");
 }
 
+TEST_F(CliShareTest, AFolderThatCannotBeSharedIsNamedAndLeftAsItWas) {
+    ASSERT_EQ(cli({"share", "on"}).exitCode, 0);
+    const std::vector<std::vector<std::string>> problems = {
+        {"claude-code", "CLAUDE.md.veerline-own", "x", "CLAUDE.md.veerline-own is already there"},
+        {"claude-code", "settings.json", "[1]", "settings.json: it isn't a JSON object."},
+        {"claude-code", ".claude.json", R"({"mcpServers": []})", "its \"mcpServers\" isn't a JSON object."},
+        {"codex", "config.toml", "model = ", "config.toml: it isn't valid TOML (line 1"},
+        {"codex", "config.toml", "mcp_servers = {}\n", "its own text doesn't allow them"},
+    };
+    for (const auto& problem : problems) {
+        std::string folder = support + "/" + problem[0] + "/" + added("Broken");
+        fs::remove(folder + "/CLAUDE.md");
+        writeFile(folder + "/CLAUDE.md", "own\n");
+        writeFile(folder + "/" + problem[1], problem[2]);
+        RunResult sync = cli({"share", "sync"});
+        EXPECT_EQ(sync.exitCode, 1);
+        EXPECT_NE(sync.err.find(problem[3]), std::string::npos) << sync.err;
+        EXPECT_EQ(readFile(folder + "/" + problem[1]), problem[2]);
+        ASSERT_EQ(cli({"profile", "remove", "Broken", "--keep-data"}).exitCode, 0);
+    }
+
+    // Another source: links and servers follow it; a folder reached through a link is left alone.
+    std::string homeClaude = support + "/claude-code/" + added("Home");
+    std::string work = support + "/claude-code/" + added("Work");
+    writeFile(root / "team/CLAUDE.md", "Team rules.\n");
+    writeFile(root / "team/.claude.json", R"({"mcpServers": {"team": {"command": "t"}}})");
+    fs::rename(work, root / "elsewhere");
+    makeSymlink(root / "elsewhere", work);
+    RunResult team = cli({"share", "on", "claude", "--from", root / "team"});
+    EXPECT_EQ(team.exitCode, 0) << team.err;
+    EXPECT_NE(team.err.find("reached through a symbolic link"), std::string::npos) << team.err;
+    EXPECT_EQ(fs::read_symlink(root / "elsewhere/CLAUDE.md"), home + "/.claude/CLAUDE.md");
+    EXPECT_EQ(fs::read_symlink(homeClaude + "/CLAUDE.md"), root / "team/CLAUDE.md");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(homeClaude + "/commands")));
+    EXPECT_EQ(json::parse(readFile(homeClaude + "/.claude.json")), json::parse(R"({"mcpServers": {"team": {"command": "t"}}})"));
+}
+
 }  // namespace
 }  // namespace veerline::testing
