@@ -80,6 +80,12 @@ void addSecretCommands(CLI::App& app, const Context& context, Action& chosen);
 
 void addUsageCommands(CLI::App& app, const Context& context, Action& chosen);
 
+void addShareCommands(CLI::App& app, const Context& context, Action& chosen);
+// Brings the shared setup into the profile's (or every profile's) folders when sharing is on;
+// problems are warnings on standard error, never failures of the command that asked.
+void shareSetupWith(const Context& context, std::optional<ProfileID> profile = std::nullopt,
+                    std::optional<ToolKind> tool = std::nullopt);
+
 // Deletes a removed profile's data folders through the command-line tools' adapters (each signs
 // its tool out first), reporting each folder deleted.
 void removeProfileData(const Context& context, const Profile& profile);

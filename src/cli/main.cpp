@@ -140,6 +140,7 @@ int runCommand(int argc, char** argv) {
     addDoctorCommands(app, context, chosen);
     addSecretCommands(app, context, chosen);
     addUsageCommands(app, context, chosen);
+    addShareCommands(app, context, chosen);
     // Set after the commands are added, which would otherwise inherit it.
     app.footer("Run `veerline COMMAND --help` for the options of a command.");
 

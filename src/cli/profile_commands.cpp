@@ -86,6 +86,7 @@ int addProfile(const Context& context, const ProfileOptions& options) {
         return profile.id;
     });
     std::cout << id.rawValue << "\n";
+    shareSetupWith(context, id);
     return 0;
 }
 

@@ -201,6 +201,7 @@ int login(const Context& context, const RunOptions& options) {
         throw VeerlineError::unsupported(curlyQuoted(profile.name) + " doesn't use " + toolName + ". Add it with `veerline profile set " +
                                          ShellQuote::quote(profile.name) + " --tools ...` first.");
     }
+    shareSetupWith(context, profile.id, kind);
     if (options.apiKey && kind == ToolKind::claudeCode) return loginClaudeCodeWithApiKey(context, profile);
     auto command = adapter->setUp(profile);
     if (!command) {

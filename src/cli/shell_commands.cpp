@@ -107,6 +107,7 @@ int install(const Context& context, const ShellOptions& options) {
     }
     if (!mayWrite(context, options, "install", "Install Veerline's shell integration?")) return 1;
     shell.install(executables.resolver, executables.cli, std::nullopt, std::nullopt);
+    shareSetupWith(context);
     std::cout << "Installed. Open a new terminal so that `claude` and `codex` go through Veerline.\n";
     return 0;
 }

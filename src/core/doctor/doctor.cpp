@@ -18,6 +18,7 @@
 #include "resolution/shim_plan.h"
 #include "shell/shell_integration.h"
 #include "shell/shell_quote.h"
+#include "sharing/profile_sharing.h"
 #include "tools/claude_code_adapter.h"
 #include "tools/codex_adapter.h"
 #include "tools/tool_registry.h"
@@ -89,6 +90,7 @@ public:
         otherSwitchers();
         aliases();
         if (deep_) signIns(document);
+        sharedSettings(document);
         return std::move(checks_);
     }
 
@@ -302,6 +304,35 @@ private:
         // Directory order is arbitrary; the report should read the same every time.
         std::sort(apps.begin(), apps.end());
         return apps;
+    }
+
+    // Only once the user has turned sharing on at some point: before that there is nothing to say.
+    void sharedSettings(const ProfileDocument& document) {
+        if (!ShareSettings::exists(paths_)) return;
+        const std::string fix = "Run `veerline share sync`.";
+        std::vector<std::string> outdated;
+        try {
+            ShareSettings settings = ShareSettings::load(paths_);
+            if (settings.sources.empty()) {
+                add("sharing", Level::info, "Profiles don't share a setup", std::nullopt,
+                    "Run `veerline share on` to share one.");
+                return;
+            }
+            for (const ShareReport& report : ProfileSharing::applyAll(paths_, document, settings, true)) {
+                if (!report.changes.empty() || report.failed) {
+                    outdated.push_back(report.profileName + " · " + displayName(report.tool) + " (" +
+                                       (report.failed ? *report.skipped : joined(report.changes, ", ")) + ")");
+                }
+            }
+        } catch (const VeerlineError& error) {
+            add("sharing", Level::warning, "Shared settings can't be checked", error.errorDescription());
+            return;
+        }
+        if (outdated.empty()) {
+            add("sharing", Level::ok, "Shared settings are up to date in every profile");
+        } else {
+            add("sharing", Level::warning, "Shared settings are out of date", joined(outdated, "; "), fix);
+        }
     }
 
     void aliases() {
