@@ -308,6 +308,9 @@ ProfileDocument decodeDocument(std::string_view text) {
         }
         std::size_t offset = error.byte > 0 ? error.byte - 1 : 0;
         throw DocumentDecodeError("not valid JSON (" + position(text, offset) + ")");
+    } catch (const json::out_of_range&) {
+        // Well-formed, but a number such as 1e999 is past what the reader can hold.
+        throw DocumentDecodeError("not valid JSON (a number too large to read)");
     }
     return documentFromJSON(root);
 }
