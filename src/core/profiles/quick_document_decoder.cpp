@@ -1,18 +1,17 @@
 #include "profiles/quick_document_decoder.h"
 
-#include <nlohmann/json.hpp>
-
+#include <charconv>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "base/unicode.h"
 
 namespace veerline {
 
 namespace {
 
-using nlohmann::json;
-
-// nlohmann's event interface, fed the document's fixed shape: a root object holding the
+// Takes the parser's events for the document's fixed shape: a root object holding the
 // version, an array of profile objects (one optional array of tools inside each), an array of
 // rule objects and the terminal default. Values under unknown keys are skipped whatever they
 // hold. Any event that does not fit the shape answers false, which ends the parse.
@@ -20,17 +19,12 @@ class Reader {
 public:
     bool null() { return skipping() || (place_ != Place::tools && takeNull()); }
     bool boolean(bool) { return skipping() || ignored(); }
-    bool number_integer(json::number_integer_t value) { return skipping() || takeVersion(value); }
-    bool number_unsigned(json::number_unsigned_t value) {
-        constexpr auto largest = static_cast<json::number_unsigned_t>(INT64_MAX);
-        return skipping() || takeVersion(static_cast<std::int64_t>(value > largest ? largest : value));
-    }
+    bool number(std::int64_t value) { return skipping() || takeVersion(value); }
     // 1.0 would be the version 1, but the full decoder judges such rarities.
-    bool number_float(json::number_float_t, const std::string&) { return skipping() || ignored(); }
-    bool binary(json::binary_t&) { return skipping() || ignored(); }
+    bool otherNumber() { return skipping() || ignored(); }
     bool string(std::string& value) { return skipping() || takeString(value); }
 
-    bool start_object(std::size_t) {
+    bool startObject() {
         if (enterSkipped()) return true;
         switch (place_) {
             case Place::outside: place_ = Place::root; return true;
@@ -40,7 +34,7 @@ public:
         }
     }
 
-    bool end_object() {
+    bool endObject() {
         if (skipDepth_ > 0) return --skipDepth_, true;
         switch (place_) {
             case Place::root:
@@ -62,7 +56,7 @@ public:
         }
     }
 
-    bool start_array(std::size_t) {
+    bool startArray() {
         if (enterSkipped()) return true;
         Key key = pending_;
         pending_ = none;
@@ -76,7 +70,7 @@ public:
         return false;
     }
 
-    bool end_array() {
+    bool endArray() {
         if (skipDepth_ > 0) return --skipDepth_, true;
         if (place_ == Place::profiles || place_ == Place::rules) return place_ = Place::root, true;
         if (place_ == Place::tools) return place_ = Place::profile, true;
@@ -94,8 +88,6 @@ public:
         pending_ = key;
         return true;
     }
-
-    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) { return false; }
 
     std::optional<ProfileDocument> result() {
         if (place_ != Place::finished) return std::nullopt;
@@ -233,12 +225,189 @@ private:
     Item item_;
 };
 
+// Reads JSON text strictly and hands its events to a Reader, at a few instructions a byte where
+// the JSON library's lexer spends tens (it keeps every token's text for its error messages): the
+// shim decodes the whole file on every tool start. It gives up on a byte-order mark and on deep
+// nesting, and then the library decodes the text; it never accepts text the library refuses.
+class Parser {
+public:
+    Parser(std::string_view text, Reader& reader) : at_(text.data()), end_(text.data() + text.size()), reader_(reader) {}
+
+    bool document() {
+        if (!value(0)) return false;
+        skipBlanks();
+        return at_ == end_;
+    }
+
+private:
+    static constexpr int maxDepth = 64;
+
+    void skipBlanks() {
+        while (at_ < end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t')) ++at_;
+    }
+
+    // Skips blanks, then takes `c` if it comes next.
+    bool take(char c) {
+        skipBlanks();
+        if (at_ == end_ || *at_ != c) return false;
+        ++at_;
+        return true;
+    }
+
+    bool value(int depth) {
+        skipBlanks();
+        if (at_ == end_) return false;
+        switch (*at_) {
+            case '{': return depth < maxDepth && object(depth + 1);
+            case '[': return depth < maxDepth && array(depth + 1);
+            case '"': return string() && reader_.string(text_);
+            case 't': return literal("true") && reader_.boolean(true);
+            case 'f': return literal("false") && reader_.boolean(false);
+            case 'n': return literal("null") && reader_.null();
+            default: return number();
+        }
+    }
+
+    bool object(int depth) {
+        ++at_;
+        if (!reader_.startObject()) return false;
+        if (take('}')) return reader_.endObject();
+        do {
+            skipBlanks();
+            if (at_ == end_ || *at_ != '"' || !string() || !reader_.key(text_) || !take(':') || !value(depth)) {
+                return false;
+            }
+        } while (take(','));
+        return take('}') && reader_.endObject();
+    }
+
+    bool array(int depth) {
+        ++at_;
+        if (!reader_.startArray()) return false;
+        if (take(']')) return reader_.endArray();
+        do {
+            if (!value(depth)) return false;
+        } while (take(','));
+        return take(']') && reader_.endArray();
+    }
+
+    bool literal(std::string_view word) {
+        if (static_cast<std::size_t>(end_ - at_) < word.size() || std::string_view(at_, word.size()) != word) return false;
+        at_ += word.size();
+        return true;
+    }
+
+    // Integers up to 18 digits are read; any other number is checked and reported as one that
+    // only an unknown key may hold.
+    bool number() {
+        const char* start = at_;
+        if (at_ < end_ && *at_ == '-') ++at_;
+        const char* digits = at_;
+        std::uint64_t magnitude = 0;
+        while (at_ < end_ && isDigit(*at_)) magnitude = magnitude * 10 + static_cast<unsigned>(*at_++ - '0');
+        std::size_t count = static_cast<std::size_t>(at_ - digits);
+        if (count == 0 || (count > 1 && *digits == '0')) return false;
+        bool integer = count <= 18;
+        if (at_ < end_ && *at_ == '.') {
+            ++at_;
+            if (!someDigits()) return false;
+            integer = false;
+        }
+        if (at_ < end_ && (*at_ == 'e' || *at_ == 'E')) {
+            ++at_;
+            if (at_ < end_ && (*at_ == '+' || *at_ == '-')) ++at_;
+            if (!someDigits()) return false;
+            integer = false;
+        }
+        if (!integer) {
+            // The library refuses a number past a double's range; one near zero is left to it too.
+            double ignored = 0;
+            return std::from_chars(start, at_, ignored).ec == std::errc() && reader_.otherNumber();
+        }
+        auto value = static_cast<std::int64_t>(magnitude);
+        return reader_.number(*start == '-' ? -value : value);
+    }
+
+    static bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+    bool someDigits() {
+        const char* first = at_;
+        while (at_ < end_ && isDigit(*at_)) ++at_;
+        return at_ > first;
+    }
+
+    // Four hexadecimal digits of a \u escape.
+    bool hex(char32_t& unit) {
+        if (end_ - at_ < 4) return false;
+        unit = 0;
+        for (int i = 0; i < 4; ++i) {
+            char c = *at_++;
+            int digit = isDigit(c) ? c - '0' : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10 : -1;
+            if (digit < 0) return false;
+            unit = unit * 16 + static_cast<char32_t>(digit);
+        }
+        return true;
+    }
+
+    // A \u escape after its backslash and "u"; a surrogate must come in a high-low pair.
+    bool escapedCodePoint() {
+        char32_t unit = 0;
+        if (!hex(unit) || (unit >= 0xDC00 && unit <= 0xDFFF)) return false;
+        if (unit >= 0xD800 && unit <= 0xDBFF) {
+            char32_t low = 0;
+            if (end_ - at_ < 2 || at_[0] != '\\' || at_[1] != 'u') return false;
+            at_ += 2;
+            if (!hex(low) || low < 0xDC00 || low > 0xDFFF) return false;
+            unit = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+        }
+        unicode::appendUTF8(text_, unit);
+        return true;
+    }
+
+    // A string's text into text_, its escapes undone; the opening quote is at at_.
+    bool string() {
+        text_.clear();
+        bool wide = false;
+        const char* run = ++at_;
+        for (;;) {
+            while (at_ < end_ && static_cast<unsigned char>(*at_) >= 0x20 && *at_ != '"' && *at_ != '\\') {
+                wide |= static_cast<unsigned char>(*at_) >= 0x80;
+                ++at_;
+            }
+            if (at_ == end_ || static_cast<unsigned char>(*at_) < 0x20) return false;
+            text_.append(run, at_);
+            if (*at_++ == '"') return !wide || unicode::isValidUTF8(text_);
+            if (at_ == end_) return false;
+            switch (*at_++) {
+                case '"': text_ += '"'; break;
+                case '\\': text_ += '\\'; break;
+                case '/': text_ += '/'; break;
+                case 'b': text_ += '\b'; break;
+                case 'f': text_ += '\f'; break;
+                case 'n': text_ += '\n'; break;
+                case 'r': text_ += '\r'; break;
+                case 't': text_ += '\t'; break;
+                case 'u':
+                    if (!escapedCodePoint()) return false;
+                    break;
+                default: return false;
+            }
+            run = at_;
+        }
+    }
+
+    const char* at_;
+    const char* end_;
+    Reader& reader_;
+    std::string text_;
+};
+
 }  // namespace
 
 std::optional<ProfileDocument> decodeDocumentQuickly(std::string_view text) noexcept {
     try {
         Reader reader;
-        if (!json::sax_parse(text.begin(), text.end(), &reader)) return std::nullopt;
+        if (!Parser(text, reader).document()) return std::nullopt;
         return reader.result();
     } catch (...) {
         return std::nullopt;

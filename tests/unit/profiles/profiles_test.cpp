@@ -158,7 +158,8 @@ TEST(ProfileDocumentJSONTest, UnreadableValuesSayWhereAndWhat) {
         {R"({"version": 1, "profiles": [], "rules": [], "cliDefault": 4})", "cliDefault: expected a string, found a number"},
         {"", "the file is empty"},
         {"{\n  \"version\": 1,\n  oops\n}", "not valid JSON (line 3, column 3)"},
-        {R"({"version": 1, "profiles": [], "rules": []} x)", "not valid JSON (line 1, column 45)"}};
+        {R"({"version": 1, "profiles": [], "rules": []} x)", "not valid JSON (line 1, column 45)"},
+        {R"({"version": 1, "profiles": [], "rules": [], "size": 1e999})", "not valid JSON (a number too large to read)"}};
     for (const auto& [text, message] : documents) EXPECT_EQ(messageOf([&] { decodeDocument(text); }), message) << text;
 }
 
@@ -181,6 +182,9 @@ TEST(ProfileDocumentJSONTest, QuickAndFullDecodersReadUsualDocumentsAlike) {
         R"("name":"A","more":{"tools":["nonsense"]},"tools":[],"n":-1.5}],"rules":[{"path":"/x",)"
         R"("profileID":"a","note":"\"quoted\" \u2603"}],"big":18446744073709551615})",
         R"({"version":0,"profiles":[],"rules":[]})",
+        // Escapes (a surrogate pair among them) and numbers of every form.
+        R"({"version":1,"profiles":[{"id":"a","name":"\u00e9\ud83d\ude00 \"q\" \\ \/\t"}],"rules":[],)"
+        R"("n":[1e5,-0.5E-2,12345678901234567890,-0,0]})",
         R"( {"rules":[],"profiles":[],"version":-3} )",
     };
     for (const std::string& text : documents) {
