@@ -1,9 +1,13 @@
 // The built `veerline shell` commands in a temporary HOME: install, status and uninstall as a user
 // runs them, then homes that are not what Veerline wrote (links into other folders, pipes where
 // files should be, a crafted install record, left-overs of killed runs) and kills at random
-// moments. Canary files outside the temporary HOME prove that nothing there is touched.
+// moments. Canary files outside the temporary HOME prove that nothing there is touched. Then what
+// Veerline hands to shells, run in real bash, zsh, dash and fish: the managed block, the prompt
+// snippets (also checked by shellcheck) and `veerline completion`, where Tab offers commands,
+// options, profile names and tools.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <random>
@@ -35,17 +39,20 @@ std::map<std::string, std::string> snapshot(const std::string& folder) {
 
 class CliShellTest : public ::testing::Test {
 protected:
+    // Spaces and glob characters in the home folder must not confuse the block.
     TempDir root{"veerline-cli-shell"};
-    std::string home = root / "home";
+    std::string home = root / "h o*me[1]";
     std::string outside = root / "outside";
     std::string runtime = root / "run";
-    RunOptions options{{{"HOME", home}, {"PATH", "/usr/bin:/bin"}, {"SHELL", "/bin/bash"},
-                        {"XDG_RUNTIME_DIR", runtime}, {"TMPDIR", runtime}},
+    std::string bin = root / "bin";
+    RunOptions options{{{"HOME", home}, {"PATH", bin + ":/usr/bin:/bin"}, {"SHELL", "/bin/bash"},
+                        {"XDG_RUNTIME_DIR", runtime}, {"TMPDIR", runtime}, {"TERM", "dumb"}},
                        home, "", std::nullopt, {}};
 
     void SetUp() override {
         makeDirs(home);
         makeDirs(runtime, 0700);
+        makeSymlink(VEERLINE_CLI_BINARY, bin + "/veerline");
         writeFile(outside + "/keep", "canary\n");
         writeFile(outside + "/folder/veerline-resolve", "canary\n");
         writeFile(outside + "/folder/claude", "canary\n");
@@ -58,7 +65,7 @@ protected:
     }
 
     // Bounded by `timeout`: a command that waits on a pipe is killed and shows as exit 124.
-    RunResult cli(const Args& args, const std::string& program = VEERLINE_CLI_BINARY, Args timeout = {"20"}) const {
+    RunResult cli(const Args& args, const std::string& program = VEERLINE_CLI_BINARY, Args timeout = {"60"}) const {
         timeout.push_back(program);
         timeout.insert(timeout.end(), args.begin(), args.end());
         return run("/usr/bin/timeout", timeout, options);
@@ -68,6 +75,19 @@ protected:
         RunResult result = cli({"shell", "status", "--json"});
         EXPECT_EQ(result.exitCode, 0) << result.err;
         return json::parse(result.out);
+    }
+
+    // Runs command[0] with the rest as its arguments.
+    RunResult shell(Args command) const {
+        const std::string program = command[0];
+        command.erase(command.begin());
+        return cli(command, program);
+    }
+
+    // A file in the temporary folder for a shell to source.
+    std::string script(const std::string& name, const std::string& text) const {
+        writeFile(root / name, text);
+        return root / name;
     }
 };
 
@@ -92,16 +112,11 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
     ASSERT_EQ(installed.exitCode, 0) << installed.err;
     EXPECT_TRUE(installed.out.ends_with("Installed. Open a new terminal so that `claude` and `codex` go through "
                                         "Veerline.\n"));
-    const std::string libexec = home + "/.veerline/libexec";
-    EXPECT_EQ(readFile(libexec + "/veerline-resolve"), readFile(VEERLINE_RESOLVE_BINARY));
-    EXPECT_EQ(readFile(libexec + "/veerline"), readFile(VEERLINE_CLI_BINARY));
-    EXPECT_EQ(fileMode(libexec + "/veerline") & 0777, 0755u);
+    EXPECT_EQ(readFile(home + "/.veerline/libexec/veerline-resolve"), readFile(VEERLINE_RESOLVE_BINARY));
     for (const std::string name : {"claude", "codex", "veerline"}) {
         EXPECT_EQ(fs::read_symlink(home + "/.veerline/bin/" + name).string(),
                   "../libexec/" + (name == "veerline" ? name : "veerline-resolve"));
     }
-    EXPECT_TRUE(readFile(home + "/.zshrc").starts_with("# >>> veerline >>>\n"));
-    EXPECT_TRUE(readFile(home + "/.bashrc").starts_with(bashrc + "\n# >>> veerline >>>\n"));
     EXPECT_EQ(status(), json::parse(R"({"isInstalled": true, "binariesInstalled": true, "appPath": null,
         "missingBlocks": [], "blocks": [
         {"path": ")" + home + R"(/.zshrc", "isLast": true}, {"path": ")" + home + R"(/.bashrc", "isLast": true}]})"));
@@ -111,7 +126,7 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
 
     // An interactive bash reads the block; the installed copy runs the same commands (it finds the
     // resolver beside itself).
-    RunResult bash = run("/bin/bash", {"-i", "-c", "command -v claude"}, options);
+    RunResult bash = shell({"/bin/bash", "-i", "-c", "command -v claude"});
     EXPECT_EQ(bash.out, home + "/.veerline/bin/claude\n") << bash.err;
     RunResult again = cli({"shell", "install", "--yes"}, home + "/.veerline/bin/veerline");
     ASSERT_EQ(again.exitCode, 0) << again.err;
@@ -132,7 +147,6 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
     EXPECT_EQ(readFile(home + "/.bashrc"), bashrc);
     EXPECT_EQ(readFile(home + "/.zshrc"), "export PATH=/opt/bin:$PATH\n") << "the user's own line stays";
     EXPECT_FALSE(exists(home + "/.veerline"));
-    EXPECT_EQ(status()["isInstalled"], false);
     EXPECT_EQ(cli({"shell", "uninstall"}).exitCode, 1) << "still asks first without a terminal";
 }
 
@@ -180,8 +194,8 @@ TEST_F(CliShellTest, LinkToNothingComesBackBackupsStayPrivateAndLeftOversAreSwep
     EXPECT_TRUE(fs::is_empty(runtime));
 }
 
-TEST_F(CliShellTest, LinksAndPipesInAHomeNeitherHangNorReachOutsideIt) {
-    const auto before = snapshot(outside);
+TEST_F(CliShellTest, LinksPipesAndCraftedRecordsInAHomeNeitherHangNorReachOutsideIt) {
+    auto before = snapshot(outside);
     // A link into another folder, or a pipe (no target), where a file or folder should be.
     const std::vector<std::pair<std::string, std::string>> cases = {
         {".veerline/backups", outside + "/folder"}, {".veerline/libexec", outside + "/folder"},
@@ -208,16 +222,14 @@ TEST_F(CliShellTest, LinksAndPipesInAHomeNeitherHangNorReachOutsideIt) {
             }
         }
         EXPECT_EQ(snapshot(outside), before);
-        const std::string zshrc = item == ".zshrc" ? "" : ShellIntegration::removingBlock(readFile(home + "/.zshrc"));
-        EXPECT_EQ(zshrc, item == ".zshrc" ? "" : "# mine\n");
+        if (item != ".zshrc") EXPECT_EQ(ShellIntegration::removingBlock(readFile(home + "/.zshrc")), "# mine\n");
     }
-}
 
-TEST_F(CliShellTest, CraftedOrLostRecordsAndUnclosedBlocksLoseNoLines) {
+    // Crafted or lost records and unclosed blocks lose no lines.
     freshHome();
     ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
     writeFile(outside + "/victim", "victim\n");
-    const auto before = snapshot(outside);
+    before = snapshot(outside);
     // A file outside HOME, and backups outside the backups folder, each as the install left it.
     json crafted = {{"version", 1}, {"files", json::array()}};
     for (const std::string& path : {outside + "/victim", home + "/.zshrc", home + "/.bashrc"}) {
@@ -261,9 +273,7 @@ TEST_F(CliShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
         for (const std::string& folder : {home, runtime}) {
             for (const auto& entry : fs::recursive_directory_iterator(folder)) {
                 const std::string name = entry.path().filename();
-                if (has(name, ".tmp.") || has(name, "veerline-tmp") || name.starts_with("veerline-diff-")) {
-                    found.push_back(entry.path());
-                }
+                if (has(name, "tmp.") || name.starts_with("veerline-diff-")) found.push_back(entry.path());
             }
         }
         return found;
@@ -290,15 +300,114 @@ TEST_F(CliShellTest, KillsAtRandomMomentsLeaveValidFilesAndNoLeftOvers) {
             const std::string without = ShellIntegration::removingBlock(text);
             EXPECT_TRUE(without == original || without == original + "\n") << name;
         }
-        if (exists(profiles)) {
-            EXPECT_FALSE(json::parse(readFile(profiles), nullptr, false).is_discarded());
-        }
+        EXPECT_FALSE(exists(profiles) && json::parse(readFile(profiles), nullptr, false).is_discarded());
     }
 
     // One more command of each kind sweeps what the killed ones left.
     ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
     ASSERT_EQ(cli({"profile", "add", "Last"}).exitCode, 0);
     EXPECT_EQ(leftOvers(), Args{});
+}
+
+TEST_F(CliShellTest, BlockAndPromptSnippetsWorkInRealShellsAndShellcheckAcceptsThem) {
+    const std::string block = script("block.sh", ShellIntegration::block());
+    const std::string test =
+        "PATH=$2; . \"$1\"; printf 'once=%s\\n' \"$PATH\"; printf 'left=%s%s\\n' \"${_vl+_vl}\" \"${_vlp+_vlp}\"; "
+        ". \"$1\"; printf 'twice=%s\\n' \"$PATH\"";
+    const std::string s = home + "/.veerline/bin";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"/usr/bin:/bin", s + ":/usr/bin:/bin"},      {s + ":/usr/bin:/bin", s + ":/usr/bin:/bin"},
+        {"/usr/bin:" + s + ":/bin", s + ":/usr/bin:/bin"},
+        {s + ":/usr/bin:" + s + ":" + s + ":/bin:" + s, s + ":/usr/bin:/bin"},
+        {s, s}, {s + ":" + s, s}, {"", s}, {"/usr/bin::/bin", s + ":/usr/bin::/bin"},
+        // Look-alikes of the shim folder stay where they are.
+        {s + "2:/x" + s + ":" + s + "/:/usr/bin", s + ":" + s + "2:/x" + s + ":" + s + "/:/usr/bin"},
+    };
+    for (const Args& interpreter :
+         {Args{"/bin/bash", "--norc", "--noprofile"}, Args{"/bin/zsh", "-f"}, Args{"/bin/dash"}}) {
+        for (const auto& [path, expected] : cases) {
+            SCOPED_TRACE(interpreter[0] + " with PATH " + path);
+            // PATH is set inside the shell: zsh replaces an empty PATH it inherits with its own default.
+            Args command = interpreter;
+            command.insert(command.end(), {"-c", test, "sh", block, path});
+            RunResult result = shell(command);
+            ASSERT_EQ(result.exitCode, 0) << result.err;
+            EXPECT_EQ(result.out, "once=" + expected + "\nleft=\ntwice=" + expected + "\n");
+            EXPECT_EQ(result.err, "");
+        }
+    }
+
+    // The prompt snippets show the profile even with percent signs. A stand-in resolver names the
+    // profile after the working folder's last component.
+    writeFile(home + "/.veerline/libexec/veerline-resolve", "#!/bin/sh\n[ \"$1\" = --prompt ] && basename \"$PWD\"\n",
+              0755);
+    const std::string folder = "R&D 100%";
+    makeDirs(home + "/" + folder);
+    const std::vector<std::tuple<Args, std::string, std::string>> prompts = {
+        {{"/bin/bash", "--norc", "--noprofile", "-c",
+          "PS1='$ '; PROMPT_COMMAND='echo earlier'; . \"$1\"; cd \"$2\"; eval \"$PROMPT_COMMAND\"; "
+          "printf '%s|%s\\n' \"$VEERLINE_PROFILE\" \"${PS1@P}\""},
+         "bash", "earlier\n" + folder + "|[" + folder + "] $ \n"},
+        {{"/bin/zsh", "-f", "-c",
+          "RPROMPT='%%'; . \"$1\"; printf '%s\\n' \"$VEERLINE_PROFILE\"; cd \"$2\"; "
+          "printf '%s|' \"$VEERLINE_PROFILE\"; print -rP -- \"$RPROMPT\""},
+         "zsh", "h o*me[1]\n" + folder + "|[" + folder + "]%\n"}};
+    for (auto [command, name, expected] : prompts) {
+        const std::string snippet = script("snippet." + name, *ShellIntegration::promptSnippet(name));
+        command.insert(command.end(), {name, snippet, folder});
+        RunResult result = shell(command);
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.out, expected);
+    }
+
+    const std::string shellcheck = "/usr/bin/shellcheck";
+    if (::access(shellcheck.c_str(), X_OK) != 0) GTEST_SKIP() << "shellcheck is not installed";
+    const std::string snippet = script("snippet.bash", *ShellIntegration::promptSnippet("bash") + "\n");
+    // SC2155: the snippet ignores the resolver's exit status on purpose; a failed look-up just
+    // shows no profile.
+    for (const Args& check : {Args{shellcheck, "-s", "sh", block}, Args{shellcheck, "-s", "bash", block},
+                              Args{shellcheck, "-s", "dash", block},
+                              Args{shellcheck, "-s", "bash", "-e", "SC2155", snippet}}) {
+        RunResult result = shell(check);
+        EXPECT_EQ(result.exitCode, 0) << check[2] << ":\n" << result.out << result.err;
+    }
+}
+
+TEST_F(CliShellTest, CompletionOffersCommandsOptionsProfilesAndTools) {
+    for (const char* name : {"Work", "Bob's Home"}) ASSERT_EQ(cli({"profile", "add", name}).exitCode, 0);
+    RunResult bash = shell({"/bin/bash", "--norc", "--noprofile", "-c", R"(
+        source <(veerline completion bash) && complete -p veerline
+        tab() { COMP_WORDS=("$@"); COMP_CWORD=$(( $# - 1 )); _veerline; printf '<%s>' "${COMPREPLY[@]}"; echo; }
+        tab veerline lo; tab veerline login B; tab veerline profile set --co; tab veerline login Work ''
+        tab veerline completion z; tab veerline rule add '')"});
+    EXPECT_EQ(bash.out, "complete -F _veerline veerline\n<login>\n<Bob\\'s\\ Home>\n<--color>\n<claude><codex>\n<zsh>\n<>\n")
+        << bash.err;
+
+    writeFile(home + "/zdot/.zshrc", R"(
+        autoload -Uz compinit && compinit -u -d "$ZDOTDIR/.zcompdump"
+        source <(veerline completion zsh)
+        record() { print -r -- "$BUFFER" >> "$ZDOTDIR/lines"; BUFFER= }
+        zle -N record && bindkey '^X' record)");
+    // Types each line in an interactive zsh, presses Tab, then ^X, which writes what the line has become.
+    RunResult zsh = shell({"/bin/zsh", "-f", "-c", R"(
+        zmodload zsh/zpty && export ZDOTDIR=$HOME/zdot && zpty z 'zsh -i'
+        for line in 'veerline lo' 'veerline login Wo' 'veerline profile remove Bo' 'veerline login Work co'; do
+            zpty -w -n z "$line"$'\t\x18'
+        done
+        for i in {1..600}; do [[ -f $ZDOTDIR/lines && $(wc -l < $ZDOTDIR/lines) -ge 4 ]] && break; sleep 0.05; done
+        zpty -d z; cat $ZDOTDIR/lines)"});
+    EXPECT_EQ(zsh.out, "veerline login \nveerline login Work \nveerline profile remove Bob\\'s\\ Home \n"
+                       "veerline login Work codex \n")
+        << zsh.err;
+
+    if (::access("/usr/bin/fish", X_OK) != 0) GTEST_SKIP() << "fish isn't installed";
+    RunResult fish = shell({"/usr/bin/fish", "--no-config", "-c", R"(
+        veerline completion fish | source
+        complete -C 'veerline pro'; complete -C 'veerline env '; complete -C 'veerline profile add X --tools codex,cha')"});
+    EXPECT_EQ(fish.out, "profile\tList, add, rename, change and remove profiles\n"
+                        "prompt\tPrint a snippet that shows the profile in your prompt\n"
+                        "Bob's Home\nWork\ncodex,chatgpt-app\n")
+        << fish.err;
 }
 
 }  // namespace
