@@ -106,10 +106,9 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     json settings = json::parse(readFile(claude + "/settings.json"));
     EXPECT_EQ(settings, json::parse(R"({"apiKeyHelper": "veerline secret get work claude-code", "model": "sonnet",
                                         "theme": "dark"})"));
-    json state = json::parse(readFile(claude + "/.claude.json"));
-    EXPECT_EQ(state["mcpServers"]["files"]["command"], "own-files") << "the profile's own server wins";
-    EXPECT_EQ(state["mcpServers"]["search"]["command"], "search-server");
-    EXPECT_EQ(state["oauthAccount"]["emailAddress"], "work@example.com");
+    // The profile's own server wins.
+    EXPECT_EQ(json::parse(readFile(claude + "/.claude.json")), json::parse(R"({"oauthAccount": {"emailAddress":
+        "work@example.com"}, "mcpServers": {"files": {"command": "own-files"}, "search": {"command": "search-server"}}})"));
     EXPECT_EQ(fileMode(claude + "/.claude.json") & 0777, 0600u);
     std::string config = readFile(codex + "/config.toml");
     EXPECT_TRUE(config.starts_with(ownCodex.at("config.toml"))) << config;
@@ -120,8 +119,7 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     const std::string homeID = added("Home");
     const std::string homeClaude = support + "/claude-code/" + homeID;
     EXPECT_EQ(readFile(homeClaude + "/agents/tester.md"), "A tester.\n");
-    state = json::parse(readFile(homeClaude + "/.claude.json"));
-    EXPECT_EQ(state, json::parse(R"({"mcpServers": {"files": {"command": "npx", "args": ["fs"]},
+    EXPECT_EQ(json::parse(readFile(homeClaude + "/.claude.json")), json::parse(R"({"mcpServers": {"files": {"command": "npx", "args": ["fs"]},
                                      "search": {"command": "search-server"}}})"));
     EXPECT_EQ(json::parse(readFile(homeClaude + "/settings.json")), json::parse(R"({"model": "opus", "theme": "dark"})"));
     for (const std::string& folder : {claude, codex, homeClaude, support + "/codex/" + homeID})

@@ -33,7 +33,7 @@ using LoginState = CodexAdapter::LoginState;
 
 AccountInfo method(std::string name) { return {std::nullopt, std::nullopt, std::nullopt, std::nullopt, name}; }
 
-TEST(ProcessRunnerTest, OutputsExitTimeOutsArgumentsAndEnvironmentOfRealChildrenRunSideBySide) {
+TEST(ProcessRunnerTest, RealChildrenSideBySideAndTheBaseEnvironmentTheyGet) {
     testing::TempDir dir;
     testing::writeFakeTool(dir / "tool");
     auto pending = ProcessRunner::run(dir / "tool", {"a b", "", "'q'"}, {{"ONLY", "this"}}, 10.0);
@@ -88,9 +88,8 @@ TEST(ProcessRunnerTest, OutputsExitTimeOutsArgumentsAndEnvironmentOfRealChildren
     EXPECT_EQ(report.argv0, dir / "tool");
     EXPECT_EQ(report.arguments, (std::vector<std::string>{"a b", "", "'q'"}));
     EXPECT_EQ(report.environment, (std::map<std::string, std::string>{{"ONLY", "this"}}));
-}
 
-TEST(ProcessRunnerTest, BaseEnvironmentKeepsOnlyTheKnownNames) {
+    // The base environment keeps only the known names.
     Environment from{{"HOME", "/h"}, {"http_proxy", "p"}, {"UNRELATED", "x"}};
     EXPECT_EQ(ProcessRunner::baseEnvironment(from), (Environment{{"HOME", "/h"}, {"http_proxy", "p"}}));
 
