@@ -112,7 +112,6 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     EXPECT_EQ(fileMode(claude + "/.claude.json") & 0777, 0600u);
     std::string config = readFile(codex + "/config.toml");
     EXPECT_TRUE(config.starts_with(ownCodex.at("config.toml"))) << config;
-    EXPECT_NE(config.find("cli_auth_credentials_store"), std::string::npos);
     EXPECT_NE(config.find("[mcp_servers.docs]"), std::string::npos) << config;
 
     // A profile added while sharing is on starts with the shared setup and no one's sign-in.

@@ -103,7 +103,7 @@ TEST(ProcessRunnerTest, RealChildrenSideBySideAndTheBaseEnvironmentTheyGet) {
     EXPECT_EQ(ProcessRunner::baseEnvironment(session), session);
 }
 
-TEST(ToolAnswerTest, CodexFirstDecidingLineClaudeCodeJSONAfterABannerAndAccountJSON) {
+TEST(ToolAnswerTest, CodexFirstDecidingLineAndAccountJSON) {
     const std::vector<std::pair<std::string, LoginState>> cases = {
         {"Logged in using ChatGPT\n", LoginState::signedIn("ChatGPT")},
         {"Logged in using an API key - sk-proj-***ABCD", LoginState::signedIn("API key")},
