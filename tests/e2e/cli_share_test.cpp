@@ -19,12 +19,9 @@ using nlohmann::json;
 std::map<std::string, std::string> tree(const std::string& root) {
     std::map<std::string, std::string> entries;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        std::string name = fs::relative(entry.path(), root).string();
-        if (entry.is_symlink()) {
-            entries[name] = "-> " + fs::read_symlink(entry.path()).string();
-        } else {
-            entries[name] = entry.is_directory() ? "/" : readFile(entry.path().string());
-        }
+        std::string& content = entries[fs::relative(entry.path(), root).string()];
+        content = entry.is_symlink() ? "-> " + fs::read_symlink(entry.path()).string()
+                  : entry.is_directory() ? "/" : readFile(entry.path().string());
     }
     return entries;
 }
@@ -78,15 +75,14 @@ protected:
     }
 
     json doctorCheck(const std::string& id) const {
-        for (const json& check : json::parse(cli({"doctor", "--json"}).out)) {
+        for (const json& check : json::parse(cli({"doctor", "--json"}).out))
             if (check["id"] == id) return check;
-        }
         return nullptr;
     }
 };
 
 TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
-    const auto source = sourceTree();
+    auto source = sourceTree();
     const std::string work = added("Work");
     const std::string claude = support + "/claude-code/" + work;
     const std::string codex = support + "/codex/" + work;
@@ -110,37 +106,34 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     json settings = json::parse(readFile(claude + "/settings.json"));
     EXPECT_EQ(settings, json::parse(R"({"apiKeyHelper": "veerline secret get work claude-code", "model": "sonnet",
                                         "theme": "dark"})"));
-    json state = json::parse(readFile(claude + "/.claude.json"));
-    EXPECT_EQ(state["mcpServers"]["files"]["command"], "own-files") << "the profile's own server wins";
-    EXPECT_EQ(state["mcpServers"]["search"]["command"], "search-server");
-    EXPECT_EQ(state["oauthAccount"]["emailAddress"], "work@example.com");
+    // The profile's own server wins.
+    EXPECT_EQ(json::parse(readFile(claude + "/.claude.json")), json::parse(R"({"oauthAccount": {"emailAddress":
+        "work@example.com"}, "mcpServers": {"files": {"command": "own-files"}, "search": {"command": "search-server"}}})"));
     EXPECT_EQ(fileMode(claude + "/.claude.json") & 0777, 0600u);
     std::string config = readFile(codex + "/config.toml");
     EXPECT_TRUE(config.starts_with(ownCodex.at("config.toml"))) << config;
-    EXPECT_NE(config.find("cli_auth_credentials_store"), std::string::npos);
     EXPECT_NE(config.find("[mcp_servers.docs]"), std::string::npos) << config;
 
     // A profile added while sharing is on starts with the shared setup and no one's sign-in.
     const std::string homeID = added("Home");
     const std::string homeClaude = support + "/claude-code/" + homeID;
     EXPECT_EQ(readFile(homeClaude + "/agents/tester.md"), "A tester.\n");
-    state = json::parse(readFile(homeClaude + "/.claude.json"));
-    EXPECT_EQ(state, json::parse(R"({"mcpServers": {"files": {"command": "npx", "args": ["fs"]},
+    EXPECT_EQ(json::parse(readFile(homeClaude + "/.claude.json")), json::parse(R"({"mcpServers": {"files": {"command": "npx", "args": ["fs"]},
                                      "search": {"command": "search-server"}}})"));
     EXPECT_EQ(json::parse(readFile(homeClaude + "/settings.json")), json::parse(R"({"model": "opus", "theme": "dark"})"));
-    for (const std::string& folder : {claude, codex, homeClaude, support + "/codex/" + homeID}) {
-        for (const char* secret : {".credentials.json", "auth.json", "projects", "history.jsonl"}) {
+    for (const std::string& folder : {claude, codex, homeClaude, support + "/codex/" + homeID})
+        for (const char* secret : {".credentials.json", "auth.json", "projects", "history.jsonl"})
             EXPECT_FALSE(exists(folder + "/" + secret)) << folder << "/" << secret;
-        }
-    }
     EXPECT_EQ(doctorCheck("sharing")["level"], "ok");
 
+    EXPECT_EQ(sourceTree(), source) << "the source is only ever read";
     // The user changes the shared setup: a new MCP server each, a new skills folder.
     writeFile(home + "/.claude.json", R"({"mcpServers": {"files": {"command": "npx", "args": ["fs"]},
         "search": {"command": "search-server"}, "tickets": {"command": "tickets"}}, "userID": "u1"})");
     writeFile(home + "/.codex/config.toml", "[mcp_servers.docs]\ncommand = \"docs-server\"\n\n"
                                             "[mcp_servers.tickets]\ncommand = \"tickets\"\n");
     writeFile(home + "/.claude/skills/deploy/SKILL.md", "Deploy.\n");
+    source = sourceTree();
     json outdated = doctorCheck("sharing");
     EXPECT_EQ(outdated["level"], "warning");
     EXPECT_EQ(outdated["fix"], "Run `veerline share sync`.");
@@ -166,43 +159,22 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     EXPECT_EQ(tree(codex), ownCodex);
     EXPECT_EQ(tree(homeClaude), (std::map<std::string, std::string>{{"settings.json", "{\n  \"theme\": \"light\"\n}"}}));
     EXPECT_EQ(json::parse(cli({"share", "status", "--json"}).out)["codex"], json::parse(R"({"shared": false})"));
-    writeFile(home + "/.claude.json", source.at(".claude.json"));
-    writeFile(home + "/.codex/config.toml", source.at("codex/config.toml"));
-    fs::remove_all(home + "/.claude/skills");
     EXPECT_EQ(sourceTree(), source) << "the source is only ever read";
 }
 
-TEST_F(CliShareTest, BadInputIsRefusedWithAClearError) {
-    struct Case {
-        std::vector<std::string> args;
-        int exitCode;
-        std::string message;
+TEST_F(CliShareTest, BadInputAndFoldersThatCannotBeSharedAreNamedAndLeftAsTheyWere) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> usageErrors = {
+        {{"share", "on", "desktop"}, "“desktop” is an app"},
+        {{"share", "on", "pencil"}, "“pencil” isn't a tool"},
+        {{"share", "on", "claude", "--from", "missing"}, "There's no folder at “missing”."},
+        {{"share", "on", "--from", home}, "--from names one tool's folder"},
     };
-    const std::vector<Case> cases = {
-        {{"share", "on", "desktop"}, 2, "“desktop” is an app"},
-        {{"share", "on", "pencil"}, 2, "“pencil” isn't a tool"},
-        {{"share", "on", "claude", "--from", "missing"}, 2, "There's no folder at “missing”."},
-        {{"share", "on", "--from", home}, 2, "--from names one tool's folder"},
-    };
-    for (const Case& bad : cases) {
-        RunResult result = cli(bad.args);
-        EXPECT_EQ(result.exitCode, bad.exitCode) << bad.args.back();
-        EXPECT_NE(result.err.find(bad.message), std::string::npos) << result.err;
+    for (const auto& [args, message] : usageErrors) {
+        RunResult result = cli(args);
+        EXPECT_EQ(result.exitCode, 2) << args.back();
+        EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
     }
     EXPECT_FALSE(exists(support + "/sharing.json"));
-
-    writeFile(support + "/sharing.json", R"({"version": 1, "tools": {"codex": {"source": "relative"}}})");
-    for (const auto& args : {std::vector<std::string>{"share", "sync"}, {"share", "status"}, {"share", "on"}}) {
-        RunResult damaged = cli(args);
-        EXPECT_EQ(damaged.exitCode, 1);
-        EXPECT_EQ(damaged.err, "veerline: Couldn't read ~/Library/Application Support/Veerline/sharing.json: the "
-                               "\"source\" of \"codex\" isn't an absolute path. Fix it, or delete it and run "
-                               "`veerline share on` again.\n");
-    }
-    EXPECT_EQ(doctorCheck("sharing")["level"], "warning");
-}
-
-TEST_F(CliShareTest, AFolderThatCannotBeSharedIsNamedAndLeftAsItWas) {
     ASSERT_EQ(cli({"share", "on"}).exitCode, 0);
     const std::vector<std::vector<std::string>> problems = {
         {"claude-code", "CLAUDE.md.veerline-own", "x", "CLAUDE.md.veerline-own is already there"},
@@ -237,6 +209,16 @@ TEST_F(CliShareTest, AFolderThatCannotBeSharedIsNamedAndLeftAsItWas) {
     EXPECT_EQ(fs::read_symlink(homeClaude + "/CLAUDE.md"), root / "team/CLAUDE.md");
     EXPECT_FALSE(fs::exists(fs::symlink_status(homeClaude + "/commands")));
     EXPECT_EQ(json::parse(readFile(homeClaude + "/.claude.json")), json::parse(R"({"mcpServers": {"team": {"command": "t"}}})"));
+
+    writeFile(support + "/sharing.json", R"({"version": 1, "tools": {"codex": {"source": "relative"}}})");
+    for (const auto& args : {std::vector<std::string>{"share", "sync"}, {"share", "status"}, {"share", "on"}}) {
+        RunResult damaged = cli(args);
+        EXPECT_EQ(damaged.exitCode, 1);
+        EXPECT_EQ(damaged.err, "veerline: Couldn't read ~/Library/Application Support/Veerline/sharing.json: the "
+                               "\"source\" of \"codex\" isn't an absolute path. Fix it, or delete it and run "
+                               "`veerline share on` again.\n");
+    }
+    EXPECT_EQ(doctorCheck("sharing")["level"], "warning");
 }
 
 }  // namespace

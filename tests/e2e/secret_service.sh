@@ -39,8 +39,7 @@ start)
     listing() { find "$h" "$runtime" -printf '%p %s %T@\n' | sort; }
     before=$(listing)
     for command in "secret set Work claude" "secret get Work claude" "secret delete Work codex" "login Work claude --api-key"; do
-        read -ra words <<<"$command"
-        expect_failure "No Secret Service is running" with_input "sk-none" v "${words[@]}"
+        expect_failure "No Secret Service is running" with_input "sk-none" v $command  # split into words on purpose
     done
     expect_eq "files after failed secret commands" "$before" "$(listing)"
 

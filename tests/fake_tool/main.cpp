@@ -30,10 +30,9 @@ struct Answer {
     int exitCode;
 };
 
-#define NO_KEYRING                                                                                         \
-    "Platform secure storage failure: no secret service provider or dbus session found: Platform secure " \
-    "storage failure: no secret service provider or dbus session found: no secret service provider or "   \
-    "dbus session found\n"
+#define NO_SERVICE "no secret service provider or dbus session found"
+#define STORAGE_FAILURE "Platform secure storage failure: " NO_SERVICE
+#define NO_KEYRING STORAGE_FAILURE ": " STORAGE_FAILURE ": " NO_SERVICE "\n"
 #define READING "Reading API key from stdin...\n"
 
 // A successful `login --with-api-key` saves the key, a successful `logout` while signed in forgets it.
@@ -47,15 +46,13 @@ const Answer codexAnswers[] = {
      READING "Error logging in: failed to write OAuth tokens to keyring: " NO_KEYRING, 1},
     {{"login", "--with-api-key"}, notKeyring, std::nullopt,
      READING "API key saved. Authentication is checked when you send a request.\n", 0},
-    {{"logout"}, keyring | automatic, std::nullopt, "Error logging out: failed to delete auth from keyring: " NO_KEYRING, 1},
+    {{"logout"}, keyring | automatic, {}, "Error logging out: failed to delete auth from keyring: " NO_KEYRING, 1},
     {{"logout"}, file, true, "Successfully logged out\n", 0},
     {{"logout"}, file, false, "Not logged in\n", 0},
 };
 
 template <typename Stream>
-std::string readWhole(Stream&& in) {
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+std::string readWhole(Stream&& in) { return {std::istreambuf_iterator<char>(in), {}}; }
 
 // The value of `cli_auth_credentials_store`; Codex keeps credentials in a file by default.
 Store storeOf(std::istream&& config) {
@@ -72,11 +69,9 @@ int answerAsCodex(const std::vector<std::string_view>& arguments) {
     std::string folder = variable("CODEX_HOME").empty() ? variable("HOME") + "/.codex" : variable("CODEX_HOME");
     std::string authFile = folder + "/auth.json", auth = readWhole(std::ifstream(authFile));
     Store store = storeOf(std::ifstream(folder + "/config.toml"));
-    std::string field = "\"OPENAI_API_KEY\": \"", key;
-    if (auto start = auth.find(field); start != std::string::npos) {
-        start += field.size();
-        key = auth.substr(start, auth.find('"', start) - start);
-    }
+    const std::string field = "\"OPENAI_API_KEY\": \"";
+    auto start = auth.find(field) == std::string::npos ? auth.size() : auth.find(field) + field.size();
+    std::string key = auth.substr(start, auth.find('"', start) - start);
     bool signedIn = !key.empty();
     for (const Answer& answer : codexAnswers) {
         bool stateMatches = !answer.signedIn || *answer.signedIn == signedIn;
@@ -107,10 +102,8 @@ int answerAsCodex(const std::vector<std::string_view>& arguments) {
 
 int main(int argc, char** argv) {
     std::string_view invokedAs = argc > 0 ? argv[0] : "";
-    if (invokedAs == "codex" || invokedAs.ends_with("/codex")) {
-        int exitCode = answerAsCodex(std::vector<std::string_view>(argv + 1, argv + argc));
-        if (exitCode >= 0) return exitCode;
-    }
+    bool codex = invokedAs == "codex" || invokedAs.ends_with("/codex");
+    if (int exitCode = codex ? answerAsCodex({argv + 1, argv + argc}) : -1; exitCode >= 0) return exitCode;
     std::printf("ARGV0:%s\n", argc > 0 ? argv[0] : "");
     for (int i = 1; i < argc; ++i) std::printf("ARG:%s\n", argv[i]);
     for (char** entry = environ; *entry != nullptr; ++entry) std::printf("ENV:%s\n", *entry);
