@@ -26,9 +26,10 @@ bytes=$(cat "$claude_files" "$codex_files" | xargs cat | wc -c)
 # Into the page cache, so that every run reads memory.
 cat "$claude_files" "$codex_files" | xargs cat > /dev/null
 
+# Into a file, not /dev/null: GNU grep stops at the first match when its output goes nowhere.
 floor() {
-  xargs grep -F -c '"usage"' < "$claude_files" > /dev/null
-  xargs grep -F -c '"token_count"' < "$codex_files" > /dev/null
+  xargs grep -F -c '"usage"' < "$claude_files" > "$work/claude.counts"
+  xargs grep -F -c '"token_count"' < "$codex_files" > "$work/codex.counts"
 }
 cold() { "$veerline" usage Bench --no-cache --json > "$work/cold.json"; }
 repeated() { "$veerline" usage Bench --json > "$work/repeated.json"; }
