@@ -229,10 +229,12 @@ TEST_F(CliProfileTest, BadInputDamagedOrNewerFilesFailClearlyAndLeaveTheFile) {
         }
     }
     // The version is checked first, however it is written.
-    writeFile(profilesFile, R"({"version": 1e1, "profiles": "later", "rules": []})", 0600);
-    for (const Args& args : {Args{"profile", "add", "Work"}, Args{"rule", "remove", "~/x"}}) {
-        expectFailure(args, 1, "Your profiles were saved by a newer version of Veerline (format 10). Update Veerline to "
-                               "change them.");
+    for (const auto& [version, format] : std::map<std::string, std::string>{{"2", "2"}, {"1e1", "10"}}) {
+        writeFile(profilesFile, R"({"version": )" + version + R"(, "profiles": "later", "rules": []})", 0600);
+        for (const Args& args : {Args{"profile", "add", "Work"}, Args{"rule", "remove", "~/x"}}) {
+            expectFailure(args, 1, "Your profiles were saved by a newer version of Veerline (format " + format +
+                                       "). Update Veerline to change them.");
+        }
     }
 }
 
