@@ -1,41 +1,42 @@
-// The built `veerline` in a temporary HOME: profiles, folder rules, the terminal default and
-// `which`, including the failures that must leave the profiles file untouched.
+// The built `veerline` and `veerline-resolve` in a temporary HOME: profiles, folder rules, the
+// terminal default and `which`, and the failures that must leave the profiles file untouched. What
+// Veerline reads from disk is input, not instructions: crafted ids, special files and links in
+// place of its files, kills and output failures. Canary files outside HOME prove nothing outside
+// Veerline's own folders is touched.
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <regex>
 
-#include "support/test_support.h"
+#include "e2e/temp_home.h"
 
 namespace veerline::testing {
 namespace {
 
+namespace fs = std::filesystem;
 using nlohmann::json;
 using Args = std::vector<std::string>;
 
-class CliProfileTest : public ::testing::Test {
+class CliProfileTest : public TempHomeTest {
 protected:
-    TempDir root{"veerline-cli-profile"};
-    std::string home = root / "home";
-    std::string support = home + "/Library/Application Support/Veerline";
-    std::string profilesFile = support + "/profiles.json";
+    std::string outside = root / "outside";
 
-    void SetUp() override { makeDirs(home); }
-
-    RunResult cli(const Args& args, const std::optional<std::string>& cwd = std::nullopt,
-                  const std::map<std::string, std::string>& extra = {}) const {
-        RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", "/usr/bin:/bin"}};
-        options.environment.insert(extra.begin(), extra.end());
-        options.cwd = cwd.value_or(home);
-        return run(VEERLINE_CLI_BINARY, args, options);
+    void SetUp() override {
+        TempHomeTest::SetUp();
+        fs::remove(profilesFile);
+        launcher = {"/usr/bin/timeout", "10"};  // nothing Veerline reads may hang it (exit 124 if it does)
+        writeFile(outside + "/canary", "keep");
+        // Where SUPPORT/claude-code/work-aaaa leads when claude-code is a link to `outside`.
+        writeFile(outside + "/work-aaaa/canary", "keep");
     }
 
     // The output of a command that must succeed.
-    std::string ok(const Args& args, const std::optional<std::string>& cwd = std::nullopt,
-                   const std::map<std::string, std::string>& extra = {}) const {
-        RunResult result = cli(args, cwd, extra);
+    std::string ok(const Args& args, const std::string& cwd = "") const {
+        RunResult result = cli(args, {}, cwd);
         EXPECT_EQ(result.exitCode, 0) << args[0] << ": " << result.err;
         return result.out;
     }
@@ -57,6 +58,24 @@ protected:
         EXPECT_TRUE(result.err.starts_with("veerline: " + message + "\n")) << result.err;
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(exists(profilesFile) ? readFile(profilesFile) : "", before);
+    }
+
+    // Every path below `outside` with its content, to compare before and after.
+    std::map<std::string, std::string> outsideFiles() const {
+        std::map<std::string, std::string> files;
+        for (const auto& entry : fs::recursive_directory_iterator(outside)) {
+            files[entry.path()] = entry.is_symlink() ? "link" : entry.is_regular_file() ? readFile(entry.path()) : "";
+        }
+        return files;
+    }
+
+    // A profiles file with a rule for the home folder and the terminal default on the first profile.
+    std::string writeProfiles(const json& profiles) const {
+        json rule = {{"path", "~"}, {"profileID", profiles[0]["id"]}};
+        std::string text = json{{"version", 1}, {"profiles", profiles}, {"rules", json::array({rule})},
+                                {"cliDefault", profiles[0]["id"]}}.dump();
+        writeFile(profilesFile, text);
+        return text;
     }
 };
 
@@ -134,7 +153,7 @@ TEST_F(CliProfileTest, RulesAreStoredAsFullPathsWithTildeAndWhichExplainsTheSour
 
     ok({"rule", "add", "app", "work"}, home + "/code");
     ok({"rule", "add", "../../outside/**", "work"}, home + "/code");
-    ok({"rule", "add", ".", "work"}, home + "/linked", {{"PWD", home + "/linked"}});  // the shell's folder, not the link's target
+    ok({"rule", "add", ".", "work"}, home + "/linked");  // PWD, the shell's folder, not the link's target
     EXPECT_EQ(ok({"rule", "add", "~/notes/", "work"}), "Folders in ~/notes now use \u201CWork\u201D.\n");
     json rules = json::parse(ok({"rule", "list", "--json"}));
     EXPECT_EQ(rules, json::parse(R"([
@@ -169,14 +188,11 @@ TEST_F(CliProfileTest, RulesAreStoredAsFullPathsWithTildeAndWhichExplainsTheSour
 
     writeFile(home + "/work/app/.veerline", "Nobody\n");
     const std::string warning = home + "/work/app/.veerline names \u201CNobody\u201D, but there's no profile with that name.";
-    json warned = which(home, {"work/app"});
-    EXPECT_EQ(warned["source"], "folderRule");
-    EXPECT_EQ(warned["warnings"], json::array({warning}));
+    EXPECT_EQ(which(home, {"work/app"})["warnings"], json::array({warning}));
     EXPECT_EQ(ok({"which", "~/work/app"}), "Work  (folder rule for ~/work)\nWarning: " + warning + "\n");
 
     EXPECT_EQ(which(home), json::parse(R"({"profile": null, "profileID": null, "source": "none", "rule": null,
                                            "dotfile": null, "warnings": []})"));
-    EXPECT_EQ(ok({"which"}), "No profile applies here: no folder rule, dotfile or terminal default covers it.\n");
     ok({"default", "personal"});
     EXPECT_EQ(which(home)["source"], "cliDefault");
     EXPECT_EQ(ok({"which"}), "Personal  (terminal default)\n");
@@ -185,7 +201,6 @@ TEST_F(CliProfileTest, RulesAreStoredAsFullPathsWithTildeAndWhichExplainsTheSour
 TEST_F(CliProfileTest, BadInputDamagedOrNewerFilesFailClearlyAndLeaveTheFile) {
     std::string work = addProfile({"Work"});
     addProfile({"Home"});
-    expectFailure({"profile", "add", " work "}, 1, "There's already a profile called \u201Cwork\u201D.");
     expectFailure({"profile", "rename", "Home", "WORK"}, 1, "There's already a profile called \u201CWORK\u201D.");
     for (const Args& args : {Args{"profile", "rename", "Nobody", "X"}, Args{"profile", "set", "Nobody", "--color", "pink"},
                              Args{"profile", "remove", "Nobody"}, Args{"rule", "add", "/tmp", "Nobody"},
@@ -204,18 +219,167 @@ TEST_F(CliProfileTest, BadInputDamagedOrNewerFilesFailClearlyAndLeaveTheFile) {
     expectFailure({"profile", "set", work}, 2, "Nothing to change. Give --color, --badge, --tools or --storage.");
 
     for (const auto& [content, problem] : std::map<std::string, std::string>{
-             {"{\"version\": 1, \"profiles\": [", "not valid JSON (line 1, column 29)"}, {"", "the file is empty"}}) {
+             {"{\"version\": 1, \"profiles\": [", "not valid JSON (line 1, column 29)"}, {"", "the file is empty"},
+             {R"({"version": 1, "profiles": [], "rules": []})" + std::string("\0garbage", 8),
+              "not valid JSON (a NUL byte at line 1, column 44)"}}) {
         writeFile(profilesFile, content, 0600);
         for (const Args& args : {Args{"profile", "list"}, Args{"profile", "add", "Work"}, Args{"rule", "list", "--json"},
                                  Args{"which"}, Args{"default", "--clear"}}) {
             expectFailure(args, 1, "Couldn't read " + profilesFile + ": " + problem);
         }
     }
-    writeFile(profilesFile, R"({"version": 2, "profiles": "later", "rules": []})", 0600);
-    for (const Args& args : {Args{"profile", "add", "Work"}, Args{"rule", "remove", "~/x"}}) {
-        expectFailure(args, 1, "Your profiles were saved by a newer version of Veerline (format 2). Update Veerline to change them.");
+    // The version is checked first, however it is written.
+    for (const auto& [version, format] : std::map<std::string, std::string>{{"2", "2"}, {"1e1", "10"}}) {
+        writeFile(profilesFile, R"({"version": )" + version + R"(, "profiles": "later", "rules": []})", 0600);
+        for (const Args& args : {Args{"profile", "add", "Work"}, Args{"rule", "remove", "~/x"}}) {
+            expectFailure(args, 1, "Your profiles were saved by a newer version of Veerline (format " + format +
+                                       "). Update Veerline to change them.");
+        }
     }
 }
 
+TEST_F(CliProfileTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByTheShims) {
+    auto evil = [](const std::string& id, const std::string& name = "Evil") { return json{{"id", id}, {"name", name}}; };
+    auto invalid = [](const std::string& id) { return "\u201C" + id + "\u201D isn't a valid profile id."; };
+    // From SUPPORT/codex/ up to `outside`.
+    const std::string escape = "../../../../../outside/x";
+    const std::vector<std::pair<json, std::string>> cases = {
+        {json::array({evil("")}), invalid("")},
+        {json::array({evil("../codex")}), invalid("../codex")},
+        {json::array({evil(escape)}), invalid(escape)},
+        {json::array({evil("work-aaaa"), evil("work-aaaa", "Work")}), "Two profiles share the id \u201Cwork-aaaa\u201D."},
+        {json::array({evil("evil", "Evil\x1b]0;pwned\x07")}),
+         "\u201CEvil\\x1B]0;pwned\\x07\u201D holds a control character or line break. Use letters, numbers, spaces "
+         "and punctuation."},
+    };
+    const std::vector<std::vector<std::string>> commands = {
+        {"profile", "remove", "Evil"}, {"profile", "rename", "Evil", "Nice"}, {"profile", "set", "Evil", "--badge", "X"},
+        {"profile", "add", "New"},     {"profile", "list"},                   {"env", "Evil"},
+        {"run", "Evil", "--", "true"}, {"login", "Evil", "codex", "--print"}, {"default", "Evil"},
+        {"default"},                   {"rule", "add", "~/p", "Evil"},        {"which"},
+    };
+    writeFile(support + "/claude-code/keep/canary", "keep");
+    writeFile(support + "/codex/keep/canary", "keep");
+    const auto before = outsideFiles();
+
+    for (const auto& [profiles, message] : cases) {
+        const std::string text = writeProfiles(profiles);
+        for (const auto& command : commands) expectFailure(command, 1, "Couldn't read " + profilesFile + ": " + message);
+        // The shims pass the tools through unchanged; the prompt shows nothing.
+        for (const std::string tool : {"claude", "codex"}) {
+            auto environment = report(tool, home).environment;
+            EXPECT_FALSE(environment.contains("CLAUDE_CONFIG_DIR") || environment.contains("CODEX_HOME")) << text;
+        }
+        EXPECT_EQ(prompt(home), "");
+        EXPECT_EQ(readFile(support + "/claude-code/keep/canary") + readFile(support + "/codex/keep/canary"), "keepkeep");
+        EXPECT_EQ(outsideFiles(), before) << text;
+    }
+}
+
+TEST_F(CliProfileTest, SpecialFilesNeitherHangNorSwampAReader) {
+    const std::string good = writeProfiles(json::array({{{"id", "work"}, {"name", "Work"}}}));
+    const std::string appPath = home + "/.veerline/app-path";
+
+    for (const std::string kind : {"fifo", "/dev/zero", "huge"}) {
+        auto plant = [&](const std::string& path, const std::string& content) {
+            fs::remove(path);
+            EXPECT_TRUE(kind != "fifo" || ::mkfifo(path.c_str(), 0600) == 0);
+            if (kind == "huge") writeFile(path, content + std::string(5 << 20, ' '));
+            if (kind == "/dev/zero") makeSymlink("/dev/zero", path);
+        };
+        plant(profilesFile, good);
+        RunResult listed = cli({"profile", "list"});
+        EXPECT_EQ(listed.exitCode, 1) << kind;
+        EXPECT_EQ(listed.err, "veerline: Couldn't read " + profilesFile + ": " +
+                                  (kind == "huge" ? "the file is too large (over 4 MB).\n" : "it isn't a regular file.\n"));
+        EXPECT_EQ(prompt(home), "") << kind;
+        EXPECT_FALSE(report("claude", home).environment.contains("CLAUDE_CONFIG_DIR")) << kind;
+        fs::remove(profilesFile);
+        writeFile(profilesFile, good);
+
+        // The hint files and the dotfile are passed over: Veerline still answers.
+        plant(appPath, "/no/such/app");
+        EXPECT_EQ(prompt(home), "Work\n") << kind;
+        EXPECT_EQ(report("claude", home).environment["CLAUDE_CONFIG_DIR"], support + "/claude-code/work");
+        fs::remove(appPath);
+        plant(support + "/codex-app-path", "/no/such/ChatGPT.app");
+        RunResult noCodex = shim("codex", home, {{"PATH", "/usr/bin:/bin"}});
+        EXPECT_EQ(noCodex.exitCode, 127) << kind;
+        EXPECT_EQ(noCodex.err, "veerline: couldn't find the real `codex` on your PATH. Is it installed?\n");
+        plant(home + "/music/.veerline", "Nobody");
+        EXPECT_EQ(prompt(home + "/music"), "Work\n") << kind;
+    }
+}
+
+TEST_F(CliProfileTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowedToDelete) {
+    const json work = json::array({{{"id", "work-aaaa"}, {"name", "Work"}}});
+    const auto before = outsideFiles();
+    writeProfiles(work);
+
+    // A data folder that is a link goes as a link.
+    makeDirs(support + "/claude-code");
+    makeSymlink(outside, support + "/codex/work-aaaa");
+    ok({"profile", "remove", "Work"});
+    EXPECT_FALSE(fs::is_symlink(support + "/codex/work-aaaa"));
+
+    // A tool folder that is a link is not gone through.
+    writeProfiles(work);
+    fs::remove(support + "/claude-code");
+    makeSymlink(outside, support + "/claude-code");
+    RunResult refused = cli({"profile", "remove", "Work"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.ends_with("veerline: Refused to delete " + support +
+                                      "/claude-code/work-aaaa because it isn't inside Veerline's own data folder.\n"));
+
+    // The lock file is never created or locked through a link.
+    fs::remove(support + "/.profiles.lock");
+    makeSymlink(outside + "/lock", support + "/.profiles.lock");
+    RunResult locked = cli({"profile", "add", "Locked"});
+    EXPECT_EQ(locked.exitCode, 1);
+    EXPECT_TRUE(locked.err.starts_with("veerline: Couldn't open " + support + "/.profiles.lock: ")) << locked.err;
+    // Nothing outside was removed, written or created by any of the above.
+    EXPECT_EQ(outsideFiles(), before);
+    fs::remove(support + "/.profiles.lock");
+
+    // The profiles file kept elsewhere through a link stays a link.
+    fs::rename(profilesFile, home + "/synced.json");
+    makeSymlink("../../../synced.json", profilesFile);
+    EXPECT_EQ(cli({"profile", "add", "Linked"}).exitCode, 0);
+    EXPECT_TRUE(fs::is_symlink(profilesFile));
+    EXPECT_NE(readFile(home + "/synced.json").find("\"Linked\""), std::string::npos);
+}
+
+TEST_F(CliProfileTest, ForeignFilesOutputFailuresKillsAndEscapes) {
+    // A control character reaching output (here from a folder name) is shown escaped.
+    const std::string folder = home + "/a\x1b]0;x\x07";
+    writeFile(folder + "/.veerline", "Nobody");
+    EXPECT_EQ(cli({"which"}, {}, folder).out,
+              "No profile applies here: no folder rule, dotfile or terminal default covers it.\nWarning: " + home +
+                  "/a\\x1B]0;x\\x07/.veerline names \u201CNobody\u201D, but there's no profile with that name.\n");
+    RunResult full = start("/bin/sh", {"-c", R"(exec "$0" profile add Zed > /dev/full)", VEERLINE_CLI_BINARY}, in(home));
+    EXPECT_EQ(full.err, "veerline: Couldn't write to standard output: No space left on device\n");
+    EXPECT_EQ(full.exitCode, 1);
+
+    // Saves killed at random moments leave the file valid; the next save removes what they left
+    // behind, but not the temporary file of a process that still runs.
+    writeFile(support + "/profiles.json.tmp.99999999.7", "stale");
+    const std::string live = support + "/profiles.json.tmp." + std::to_string(::getpid()) + ".7";
+    writeFile(live, "live");
+    for (int n = 0; n < 30; ++n) {
+        const std::string after = std::to_string(0.0005 * (n % 12 + 1)), name = "K" + std::to_string(n);
+        // --foreground: only the child is killed, and timeout itself lives on to reap it.
+        run("/usr/bin/timeout", {"--foreground", "-s", "KILL", after, VEERLINE_CLI_BINARY, "profile", "add", name},
+            in(home));
+    }
+    // Names equal once case-folded and composed are the same name.
+    EXPECT_EQ(cli({"profile", "add", "Caf\u00E9"}).exitCode, 0);
+    EXPECT_EQ(cli({"profile", "add", "CAFE\u0301"}).err, "veerline: There's already a profile called \u201CCAFE\u0301\u201D.\n");
+    EXPECT_EQ(cli({"profile", "list"}).exitCode, 0);
+    std::vector<std::string> temporary;
+    for (const auto& entry : fs::directory_iterator(support)) {
+        if (entry.path().filename().string().starts_with("profiles.json.tmp.")) temporary.push_back(entry.path());
+    }
+    EXPECT_EQ(temporary, std::vector<std::string>{live});
+}
 }  // namespace
 }  // namespace veerline::testing
