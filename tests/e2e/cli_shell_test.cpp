@@ -222,7 +222,9 @@ TEST_F(CliShellTest, LinksPipesAndCraftedRecordsInAHomeNeitherHangNorReachOutsid
             }
         }
         EXPECT_EQ(snapshot(outside), before);
-        if (item != ".zshrc") EXPECT_EQ(ShellIntegration::removingBlock(readFile(home + "/.zshrc")), "# mine\n");
+        if (item != ".zshrc") {
+            EXPECT_EQ(ShellIntegration::removingBlock(readFile(home + "/.zshrc")), "# mine\n");
+        }
     }
 
     // Crafted or lost records and unclosed blocks lose no lines.
