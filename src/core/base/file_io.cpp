@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/error.h"
@@ -48,6 +50,24 @@ TemporaryFile::TemporaryFile(std::string path) noexcept
 
 TemporaryFile::~TemporaryFile() {
     if (!kept_) ::unlink(path_.c_str());
+}
+
+std::string temporaryPathBeside(const std::string& target) {
+    static std::atomic<unsigned> counter{0};
+    std::size_t slash = target.rfind('/');
+    std::string folder = slash == std::string::npos ? "." : target.substr(0, slash);
+    std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
+    return folder + "/." + name + "." + std::to_string(::getpid()) + "." + std::to_string(counter.fetch_add(1)) + ".tmp";
+}
+
+int writeNewFile(const std::string& path, std::string_view content, mode_t mode) noexcept {
+    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd) return errno;
+    int error = writeAll(fd.get(), content);
+    if (error == 0 && ::fchmod(fd.get(), mode) != 0) error = errno;
+    if (error == 0 && ::fsync(fd.get()) != 0) error = errno;
+    if (int closed = fd.close(); closed != 0 && error == 0) error = closed;
+    return error;
 }
 
 int writeAll(int fd, std::string_view bytes) noexcept {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <limits>
@@ -63,6 +64,14 @@ private:
 
 // Writes all of `bytes`: 0, or the errno of the write that failed (EIO if one wrote nothing).
 int writeAll(int fd, std::string_view bytes) noexcept;
+
+// A fresh name beside `target` for the file that will replace it by rename: hidden, and unique
+// to this process and call.
+std::string temporaryPathBeside(const std::string& target);
+
+// Creates `path` (never an existing one), writes `content`, sets `mode` and flushes it to disk:
+// 0, or the errno of the step that failed.
+int writeNewFile(const std::string& path, std::string_view content, mode_t mode) noexcept;
 
 // The small files Veerline writes itself to name an app (~/.veerline/app-path, codex-app-path):
 // a path and a line break. Anything larger was not written by Veerline.

@@ -1,15 +1,12 @@
 #include "sharing/share_files.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "base/error.h"
 #include "base/file_io.h"
-#include "base/paths.h"
 
 namespace veerline::sharing {
 
@@ -36,17 +33,8 @@ mode_t fileModeOr(const std::string& path, mode_t fallback) noexcept {
 }
 
 void replaceFile(const std::string& path, const std::string& content, mode_t mode) {
-    static std::atomic<unsigned> counter{0};
-    std::string name = path.substr(path.rfind('/') + 1);
-    TemporaryFile temporary(PathUtil::parent(path) + "/." + name + "." + std::to_string(::getpid()) + "." +
-                            std::to_string(counter.fetch_add(1)) + ".tmp");
-    FileDescriptor fd(::open(temporary.path().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    int error = fd ? writeAll(fd.get(), content) : errno;
-    if (error == 0 && ::fchmod(fd.get(), mode) != 0) error = errno;
-    if (error == 0 && ::fsync(fd.get()) != 0) error = errno;
-    if (fd) {
-        if (int closed = fd.close(); closed != 0 && error == 0) error = closed;
-    }
+    TemporaryFile temporary(temporaryPathBeside(path));
+    int error = writeNewFile(temporary.path(), content, mode);
     if (error == 0 && ::rename(temporary.path().c_str(), path.c_str()) != 0) error = errno;
     if (error != 0) throw ioErrorFromErrno("write " + path, error);
     temporary.keep();

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 
 #include "base/error.h"
@@ -23,26 +22,11 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-// Returns 0 or the errno of the step that failed.
-int writeWhole(const std::string& path, std::string_view content) {
-    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!fd) return errno;
-    int error = writeAll(fd.get(), content);
-    if (error == 0 && ::fchmod(fd.get(), 0600) != 0) error = errno;
-    if (error == 0 && ::fsync(fd.get()) != 0) error = errno;
-    if (int closed = fd.close(); closed != 0 && error == 0) error = closed;
-    return error;
-}
-
 // Puts `content` at `target` atomically: the file is written beside it, then hard-linked into
 // place, which never replaces anything already there, or renamed over it when `replace` is set.
 void putFileAtomically(const std::string& target, std::string_view content, bool replace) {
-    static std::atomic<unsigned> counter{0};
-    std::string folder = PathUtil::parent(target);
-    std::string name = target.substr(target.rfind('/') + 1);
-    TemporaryFile temporary(folder + "/." + name + "." + std::to_string(::getpid()) + "." +
-                            std::to_string(counter.fetch_add(1)) + ".tmp");
-    if (int error = writeWhole(temporary.path(), content); error != 0) {
+    TemporaryFile temporary(temporaryPathBeside(target));
+    if (int error = writeNewFile(temporary.path(), content, 0600); error != 0) {
         throw ioErrorFromErrno("write " + target, error);
     }
     if (!replace) {
