@@ -43,8 +43,6 @@ printf '%-14s %-8s %10s %14s\n' - trivial "$(syscalls_of "$tool")" "$(instructio
 for layout in "${layouts[@]}"; do
   home=$work/$layout
   make_fixture "$home" "$layout"
-  mkdir -p "$home/.veerline/bin"
-  ln -s "$resolve" "$home/.veerline/bin/claude"
   (
     cd "$deep"
     export HOME=$home PWD=$deep PATH=$home/.veerline/bin:$work/tools:/usr/bin:/bin

@@ -3,7 +3,8 @@
 # Sourced by the benchmarks. Sets build_dir (BUILD_DIR, default build-bench), resolve (a copy of
 # the built resolver, as installed), runs (RUNS, default 1000) and work, a scratch folder removed
 # on exit; make_fixture builds a HOME with 8 profiles, 30 folder rules, a working folder ten levels
-# deep and a .veerline dotfile three levels above it, in one of two layouts (`layouts` lists them):
+# deep, a .veerline dotfile three levels above it and the `claude` shim in ~/.veerline/bin, in one
+# of two layouts (`layouts` lists them):
 #   side-by-side  26 of the rules in one folder (~/elsewhere/team-N), 4 on the way down
 #   spread-out    each rule in a folder of its own (~/r0/x/y ... ~/r28/x/y), plus ~/d1 on the way
 # In both, half of the rules elsewhere name folders that exist.
@@ -48,7 +49,8 @@ make_fixture() {
       return 1
       ;;
   esac
-  mkdir -p "$deep"
+  mkdir -p "$deep" "$home/.veerline/bin"
+  ln -s "$resolve" "$home/.veerline/bin/claude"
   printf '# pinned for this service\nProfile 7\n' > "$dotfile_folder/.veerline"
 
   local support="$home/Library/Application Support/Veerline"

@@ -20,8 +20,6 @@ EOF_WRAPPER
 for layout in "${layouts[@]}"; do
   home=$work/$layout
   make_fixture "$home" "$layout"
-  mkdir -p "$home/.veerline/bin"
-  ln -s "$resolve" "$home/.veerline/bin/claude"
   (
     cd "$deep"
     export HOME=$home PWD=$deep PATH=$home/.veerline/bin:$work/tools:/usr/bin:/bin
