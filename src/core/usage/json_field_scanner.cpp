@@ -167,6 +167,7 @@ JSONFieldScanner::JSONFieldScanner(std::set<KeyPath> wanted) : paths_(std::move(
         }
     }
     nodes_.emplace_back();
+    nodes_[0].endSlot = static_cast<int>(paths_.size());
     int slot = 0;
     for (const KeyPath& path : paths_) {
         int node = 0;
@@ -176,8 +177,10 @@ JSONFieldScanner::JSONFieldScanner(std::set<KeyPath> wanted) : paths_(std::move(
                 next = static_cast<int>(nodes_.size());
                 nodes_[static_cast<std::size_t>(node)].children.emplace_back(key, next);
                 nodes_.emplace_back();
+                nodes_.back().firstSlot = slot;
             }
             node = next;
+            nodes_[static_cast<std::size_t>(node)].endSlot = slot + 1;
         }
         nodes_[static_cast<std::size_t>(node)].slot = slot++;
     }
@@ -297,7 +300,18 @@ bool JSONFieldScanner::parseObject(State& state, int node, std::vector<RawValue>
         if (!nodes_[static_cast<std::size_t>(node)].children.empty()) {
             next = isPlain(key) ? child(node, key) : child(node, decodeString(key));
         }
-        bool ok = next >= 0 ? parseValue(state, next, slots) : skipValue(state);
+        bool ok;
+        if (next >= 0) {
+            // A repeated key replaces the earlier member, as JSON readers take the last one: what
+            // the earlier value left in the slots below it must not survive.
+            const Node& target = nodes_[static_cast<std::size_t>(next)];
+            for (int index = target.firstSlot; index < target.endSlot; ++index) {
+                slots[static_cast<std::size_t>(index)] = RawValue{};
+            }
+            ok = parseValue(state, next, slots);
+        } else {
+            ok = skipValue(state);
+        }
         if (!ok) return false;
 
         skipWhitespace(state);

@@ -45,6 +45,9 @@ TEST(JSONFieldScannerTest, CapturesWantedFieldsAndRejectsMalformedLines) {
         {" \t\r{ \"timestamp\" : \"T\" , \"message\" : { \"usage\" :{ \"input_tokens\" : 12 } } }\r\t ", both},
         {R"({"a":{},"b":[],"c":{ },"d":[ ],"timestamp":"T"})", timeOnly},
         {R"({})", ""}, {R"({"timestamp":"first","timestamp":"T"})", timeOnly},
+        // A repeated key replaces the earlier member and everything that was under it.
+        {R"({"message":{"usage":{"input_tokens":12}},"message":"","timestamp":"T"})", timeOnly},
+        {R"({"message":{"usage":{"input_tokens":12}},"message":{"usage":{"input_tokens":true}},"timestamp":"T"})", timeOnly},
         {R"({"timestamp":"T",})", "-"}, {R"([{"timestamp":"T"}])", "-"}, {R"({"timestamp":"T"}{"timestamp":"U"})", "-"},
         {R"({"timestamp":"T","message":{"usage":{"input_tok)", "-"}, {R"({"timestamp":"T","x":[1,2)", "-"},
         {R"({"timestamp" "T"})", "-"}, {R"({"timestamp":"T" "x":1})", "-"}, {R"({timestamp:"T"})", "-"}, {"", "-"}, {"   ", "-"},
