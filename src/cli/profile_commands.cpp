@@ -115,15 +115,17 @@ int setProfile(const Context& context, const ProfileOptions& options) {
     std::optional<Profile::Storage> storage;
     if (options.storage) storage = parseStorage(*options.storage);
 
-    std::string name = ProfileStore(context.paths).update([&](ProfileDocument& document) {
+    Profile updated = ProfileStore(context.paths).update([&](ProfileDocument& document) {
         Profile& profile = findProfile(document, options.name);
         if (color) profile.color = *color;
         if (options.badge) profile.badge = *options.badge;
         if (tools) profile.setTools(*tools);
         if (storage) profile.storage = *storage;
-        return profile.name;
+        return profile;
     });
-    std::cout << "Updated " << curlyQuoted(name) << ".\n";
+    std::cout << "Updated " << curlyQuoted(updated.name) << ".\n";
+    // A tool the profile now covers, or a data folder of its own, starts with the shared setup.
+    if (tools || storage) shareSetupWith(context, updated.id);
     return 0;
 }
 

@@ -54,10 +54,11 @@ protected:
         writeFile(home + "/.codex/auth.json", R"({"OPENAI_API_KEY": "sk-x"})", 0600);
     }
 
-    RunResult cli(const std::vector<std::string>& args) const {
+    RunResult cli(const std::vector<std::string>& args, const std::string& input = "") const {
         RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}};
+        options.environment = {{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}, {"SHELL", "/bin/bash"}};
         options.cwd = home;
+        options.input = input;
         return run(VEERLINE_CLI_BINARY, args, options);
     }
 
@@ -160,6 +161,35 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     EXPECT_EQ(tree(homeClaude), (std::map<std::string, std::string>{{"settings.json", "{\n  \"theme\": \"light\"\n}"}}));
     EXPECT_EQ(json::parse(cli({"share", "status", "--json"}).out)["codex"], json::parse(R"({"shared": false})"));
     EXPECT_EQ(sourceTree(), source) << "the source is only ever read";
+}
+
+TEST_F(CliShareTest, EveryCommandThatMakesADataFolderStartsItShared) {
+    ASSERT_EQ(cli({"share", "on"}).exitCode, 0);
+    RunResult add = cli({"profile", "add", "Solo", "--tools", "claude", "--storage", "system"});
+    ASSERT_EQ(add.exitCode, 0) << add.err;
+    const std::string solo = add.out.substr(0, add.out.find('\n'));
+    const std::string claude = support + "/claude-code/" + solo, codex = support + "/codex/" + solo;
+    EXPECT_FALSE(exists(claude));
+    auto codexShared = [&] {
+        return fs::is_symlink(codex + "/AGENTS.md") && readFile(codex + "/config.toml").find("[mcp_servers.docs]") != std::string::npos;
+    };
+    auto shared = [&] { return codexShared() && fs::read_symlink(claude + "/CLAUDE.md") == home + "/.claude/CLAUDE.md"; };
+
+    RunResult set = cli({"profile", "set", "Solo", "--storage", "managed", "--tools", "claude,codex"});
+    ASSERT_EQ(set.exitCode, 0) << set.err;
+    EXPECT_TRUE(shared()) << set.err;
+
+    fs::remove_all(claude), fs::remove_all(codex);
+    RunResult login = cli({"login", "Solo", "codex", "--api-key"}, "sk-solo");
+    ASSERT_EQ(login.exitCode, 0) << login.err;
+    EXPECT_NE(readFile(codex + "/auth.json").find("sk-solo"), std::string::npos);
+    EXPECT_EQ(readFile(home + "/.codex/auth.json"), R"({"OPENAI_API_KEY": "sk-x"})");
+    EXPECT_TRUE(codexShared()) << login.err;
+
+    fs::remove_all(claude), fs::remove_all(codex);
+    RunResult install = cli({"shell", "install", "--yes"});
+    ASSERT_EQ(install.exitCode, 0) << install.err;
+    EXPECT_TRUE(shared()) << install.err;
 }
 
 TEST_F(CliShareTest, BadInputAndFoldersThatCannotBeSharedAreNamedAndLeftAsTheyWere) {

@@ -84,10 +84,19 @@ unlocked)
 
     data="$h/Library/Application Support/Veerline/claude-code/$work"
     printf '{\n  "theme": "dark",\n  "model": "opus"\n}\n' | install -D -m 600 /dev/stdin "$data/settings.json"
+    # A shared setup with a key helper of its own, which must never reach the profile, nor the profile's reach it.
+    shared='{"model": "sonnet", "effort": "high", "apiKeyHelper": "/usr/bin/source-helper"}'
+    printf '%s' "$shared" | install -D /dev/stdin "$h/.claude/settings.json"
+    v share on claude
     with_input "sk-three" v login Work claude --api-key  # Claude Code's key helper prints the key; the other settings stay
     expect_eq "login --api-key, then the settings' mode" "0 600" "$status $(stat -c %a "$data/settings.json")"
-    helper=$(python3 -c 'import json,sys; s=json.load(open(sys.argv[1])); print(s["theme"], s["model"], list(s)); print(s["apiKeyHelper"])' "$data/settings.json")
-    expect_eq "other settings kept" "dark opus ['theme', 'model', 'apiKeyHelper']" "$(head -1 <<<"$helper")"
+    keys() { python3 -c 'import json,sys; s=json.load(open(sys.argv[1])); print(s["model"], s.get("effort"), list(s)); print(s["apiKeyHelper"])' "$data/settings.json"; }
+    expect_eq "shared settings under the profile's own" "opus high ['theme', 'model', 'effort', 'apiKeyHelper']" "$(keys | head -1)"
+    expect_eq "the shared settings after login" "$shared" "$(cat "$h/.claude/settings.json")"
+    v share sync
+    v share off claude
+    helper=$(keys)
+    expect_eq "share off, then the profile's own settings" "opus None ['theme', 'model', 'apiKeyHelper']" "$(head -1 <<<"$helper")"
     expect_eq "the helper's output" "sk-three" "$(env -i PATH=/usr/bin:/bin HOME="$h" DBUS_SESSION_BUS_ADDRESS="$DBUS_SESSION_BUS_ADDRESS" sh -c "$(tail -1 <<<"$helper")")"
     v profile add Mine --storage system
     expect_failure "default setup" with_input "sk-system" v login Mine claude --api-key
