@@ -22,6 +22,7 @@
 #endif
 
 #include "base/file_io.h"
+#include "usage/text_arena.h"
 
 namespace veerline {
 
@@ -121,26 +122,66 @@ std::vector<EventList> eventsOfFiles(const std::vector<std::string>& files, Mome
     return lists;
 }
 
+// The request keys seen so far, for a known most. Open addressing in one small array: the
+// node-based standard set allocates once per key, which cost more than all the rest of a run
+// that finds every file in the persistent cache.
+class SeenKeys {
+public:
+    explicit SeenKeys(std::size_t most) {
+        std::size_t capacity = 16;
+        while (capacity < most + most / 3) capacity *= 2;
+        slots_.resize(capacity);
+        keys_.reserve(most);
+    }
+    // False when `key` was already there. `key` is kept by address: it must outlive the set.
+    bool insert(const std::string_view& key) {
+        const std::size_t hash = std::hash<std::string_view>{}(key);
+        const auto tag = static_cast<std::uint32_t>(hash >> 32);
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+            Slot& slot = slots_[at];
+            if (slot.key == 0) {
+                keys_.push_back(&key);
+                slot = Slot{tag, static_cast<std::uint32_t>(keys_.size())};
+                return true;
+            }
+            if (slot.tag == tag && *keys_[slot.key - 1] == key) return false;
+        }
+    }
+
+private:
+    struct Slot {
+        std::uint32_t tag = 0;  // the hash's high half, so that most misses compare no text
+        std::uint32_t key = 0;  // 1 + the key's index in keys_; 0 for a free slot
+    };
+    std::vector<Slot> slots_;
+    std::vector<const std::string_view*> keys_;
+};
+
 // The events from `since` on, in file order; with `dedupe`, a request key counts the first time.
 std::vector<const UsageEvent*> merged(const std::vector<EventList>& lists, Moment since, bool dedupe) {
     std::vector<const UsageEvent*> kept;
-    std::unordered_set<std::string_view> seen;
+    std::size_t total = 0;
+    for (const EventList& list : lists) total += list ? list->size() : 0;
+    kept.reserve(total);
+    SeenKeys seen(dedupe ? total : 0);
     for (const EventList& list : lists) {
         if (!list) continue;
         for (const UsageEvent& event : *list) {
             if (event.date < since) continue;
-            if (dedupe && event.dedupeKey && !seen.insert(*event.dedupeKey).second) continue;
+            if (dedupe && event.dedupeKey && !seen.insert(*event.dedupeKey)) continue;
             kept.push_back(&event);
         }
     }
     return kept;
 }
 
-std::vector<UsageEvent> copied(const std::vector<const UsageEvent*>& events) {
+// The merged events as one list, which keeps the lists they came from, and so their texts, alive.
+EventList mergedList(std::vector<EventList> lists, Moment since, bool dedupe) {
     std::vector<UsageEvent> out;
-    out.reserve(events.size());
-    for (const UsageEvent* event : events) out.push_back(*event);
-    return out;
+    for (const UsageEvent* event : merged(lists, since, dedupe)) out.push_back(*event);
+    return LocalLogUsageProvider::makeList(std::move(out),
+                                           std::make_shared<const std::vector<EventList>>(std::move(lists)));
 }
 
 const JSONFieldScanner::KeyPath kTimestamp{"timestamp"};
@@ -236,6 +277,16 @@ bool twoDigits(std::string_view text, std::size_t at, int& value) {
 
 }  // namespace
 
+LocalLogUsageProvider::EventList LocalLogUsageProvider::makeList(std::vector<UsageEvent> events,
+                                                                std::shared_ptr<const void> text) {
+    struct Owner {
+        std::vector<UsageEvent> events;
+        std::shared_ptr<const void> text;
+    };
+    auto owner = std::make_shared<const Owner>(Owner{std::move(events), std::move(text)});
+    return EventList(owner, &owner->events);
+}
+
 LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, Moment cutoff,
                                                                           const Parse& parse) {
     struct stat info {};
@@ -258,13 +309,13 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const
         bool allRecent = std::all_of(cached->begin(), cached->end(),
                                      [&](const UsageEvent& event) { return event.date >= cutoff; });
         if (allRecent) return cached;
-        auto recent = std::make_shared<std::vector<UsageEvent>>();
+        std::vector<UsageEvent> recent;
         for (const UsageEvent& event : *cached) {
-            if (event.date >= cutoff) recent->push_back(event);
+            if (event.date >= cutoff) recent.push_back(event);
         }
-        return recent;
+        return makeList(std::move(recent), cached);
     }
-    EventList parsed = std::make_shared<const std::vector<UsageEvent>>(parse(path, cutoff));
+    EventList parsed = parse(path, cutoff);
     {
         std::lock_guard guard(lock_);
         entries_[path] = Entry{size, mtime, cutoff, parsed};
@@ -323,9 +374,15 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
     for (ActivitySummary& summary : summaries) {
         Moment start = now - std::chrono::duration<double>(summary.window);
         sessions.clear();
+        // A file's events mostly share one stored session text: the same one again needs no look-up.
+        const UsageEvent* previous = nullptr;
         for (const UsageEvent* event : events) {
             if (event->date < start || event->date > now) continue;
-            sessions.insert(event->session);
+            if (previous == nullptr || event->session.data() != previous->session.data() ||
+                event->session.size() != previous->session.size()) {
+                sessions.insert(event->session);
+            }
+            previous = event;
             summary.inputTokens = wrappingSum(summary.inputTokens, event->input);
             summary.outputTokens = wrappingSum(summary.outputTokens, event->output);
             summary.cacheTokens = wrappingSum(summary.cacheTokens, event->cache);
@@ -335,14 +392,14 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
     return summaries;
 }
 
-std::vector<UsageEvent> LocalLogUsageProvider::claudeEvents(const std::string& folder, Moment since,
-                                                            EventCache& cache) {
-    return copied(merged(eventsOfFiles(recentJSONL(folder, since), since, cache, parseClaudeFile), since, true));
+LocalLogUsageProvider::EventList LocalLogUsageProvider::claudeEvents(const std::string& folder, Moment since,
+                                                                    EventCache& cache) {
+    return mergedList(eventsOfFiles(recentJSONL(folder, since), since, cache, parseClaudeFile), since, true);
 }
 
-std::vector<UsageEvent> LocalLogUsageProvider::codexEvents(const std::string& folder, Moment since,
-                                                           EventCache& cache) {
-    return copied(merged(eventsOfFiles(recentJSONL(folder, since), since, cache, parseCodexFile), since, false));
+LocalLogUsageProvider::EventList LocalLogUsageProvider::codexEvents(const std::string& folder, Moment since,
+                                                                   EventCache& cache) {
+    return mergedList(eventsOfFiles(recentJSONL(folder, since), since, cache, parseCodexFile), since, false);
 }
 
 std::vector<std::string> LocalLogUsageProvider::recentJSONL(const std::string& folder, Moment since) {
@@ -385,11 +442,19 @@ const JSONFieldScanner& LocalLogUsageProvider::claudeScanner() {
     return scanner;
 }
 
-std::vector<UsageEvent> LocalLogUsageProvider::parseClaudeFile(const std::string& path, Moment since) {
+LocalLogUsageProvider::EventList LocalLogUsageProvider::parseClaudeFile(const std::string& path, Moment since) {
     const JSONFieldScanner& scanner = claudeScanner();
     const ClaudeSlots& at = claudeSlots();
     std::vector<UsageEvent> events;
     std::vector<RawValue> slots;
+    auto text = std::make_shared<TextArena>();
+    std::string_view session;
+    std::string key;
+    // A transcript is mostly one session: its name is stored once.
+    auto sessionNamed = [&](std::string_view name) {
+        if (session.data() == nullptr || session != name) session = text->store(name);
+        return session;
+    };
     forEachLine(path, "\"usage\"", [&](std::string_view line) {
         if (!scanner.scan(line, slots)) return;
         const RawValue& input = slots[at.input];
@@ -400,21 +465,34 @@ std::vector<UsageEvent> LocalLogUsageProvider::parseClaudeFile(const std::string
 
         UsageEvent event;
         event.date = *date;
-        event.session = isString(slots[at.sessionID]) ? slots[at.sessionID].text() : path;
+        const RawValue& sessionID = slots[at.sessionID];
+        event.session = !isString(sessionID) ? sessionNamed(path)
+                        : sessionID.plain    ? sessionNamed(sessionID.bytes)
+                                             : sessionNamed(sessionID.text());
         if (isString(slots[at.messageID])) {
             const RawValue& requestID = slots[at.requestID];
-            event.dedupeKey = slots[at.messageID].text() + "|" + (isString(requestID) ? requestID.text() : std::string());
+            auto append = [&](const RawValue& value) {
+                if (value.plain) key.append(value.bytes);
+                else key.append(value.text());
+            };
+            key.clear();
+            append(slots[at.messageID]);
+            key += '|';
+            if (isString(requestID)) append(requestID);
+            event.dedupeKey = text->store(key);
         }
         event.input = input.number;
         event.output = integerOr0(slots[at.output]);
         event.cache = wrappingSum(integerOr0(slots[at.cacheCreation]), integerOr0(slots[at.cacheRead]));
-        events.push_back(std::move(event));
+        events.push_back(event);
     });
-    return events;
+    return makeList(std::move(events), std::move(text));
 }
 
-std::vector<UsageEvent> LocalLogUsageProvider::parseCodexFile(const std::string& path, Moment since) {
+LocalLogUsageProvider::EventList LocalLogUsageProvider::parseCodexFile(const std::string& path, Moment since) {
     std::vector<UsageEvent> events;
+    auto text = std::make_shared<TextArena>();
+    const std::string_view session = text->store(path);
     forEachLine(path, "\"token_count\"", [&](std::string_view line) {
         nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
         if (!object.is_object()) return;
@@ -437,16 +515,16 @@ std::vector<UsageEvent> LocalLogUsageProvider::parseCodexFile(const std::string&
         std::int64_t cached = codexFigure(*usage, "cached_input_tokens");
         UsageEvent event;
         event.date = *date;
-        event.session = path;
+        event.session = session;
         // Codex counts cached input inside the input figure; some versions report more cached
         // than input, which must not make the remainder negative.
         event.input = std::max<std::int64_t>(0, static_cast<std::int64_t>(static_cast<std::uint64_t>(input) -
                                                                          static_cast<std::uint64_t>(cached)));
         event.output = codexFigure(*usage, "output_tokens");
         event.cache = wrappingSum(cached, codexFigure(*usage, "cache_write_input_tokens"));
-        events.push_back(std::move(event));
+        events.push_back(event);
     });
-    return events;
+    return makeList(std::move(events), std::move(text));
 }
 
 std::optional<Moment> LocalLogUsageProvider::parseDate(std::string_view text) {

@@ -21,19 +21,25 @@ namespace veerline {
 // network and no sign-in; the desktop apps keep no such logs and always count zero.
 class LocalLogUsageProvider : public UsageProvider {
 public:
+    // One request's figures. Its texts point into storage its EventList owns: events are
+    // counted by the hundred thousand, and a string of their own each would cost more than the
+    // counting.
     struct UsageEvent {
         Moment date;
-        std::string session;  // what the usage counts under as a session
+        std::string_view session;  // what the usage counts under as a session
         std::int64_t input = 0;  // not counting cached input
         std::int64_t output = 0;
         std::int64_t cache = 0;  // written and read
-        std::optional<std::string> dedupeKey;  // the request's identity, when the log gives one
+        std::optional<std::string_view> dedupeKey;  // the request's identity, when the log gives one
 
         bool operator==(const UsageEvent&) const = default;
     };
 
-    // Shared so that a cached list is handed out without copying it.
+    // Shared so that a cached list is handed out without copying it; it keeps alive the text
+    // its events point into.
     using EventList = std::shared_ptr<const std::vector<UsageEvent>>;
+    // A list of `events` that owns `text`, whatever holds the texts they point into.
+    static EventList makeList(std::vector<UsageEvent> events, std::shared_ptr<const void> text);
 
     // Parsed events per log file, shared by every copy of the provider so that repeated queries
     // re-read only the files that changed. Thread-safe; the lock is never held while a file is
@@ -46,7 +52,7 @@ public:
             Moment cutoff;           // the events hold everything from here on
             EventList events;
         };
-        using Parse = std::function<std::vector<UsageEvent>(const std::string& path, Moment cutoff)>;
+        using Parse = std::function<EventList(const std::string& path, Moment cutoff)>;
 
         // The file's events at or after `cutoff`: the cached ones while the file keeps its size and
         // modification date and was parsed from this cutoff or an earlier one, else `parse`'s.
@@ -80,8 +86,8 @@ public:
 
     // Claude Code's events from `since` on; a request seen twice (same message id and request id),
     // in one file or across files, counts the first time only.
-    static std::vector<UsageEvent> claudeEvents(const std::string& folder, Moment since, EventCache& cache);
-    static std::vector<UsageEvent> codexEvents(const std::string& folder, Moment since, EventCache& cache);
+    static EventList claudeEvents(const std::string& folder, Moment since, EventCache& cache);
+    static EventList codexEvents(const std::string& folder, Moment since, EventCache& cache);
     // The ".jsonl" files below `folder` modified at or after `since`, hidden names left out, in
     // the order the folder is listed.
     static std::vector<std::string> recentJSONL(const std::string& folder, Moment since);
@@ -89,8 +95,8 @@ public:
     // feed. Lines without the needle are never looked at beyond the search for it.
     static void forEachLine(const std::string& path, std::string_view needle,
                             const std::function<void(std::string_view)>& callback);
-    static std::vector<UsageEvent> parseClaudeFile(const std::string& path, Moment since);
-    static std::vector<UsageEvent> parseCodexFile(const std::string& path, Moment since);
+    static EventList parseClaudeFile(const std::string& path, Moment since);
+    static EventList parseCodexFile(const std::string& path, Moment since);
     // The ISO 8601 forms both tools write: "2025-01-02T03:04:05Z", "... 03:04:05", fractions,
     // "+02:00" zones.
     static std::optional<Moment> parseDate(std::string_view text);

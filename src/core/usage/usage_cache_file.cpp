@@ -61,13 +61,13 @@ public:
         position_ += sizeof value;
         return true;
     }
-    bool getBytes(std::size_t length, std::string& text) {
+    bool getBytes(std::size_t length, std::string_view& text) {
         if (bytes_.size() - position_ < length) return false;
-        text.assign(bytes_.data() + position_, length);
+        text = bytes_.substr(position_, length);
         position_ += length;
         return true;
     }
-    bool getText(std::string& text) {
+    bool getText(std::string_view& text) {
         std::uint32_t length = 0;
         return get(length) && getBytes(length, text);
     }
@@ -113,8 +113,9 @@ void encodeEntry(Writer& writer, const std::string& path, const EventCache::Entr
     }
 }
 
-bool decodeEntry(Reader& reader, std::map<std::string, EventCache::Entry>& entries) {
-    std::string path;
+// The events' texts point into `bytes`, which `owner` keeps alive.
+bool decodeEntry(Reader& reader, const std::shared_ptr<const void>& owner, std::map<std::string, EventCache::Entry>& entries) {
+    std::string_view path;
     EventCache::Entry entry;
     double mtime = 0;
     double cutoff = 0;
@@ -125,15 +126,15 @@ bool decodeEntry(Reader& reader, std::map<std::string, EventCache::Entry>& entri
     }
     entry.mtime = moment(mtime);
     entry.cutoff = moment(cutoff);
-    std::vector<std::string> sessions(sessionCount);
-    for (std::string& session : sessions) {
+    std::vector<std::string_view> sessions(sessionCount);
+    for (std::string_view& session : sessions) {
         if (!reader.getText(session)) return false;
     }
     std::uint64_t eventCount = 0;
     // Each event takes at least 40 bytes: a count beyond that is damage, not a reason to allocate.
     if (!reader.get(eventCount) || eventCount > reader.remaining() / 40) return false;
-    auto events = std::make_shared<std::vector<UsageEvent>>(static_cast<std::size_t>(eventCount));
-    for (UsageEvent& event : *events) {
+    std::vector<UsageEvent> events(static_cast<std::size_t>(eventCount));
+    for (UsageEvent& event : events) {
         double date = 0;
         std::uint32_t session = 0;
         std::uint32_t keyLength = 0;
@@ -145,8 +146,8 @@ bool decodeEntry(Reader& reader, std::map<std::string, EventCache::Entry>& entri
         event.session = sessions[session];
         if (keyLength != kNoKey && !reader.getBytes(keyLength, event.dedupeKey.emplace())) return false;
     }
-    entry.events = std::move(events);
-    entries[std::move(path)] = std::move(entry);
+    entry.events = LocalLogUsageProvider::makeList(std::move(events), owner);
+    entries[std::string(path)] = std::move(entry);
     return true;
 }
 
@@ -171,9 +172,19 @@ void load(const std::string& path, EventCache& cache) noexcept {
         struct stat info {};
         // Someone else's file in the user's cache folder is not to be trusted with the counts.
         if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::getuid()) return;
-        std::string bytes;
-        if (readAll(fd.get(), bytes) != 0 || bytes.size() < kHeaderSize) return;
-        Reader header(std::string_view(bytes).substr(0, kHeaderSize));
+        const auto size = static_cast<std::size_t>(info.st_size);
+        if (size < kHeaderSize) return;
+        // One buffer for the whole file, not filled with zeros first: the events point into it.
+        std::shared_ptr<char[]> buffer = std::make_shared_for_overwrite<char[]>(size);
+        std::size_t filled = 0;
+        while (filled < size) {
+            ssize_t count = ::read(fd.get(), buffer.get() + filled, size - filled);
+            if (count < 0 && errno == EINTR) continue;
+            if (count <= 0) return;
+            filled += static_cast<std::size_t>(count);
+        }
+        std::string_view bytes(buffer.get(), size);
+        Reader header(bytes.substr(0, kHeaderSize));
         char magic[16];
         std::uint32_t version = 0;
         std::uint32_t byteOrder = 0;
@@ -188,14 +199,14 @@ void load(const std::string& path, EventCache& cache) noexcept {
             length != bytes.size() - kHeaderSize) {
             return;
         }
-        std::string_view payload = std::string_view(bytes).substr(kHeaderSize);
+        std::string_view payload = bytes.substr(kHeaderSize);
         if (checksum(payload) != sum) return;
         Reader reader(payload);
         std::uint64_t count = 0;
         if (!reader.get(count)) return;
         std::map<std::string, EventCache::Entry> entries;
         for (std::uint64_t i = 0; i < count; ++i) {
-            if (!decodeEntry(reader, entries)) return;
+            if (!decodeEntry(reader, buffer, entries)) return;
         }
         if (!reader.done()) return;
         cache.insert(entries);

@@ -11,6 +11,7 @@
 
 #include "support/test_support.h"
 #include "usage/local_log_usage_provider.h"
+#include "usage/text_arena.h"
 #include "usage/usage_cache_file.h"
 
 namespace veerline::testing {
@@ -53,6 +54,18 @@ TEST(JSONFieldScannerTest, CapturesWantedFieldsAndRejectsMalformedLines) {
         {R"({"timestamp" "T"})", "-"}, {R"({"timestamp":"T" "x":1})", "-"}, {R"({timestamp:"T"})", "-"}, {"", "-"}, {"   ", "-"},
     };
     for (const auto& [line, expected] : cases) EXPECT_EQ(scanned(line), expected) << line;
+}
+
+TEST(TextArenaTest, EveryStoredTextStaysInPlaceAsTheArenaGrows) {
+    TextArena arena;
+    std::vector<std::pair<std::string, std::string_view>> stored;
+    // Enough short texts to fill several blocks, and long ones that get blocks of their own.
+    for (int i = 0; i < 5000; ++i) {
+        std::string text = i % 1000 == 7 ? std::string(40000, static_cast<char>('a' + i % 26)) : "msg_" + std::to_string(i) + "|req";
+        stored.emplace_back(text, arena.store(text));
+    }
+    EXPECT_EQ(arena.store("").size(), 0u);
+    for (const auto& [text, view] : stored) ASSERT_EQ(view, text);
 }
 
 TEST(ActivitySummaryTest, CompactCountsSummaryLineAndJSON) {
