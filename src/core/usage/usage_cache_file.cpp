@@ -201,18 +201,23 @@ void load(const std::string& path, EventCache& cache) noexcept {
         }
         std::string_view payload = bytes.substr(kHeaderSize);
         if (checksum(payload) != sum) return;
-        Reader reader(payload);
-        std::uint64_t count = 0;
-        if (!reader.get(count)) return;
-        std::map<std::string, EventCache::Entry> entries;
-        for (std::uint64_t i = 0; i < count; ++i) {
-            if (!decodeEntry(reader, buffer, entries)) return;
-        }
-        if (!reader.done()) return;
-        cache.insert(entries);
+        if (auto entries = decodePayload(payload, buffer)) cache.insert(*entries);
     } catch (...) {
         // Only allocation can fail here; the counts are then taken from the logs.
     }
+}
+
+std::optional<std::map<std::string, EventCache::Entry>> decodePayload(std::string_view payload,
+                                                                      const std::shared_ptr<const void>& owner) {
+    Reader reader(payload);
+    std::uint64_t count = 0;
+    if (!reader.get(count)) return std::nullopt;
+    std::map<std::string, EventCache::Entry> entries;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        if (!decodeEntry(reader, owner, entries)) return std::nullopt;
+    }
+    if (!reader.done()) return std::nullopt;
+    return entries;
 }
 
 void save(const std::string& path, const EventCache& cache, Moment keepModifiedSince) noexcept {

@@ -6,7 +6,11 @@
 // write it reaches the user.
 
 #include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/environment.h"
 #include "usage/local_log_usage_provider.h"
@@ -21,6 +25,11 @@ std::string location(const std::string& home, const Environment& environment);
 // Adds the file's entries to `cache`; a file that is missing, not the user's own, damaged or of
 // another format adds nothing.
 void load(const std::string& path, LocalLogUsageProvider::EventCache& cache) noexcept;
+
+// The entries of a cache file's payload, everything after its header, or nothing when the bytes are
+// damaged. The events' texts point into `payload`, which `owner` must keep alive.
+std::optional<std::map<std::string, LocalLogUsageProvider::EventCache::Entry>> decodePayload(
+    std::string_view payload, const std::shared_ptr<const void>& owner);
 
 // Writes every entry of `cache` whose log file still exists and was modified at or after
 // `keepModifiedSince` (older files fall out of every window, and the file must not grow with the
