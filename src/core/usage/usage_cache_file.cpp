@@ -1,6 +1,7 @@
 #include "usage/usage_cache_file.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -151,6 +152,25 @@ bool decodeEntry(Reader& reader, const std::shared_ptr<const void>& owner, std::
     return true;
 }
 
+// Room for the whole file, which the loaded events point into, not filled with zeros first. A large
+// one is asked for in huge pages where the system has them: a cache of 15 MB otherwise costs a
+// page fault per 4 kB, more than its reading. A small one isn't: a huge page costs 2 MB of zeros.
+std::shared_ptr<char[]> bufferFor(std::size_t size) {
+#ifdef MADV_HUGEPAGE
+    constexpr std::size_t huge = 2 * 1024 * 1024;
+    if (size >= huge) {
+        const std::size_t length = (size + huge - 1) / huge * huge + huge;  // room to align the start
+        void* address = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (address == MAP_FAILED) return nullptr;
+        auto start = (reinterpret_cast<std::uintptr_t>(address) + huge - 1) / huge * huge;
+        ::madvise(reinterpret_cast<void*>(start), length - huge, MADV_HUGEPAGE);
+        return std::shared_ptr<char[]>(reinterpret_cast<char*>(start),
+                                       [address, length](char*) { ::munmap(address, length); });
+    }
+#endif
+    return std::make_shared_for_overwrite<char[]>(size);
+}
+
 // Creates the folder and missing parents, private to the user.
 bool makeFolders(const std::string& folder) {
     struct stat info {};
@@ -174,8 +194,8 @@ void load(const std::string& path, EventCache& cache) noexcept {
         if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::getuid()) return;
         const auto size = static_cast<std::size_t>(info.st_size);
         if (size < kHeaderSize) return;
-        // One buffer for the whole file, not filled with zeros first: the events point into it.
-        std::shared_ptr<char[]> buffer = std::make_shared_for_overwrite<char[]>(size);
+        std::shared_ptr<char[]> buffer = bufferFor(size);
+        if (!buffer) return;
         std::size_t filled = 0;
         while (filled < size) {
             ssize_t count = ::read(fd.get(), buffer.get() + filled, size - filled);

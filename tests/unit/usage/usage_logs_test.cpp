@@ -203,6 +203,19 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
         writeFile(cacheFile, damaged, 0600);
         EXPECT_TRUE(loaded()->entries().empty());
     }
+
+    // A cache of several megabytes is read into memory of another kind; it must count the same.
+    std::string big;
+    for (int i = 0; i < 15000; ++i) big += claudeLine(50, std::string(100, 'm') + std::to_string(i), 1) + "\n";
+    writeFile(projects + "/p/big.jsonl", big);
+    auto fresh = std::make_shared<Provider::EventCache>();
+    const std::vector<std::int64_t> expected = counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, fresh);
+    EXPECT_EQ(expected[0], 15000 + 430);
+    UsageCacheFile::save(cacheFile, *fresh, at(0));
+    ASSERT_GT(readFile(cacheFile).size(), 2u << 20);
+    auto reloadedBig = loaded();
+    EXPECT_EQ(reloadedBig->entries().size(), 2u);
+    EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, reloadedBig), expected);
 }
 
 }  // namespace
