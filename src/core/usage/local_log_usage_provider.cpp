@@ -79,7 +79,14 @@ private:
     std::size_t size_ = 0;
 };
 
-void listRecent(const std::string& folder, Moment since, std::vector<std::string>& found) {
+// A log file with the size and date its listing found, so that the cache needn't ask again.
+struct LogFile {
+    std::string path;
+    std::int64_t size;
+    Moment mtime;
+};
+
+void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& found) {
     DIR* directory = ::opendir(folder.c_str());
     if (directory == nullptr) return;
     std::unique_ptr<DIR, int (*)(DIR*)> closer(directory, ::closedir);
@@ -95,19 +102,32 @@ void listRecent(const std::string& folder, Moment since, std::vector<std::string
             listRecent(path, since, found);
         } else if (S_ISREG(info.st_mode) && name.size() > 6 && name.ends_with(".jsonl") &&
                    momentOf(modificationTime(info)) >= since) {
-            found.push_back(std::move(path));
+            found.push_back(LogFile{std::move(path), static_cast<std::int64_t>(info.st_size),
+                                    momentOf(modificationTime(info))});
         }
     }
 }
 
 // Each file's events through the cache, parsed on a few threads; the answer keeps the files' order.
-std::vector<EventList> eventsOfFiles(const std::vector<std::string>& files, Moment since, EventCache& cache,
+// The recent logs below `folder`; an empty list when memory runs out.
+std::vector<LogFile> recentLogs(const std::string& folder, Moment since) {
+    std::vector<LogFile> found;
+    try {
+        listRecent(folder, since, found);
+    } catch (const std::bad_alloc&) {
+        found.clear();
+    }
+    return found;
+}
+
+std::vector<EventList> eventsOfFiles(const std::vector<LogFile>& files, Moment since, EventCache& cache,
                                      const EventCache::Parse& parse) {
     std::vector<EventList> lists(files.size());
     std::atomic<std::size_t> next{0};
     auto work = [&] {
         for (std::size_t index; (index = next.fetch_add(1)) < files.size();) {
-            lists[index] = cache.events(files[index], since, parse);
+            const LogFile& file = files[index];
+            lists[index] = cache.events(file.path, file.size, file.mtime, since, parse);
         }
     };
     std::size_t threads = std::min<std::size_t>({files.size(), 4, std::max(1u, std::thread::hardware_concurrency())});
@@ -296,6 +316,12 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const
         size = static_cast<std::int64_t>(info.st_size);
         mtime = momentOf(modificationTime(info));
     }
+    return events(path, size, mtime, cutoff, parse);
+}
+
+LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, std::int64_t size,
+                                                                          Moment mtime, Moment cutoff,
+                                                                          const Parse& parse) {
     EventList cached;
     {
         std::lock_guard guard(lock_);
@@ -367,7 +393,7 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
     bool claude = tool == ToolKind::claudeCode;
     std::string folder = *root + (claude ? "/projects" : "/sessions");
     std::vector<EventList> lists =
-        eventsOfFiles(recentJSONL(folder, since), since, *cache_, claude ? parseClaudeFile : parseCodexFile);
+        eventsOfFiles(recentLogs(folder, since), since, *cache_, claude ? parseClaudeFile : parseCodexFile);
     std::vector<const UsageEvent*> events = merged(lists, since, claude);
 
     std::unordered_set<std::string_view> sessions;
@@ -394,22 +420,18 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
 
 LocalLogUsageProvider::EventList LocalLogUsageProvider::claudeEvents(const std::string& folder, Moment since,
                                                                     EventCache& cache) {
-    return mergedList(eventsOfFiles(recentJSONL(folder, since), since, cache, parseClaudeFile), since, true);
+    return mergedList(eventsOfFiles(recentLogs(folder, since), since, cache, parseClaudeFile), since, true);
 }
 
 LocalLogUsageProvider::EventList LocalLogUsageProvider::codexEvents(const std::string& folder, Moment since,
                                                                    EventCache& cache) {
-    return mergedList(eventsOfFiles(recentJSONL(folder, since), since, cache, parseCodexFile), since, false);
+    return mergedList(eventsOfFiles(recentLogs(folder, since), since, cache, parseCodexFile), since, false);
 }
 
 std::vector<std::string> LocalLogUsageProvider::recentJSONL(const std::string& folder, Moment since) {
-    std::vector<std::string> found;
-    try {
-        listRecent(folder, since, found);
-    } catch (const std::bad_alloc&) {
-        found.clear();
-    }
-    return found;
+    std::vector<std::string> paths;
+    for (LogFile& file : recentLogs(folder, since)) paths.push_back(std::move(file.path));
+    return paths;
 }
 
 void LocalLogUsageProvider::forEachLine(const std::string& path, std::string_view needle,

@@ -57,6 +57,9 @@ public:
         // The file's events at or after `cutoff`: the cached ones while the file keeps its size and
         // modification date and was parsed from this cutoff or an earlier one, else `parse`'s.
         EventList events(const std::string& path, Moment cutoff, const Parse& parse);
+        // The same with the file's size (-1 when unknown) and modification date as the caller
+        // just read them.
+        EventList events(const std::string& path, std::int64_t size, Moment mtime, Moment cutoff, const Parse& parse);
 
         // For the copy kept on disk between runs.
         std::map<std::string, Entry> entries() const;

@@ -4,6 +4,7 @@
 // for reading a file again), and how the figures are written.
 
 #include <fcntl.h>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -216,6 +217,10 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
     auto reloadedBig = loaded();
     EXPECT_EQ(reloadedBig->entries().size(), 2u);
     EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, reloadedBig), expected);
+    auto logs = Provider::recentJSONL(projects, at(0));
+    std::sort(logs.begin(), logs.end());
+    EXPECT_EQ(logs, (std::vector<std::string>{file, projects + "/p/big.jsonl"}));
+    EXPECT_EQ(reloadedBig->events(projects + "/p/big.jsonl", at(0), Provider::parseClaudeFile)->size(), 15000u);
 }
 
 }  // namespace
