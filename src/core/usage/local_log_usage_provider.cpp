@@ -123,14 +123,21 @@ std::vector<LogFile> recentLogs(const std::string& folder, Moment since) {
 std::vector<EventList> eventsOfFiles(const std::vector<LogFile>& files, Moment since, EventCache& cache,
                                      const EventCache::Parse& parse) {
     std::vector<EventList> lists(files.size());
+    // What the cache holds is taken first, on this thread: only the files to parse are worth others.
+    std::vector<std::size_t> unparsed;
+    for (std::size_t index = 0; index < files.size(); ++index) {
+        const LogFile& file = files[index];
+        lists[index] = cache.cached(file.path, file.size, file.mtime, since);
+        if (!lists[index]) unparsed.push_back(index);
+    }
     std::atomic<std::size_t> next{0};
     auto work = [&] {
-        for (std::size_t index; (index = next.fetch_add(1)) < files.size();) {
-            const LogFile& file = files[index];
-            lists[index] = cache.events(file.path, file.size, file.mtime, since, parse);
+        for (std::size_t i; (i = next.fetch_add(1)) < unparsed.size();) {
+            const LogFile& file = files[unparsed[i]];
+            lists[unparsed[i]] = cache.events(file.path, file.size, file.mtime, since, parse);
         }
     };
-    std::size_t threads = std::min<std::size_t>({files.size(), 4, std::max(1u, std::thread::hardware_concurrency())});
+    std::size_t threads = std::min<std::size_t>({unparsed.size(), 4, std::max(1u, std::thread::hardware_concurrency())});
     std::vector<std::thread> helpers;
     try {
         for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back(work);
@@ -322,6 +329,18 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const
 LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, std::int64_t size,
                                                                           Moment mtime, Moment cutoff,
                                                                           const Parse& parse) {
+    if (EventList found = cached(path, size, mtime, cutoff)) return found;
+    EventList parsed = parse(path, cutoff);
+    {
+        std::lock_guard guard(lock_);
+        entries_[path] = Entry{size, mtime, cutoff, parsed};
+        ++generation_;
+    }
+    return parsed;
+}
+
+LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::cached(const std::string& path, std::int64_t size,
+                                                                          Moment mtime, Moment cutoff) const {
     EventList cached;
     {
         std::lock_guard guard(lock_);
@@ -341,13 +360,7 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const
         }
         return makeList(std::move(recent), cached);
     }
-    EventList parsed = parse(path, cutoff);
-    {
-        std::lock_guard guard(lock_);
-        entries_[path] = Entry{size, mtime, cutoff, parsed};
-        ++generation_;
-    }
-    return parsed;
+    return nullptr;
 }
 
 std::map<std::string, LocalLogUsageProvider::EventCache::Entry> LocalLogUsageProvider::EventCache::entries() const {

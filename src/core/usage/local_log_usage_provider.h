@@ -60,6 +60,8 @@ public:
         // The same with the file's size (-1 when unknown) and modification date as the caller
         // just read them.
         EventList events(const std::string& path, std::int64_t size, Moment mtime, Moment cutoff, const Parse& parse);
+        // The events `events` would give without parsing, or nothing when the file must be parsed.
+        EventList cached(const std::string& path, std::int64_t size, Moment mtime, Moment cutoff) const;
 
         // For the copy kept on disk between runs.
         std::map<std::string, Entry> entries() const;
