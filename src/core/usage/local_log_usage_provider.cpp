@@ -108,7 +108,6 @@ void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& f
     }
 }
 
-// Each file's events through the cache, parsed on a few threads; the answer keeps the files' order.
 // The recent logs below `folder`; an empty list when memory runs out.
 std::vector<LogFile> recentLogs(const std::string& folder, Moment since) {
     std::vector<LogFile> found;
@@ -120,6 +119,7 @@ std::vector<LogFile> recentLogs(const std::string& folder, Moment since) {
     return found;
 }
 
+// Each file's events through the cache, parsed on a few threads; the answer keeps the files' order.
 std::vector<EventList> eventsOfFiles(const std::vector<LogFile>& files, Moment since, EventCache& cache,
                                      const EventCache::Parse& parse) {
     std::vector<EventList> lists(files.size());
