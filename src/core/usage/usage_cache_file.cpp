@@ -114,7 +114,7 @@ void encodeEntry(Writer& writer, const std::string& path, const EventCache::Entr
     }
 }
 
-// The events' texts point into `bytes`, which `owner` keeps alive.
+// The events' texts point into the bytes `reader` reads, which `owner` keeps alive.
 bool decodeEntry(Reader& reader, const std::shared_ptr<const void>& owner, std::map<std::string, EventCache::Entry>& entries) {
     std::string_view path;
     EventCache::Entry entry;
