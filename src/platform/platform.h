@@ -97,4 +97,10 @@ std::optional<InstalledApp> findApplication(std::string_view bundleID, const std
 // or ~/.cache/veerline elsewhere. `xdgCacheHome` is the variable's value, when it is set.
 std::string cacheDirectory(const std::string& home, const std::string* xdgCacheHome);
 
+// `size` bytes of zeroed memory for a large working set touched all over (a table looked up at
+// random, a file read whole), in huge pages where the system offers them: with 4 kB pages every
+// look-up in a table of megabytes misses the address cache, and every 4 kB costs a page fault.
+// Nothing when memory runs out.
+std::shared_ptr<char[]> largeZeroedMemory(std::size_t size) noexcept;
+
 }  // namespace veerline::platform

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <new>
 #include <thread>
 #include <unordered_set>
 
@@ -22,6 +23,7 @@
 #endif
 
 #include "base/file_io.h"
+#include "platform/platform.h"
 #include "usage/text_arena.h"
 
 namespace veerline {
@@ -157,15 +159,17 @@ public:
     explicit SeenKeys(std::size_t most) {
         std::size_t capacity = 16;
         while (capacity < most + most / 3) capacity *= 2;
-        slots_.resize(capacity);
+        memory_ = platform::largeZeroedMemory(capacity * sizeof(Slot));
+        if (!memory_) throw std::bad_alloc();
+        slots_ = reinterpret_cast<Slot*>(memory_.get());
+        mask_ = capacity - 1;
         keys_.reserve(most);
     }
     // False when `key` was already there. `key` is kept by address: it must outlive the set.
     bool insert(const std::string_view& key) {
         const std::size_t hash = std::hash<std::string_view>{}(key);
         const auto tag = static_cast<std::uint32_t>(hash >> 32);
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t at = hash & mask;; at = (at + 1) & mask) {
+        for (std::size_t at = hash & mask_;; at = (at + 1) & mask_) {
             Slot& slot = slots_[at];
             if (slot.key == 0) {
                 keys_.push_back(&key);
@@ -181,7 +185,11 @@ private:
         std::uint32_t tag = 0;  // the hash's high half, so that most misses compare no text
         std::uint32_t key = 0;  // 1 + the key's index in keys_; 0 for a free slot
     };
-    std::vector<Slot> slots_;
+    // Zeroed memory is a table of free slots. The table is looked up at random, so it sits in huge
+    // pages where there are some.
+    std::shared_ptr<char[]> memory_;
+    Slot* slots_ = nullptr;
+    std::size_t mask_ = 0;
     std::vector<const std::string_view*> keys_;
 };
 
@@ -194,9 +202,27 @@ std::vector<const UsageEvent*> merged(const std::vector<EventList>& lists, Momen
     SeenKeys seen(dedupe ? total : 0);
     for (const EventList& list : lists) {
         if (!list) continue;
+        // A multi-part answer repeats its request on neighbouring lines. When the line before had
+        // the same key and was counted or turned away, its key is in `seen` already: the table
+        // needn't be asked.
+        const std::string_view* previousKey = nullptr;
         for (const UsageEvent& event : *list) {
-            if (event.date < since) continue;
-            if (dedupe && event.dedupeKey && !seen.insert(*event.dedupeKey)) continue;
+            if (event.date < since) {
+                previousKey = nullptr;
+                continue;
+            }
+            if (dedupe && event.dedupeKey) {
+                const std::string_view& key = *event.dedupeKey;
+                // Lists read from the cache file, and freshly parsed ones, share one stored text
+                // between neighbours with the same key.
+                bool repeat = previousKey != nullptr &&
+                              ((previousKey->data() == key.data() && previousKey->size() == key.size()) ||
+                               *previousKey == key);
+                previousKey = &key;
+                if (repeat || !seen.insert(key)) continue;
+            } else {
+                previousKey = nullptr;
+            }
             kept.push_back(&event);
         }
     }
@@ -309,9 +335,21 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::makeList(std::vector<Usa
     struct Owner {
         std::vector<UsageEvent> events;
         std::shared_ptr<const void> text;
+        std::span<const UsageEvent> view;
     };
-    auto owner = std::make_shared<const Owner>(Owner{std::move(events), std::move(text)});
-    return EventList(owner, &owner->events);
+    auto owner = std::make_shared<Owner>(Owner{std::move(events), std::move(text), {}});
+    owner->view = owner->events;
+    return EventList(owner, &owner->view);
+}
+
+LocalLogUsageProvider::EventList LocalLogUsageProvider::makeList(std::span<const UsageEvent> events,
+                                                                std::shared_ptr<const void> owner) {
+    struct Holder {
+        std::span<const UsageEvent> view;
+        std::shared_ptr<const void> owner;
+    };
+    auto holder = std::make_shared<const Holder>(Holder{events, std::move(owner)});
+    return EventList(holder, &holder->view);
 }
 
 LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, Moment cutoff,
@@ -514,7 +552,12 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::parseClaudeFile(const st
             append(slots[at.messageID]);
             key += '|';
             if (isString(requestID)) append(requestID);
-            event.dedupeKey = text->store(key);
+            // The parts of one answer come on neighbouring lines: their key is stored once.
+            if (events.empty() || !events.back().dedupeKey || *events.back().dedupeKey != key) {
+                event.dedupeKey = text->store(key);
+            } else {
+                event.dedupeKey = events.back().dedupeKey;
+            }
         }
         event.input = input.number;
         event.output = integerOr0(slots[at.output]);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,11 +36,14 @@ public:
         bool operator==(const UsageEvent&) const = default;
     };
 
-    // Shared so that a cached list is handed out without copying it; it keeps alive the text
-    // its events point into.
-    using EventList = std::shared_ptr<const std::vector<UsageEvent>>;
+    // Shared so that a cached list is handed out without copying it; it keeps alive the events
+    // and the text they point into. The events may sit in a vector of their own or in a block
+    // that many lists share (all the lists read from the cache file).
+    using EventList = std::shared_ptr<const std::span<const UsageEvent>>;
     // A list of `events` that owns `text`, whatever holds the texts they point into.
     static EventList makeList(std::vector<UsageEvent> events, std::shared_ptr<const void> text);
+    // A list of `events`, which `owner` keeps alive together with their texts.
+    static EventList makeList(std::span<const UsageEvent> events, std::shared_ptr<const void> owner);
 
     // Parsed events per log file, shared by every copy of the provider so that repeated queries
     // re-read only the files that changed. Thread-safe; the lock is never held while a file is

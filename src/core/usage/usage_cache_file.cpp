@@ -1,12 +1,16 @@
 #include "usage/usage_cache_file.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <span>
+#include <type_traits>
 #include <unordered_map>
 
 #include "base/file_io.h"
@@ -19,24 +23,39 @@ namespace {
 using EventCache = LocalLogUsageProvider::EventCache;
 using UsageEvent = LocalLogUsageProvider::UsageEvent;
 
-// Magic, version, byte-order mark, payload length and checksum, then the payload.
+// Magic, version, byte-order mark, payload length and the checksum of the payload's counts, then
+// the payload: the number of entries and of events, then the entries, each followed by its own
+// checksum. Checked entry by entry, the bytes are summed while they are still in the processor's
+// cache from decoding, rather than in a pass of their own over many megabytes.
 constexpr char kMagic[16] = {'V', 'E', 'E', 'R', 'L', 'I', 'N', 'E', '-', 'U', 'S', 'A', 'G', 'E', '\n', '\0'};
 constexpr std::uint32_t kByteOrder = 0x01020304;
 constexpr std::size_t kHeaderSize = 16 + 4 + 4 + 8 + 8;
-constexpr std::uint32_t kNoKey = 0xFFFFFFFF;
+constexpr std::size_t kCountsSize = 8 + 8;
+// An event's key: none, the same text as the event before it in its file (the parts of one answer),
+// or a text of its own, its length plus this.
+constexpr std::uint64_t kNoKey = 0;
+constexpr std::uint64_t kSameKey = 1;
+constexpr std::uint64_t kOwnKey = 2;
+// The least an event takes: its date and five one-byte numbers. A count beyond what the bytes could
+// hold is damage, not a reason to allocate.
+constexpr std::size_t kSmallestEvent = 8 + 5;
 
-// Cheap enough for megabytes and enough to notice a damaged or truncated file.
+// Cheap enough for megabytes and enough to notice a damaged or truncated file. Four independent
+// lanes keep the multiplier busy instead of waiting on one chain.
 std::uint64_t checksum(std::string_view bytes) {
-    std::uint64_t hash = 0xcbf29ce484222325ULL;
+    std::uint64_t lanes[4] = {0xcbf29ce484222325ULL, 0x84222325cbf29ce4ULL, 0x9e3779b97f4a7c15ULL, 0x7f4a7c159e3779b9ULL};
     std::size_t i = 0;
-    for (; i + 8 <= bytes.size(); i += 8) {
-        std::uint64_t word;
-        std::memcpy(&word, bytes.data() + i, 8);
-        hash = (hash ^ word) * 0x100000001b3ULL;
-        hash ^= hash >> 29;
+    for (; i + 32 <= bytes.size(); i += 32) {
+        for (int lane = 0; lane < 4; ++lane) {
+            std::uint64_t word;
+            std::memcpy(&word, bytes.data() + i + 8 * lane, 8);
+            lanes[lane] = (lanes[lane] ^ word) * 0x100000001b3ULL;
+            lanes[lane] ^= lanes[lane] >> 29;
+        }
     }
+    std::uint64_t hash = lanes[0] ^ std::rotl(lanes[1], 16) ^ std::rotl(lanes[2], 32) ^ std::rotl(lanes[3], 48);
     for (; i < bytes.size(); ++i) hash = (hash ^ static_cast<unsigned char>(bytes[i])) * 0x100000001b3ULL;
-    return hash;
+    return hash ^ bytes.size();
 }
 
 class Writer {
@@ -44,6 +63,18 @@ public:
     template <typename T>
     void put(T value) {
         out.append(reinterpret_cast<const char*>(&value), sizeof value);
+    }
+    // Seven bits a byte, the low ones first: token counts mostly fit in two or three.
+    void putNumber(std::uint64_t value) {
+        while (value >= 0x80) {
+            out += static_cast<char>(value | 0x80);
+            value >>= 7;
+        }
+        out += static_cast<char>(value);
+    }
+    // Counts come from the logs and could be negative: zigzag keeps small ones short either way.
+    void putSigned(std::int64_t value) {
+        putNumber((static_cast<std::uint64_t>(value) << 1) ^ static_cast<std::uint64_t>(value >> 63));
     }
     void putText(std::string_view text) {
         put(static_cast<std::uint32_t>(text.size()));
@@ -62,6 +93,21 @@ public:
         position_ += sizeof value;
         return true;
     }
+    bool getNumber(std::uint64_t& value) {
+        value = 0;
+        for (unsigned shift = 0; shift < 64 && position_ < bytes_.size(); shift += 7) {
+            auto byte = static_cast<unsigned char>(bytes_[position_++]);
+            value |= static_cast<std::uint64_t>(byte & 0x7F) << shift;
+            if (byte < 0x80) return true;
+        }
+        return false;
+    }
+    bool getSigned(std::int64_t& value) {
+        std::uint64_t raw = 0;
+        if (!getNumber(raw)) return false;
+        value = static_cast<std::int64_t>(raw >> 1) ^ -static_cast<std::int64_t>(raw & 1);
+        return true;
+    }
     bool getBytes(std::size_t length, std::string_view& text) {
         if (bytes_.size() - position_ < length) return false;
         text = bytes_.substr(position_, length);
@@ -74,6 +120,8 @@ public:
     }
     bool done() const { return position_ == bytes_.size(); }
     std::size_t remaining() const { return bytes_.size() - position_; }
+    std::size_t position() const { return position_; }
+    std::string_view bytes() const { return bytes_; }
 
 private:
     std::string_view bytes_;
@@ -84,6 +132,7 @@ double seconds(Moment moment) { return moment.time_since_epoch().count(); }
 Moment moment(double value) { return Moment(std::chrono::duration<double>(value)); }
 
 void encodeEntry(Writer& writer, const std::string& path, const EventCache::Entry& entry) {
+    const std::size_t start = writer.out.size();
     writer.putText(path);
     writer.put(entry.size);
     writer.put(seconds(entry.mtime));
@@ -91,7 +140,7 @@ void encodeEntry(Writer& writer, const std::string& path, const EventCache::Entr
     // A file's events share a handful of session names: store each once.
     std::vector<std::string_view> sessions;
     std::unordered_map<std::string_view, std::uint32_t> sessionIndex;
-    const auto& events = entry.events ? *entry.events : std::vector<UsageEvent>{};
+    std::span<const UsageEvent> events = entry.events ? *entry.events : std::span<const UsageEvent>();
     for (const UsageEvent& event : events) {
         if (sessionIndex.emplace(event.session, static_cast<std::uint32_t>(sessions.size())).second) {
             sessions.push_back(event.session);
@@ -100,24 +149,31 @@ void encodeEntry(Writer& writer, const std::string& path, const EventCache::Entr
     writer.put(static_cast<std::uint32_t>(sessions.size()));
     for (std::string_view session : sessions) writer.putText(session);
     writer.put(static_cast<std::uint64_t>(events.size()));
+    const std::optional<std::string_view>* previousKey = nullptr;
     for (const UsageEvent& event : events) {
         writer.put(seconds(event.date));
-        writer.put(event.input);
-        writer.put(event.output);
-        writer.put(event.cache);
-        writer.put(sessionIndex[event.session]);
-        if (event.dedupeKey) {
-            writer.putText(*event.dedupeKey);
+        writer.putSigned(event.input);
+        writer.putSigned(event.output);
+        writer.putSigned(event.cache);
+        writer.putNumber(sessionIndex[event.session]);
+        if (!event.dedupeKey) {
+            writer.putNumber(kNoKey);
+        } else if (previousKey != nullptr && *previousKey == event.dedupeKey) {
+            writer.putNumber(kSameKey);
         } else {
-            writer.put(kNoKey);
+            writer.putNumber(kOwnKey + event.dedupeKey->size());
+            writer.out.append(*event.dedupeKey);
         }
+        previousKey = &event.dedupeKey;
     }
+    writer.put(checksum(std::string_view(writer.out).substr(start)));
 }
 
-// The events' texts point into the bytes `reader` reads, which `owner` keeps alive.
-bool decodeEntry(Reader& reader, const std::shared_ptr<const void>& owner, std::map<std::string, EventCache::Entry>& entries) {
-    std::string_view path;
-    EventCache::Entry entry;
+// One entry into `events`, room for at most `room` of them; advances `events` past those taken.
+// The events' texts point into the bytes `reader` reads.
+bool decodeEntry(Reader& reader, UsageEvent*& events, std::size_t& room, std::string_view& path,
+                 EventCache::Entry& entry, std::span<const UsageEvent>& taken) {
+    const std::size_t start = reader.position();
     double mtime = 0;
     double cutoff = 0;
     std::uint32_t sessionCount = 0;
@@ -132,43 +188,38 @@ bool decodeEntry(Reader& reader, const std::shared_ptr<const void>& owner, std::
         if (!reader.getText(session)) return false;
     }
     std::uint64_t eventCount = 0;
-    // Each event takes at least 40 bytes: a count beyond that is damage, not a reason to allocate.
-    if (!reader.get(eventCount) || eventCount > reader.remaining() / 40) return false;
-    std::vector<UsageEvent> events(static_cast<std::size_t>(eventCount));
-    for (UsageEvent& event : events) {
+    if (!reader.get(eventCount) || eventCount > room || eventCount > reader.remaining() / kSmallestEvent) return false;
+    const std::optional<std::string_view>* previousKey = nullptr;
+    for (std::uint64_t i = 0; i < eventCount; ++i) {
         double date = 0;
-        std::uint32_t session = 0;
-        std::uint32_t keyLength = 0;
-        if (!reader.get(date) || !reader.get(event.input) || !reader.get(event.output) || !reader.get(event.cache) ||
-            !reader.get(session) || session >= sessions.size() || !reader.get(keyLength)) {
+        std::uint64_t session = 0;
+        std::uint64_t key = 0;
+        // Fresh memory: each event's life starts here.
+        UsageEvent& event = *new (events + i) UsageEvent();
+        if (!reader.get(date) || !reader.getSigned(event.input) || !reader.getSigned(event.output) ||
+            !reader.getSigned(event.cache) || !reader.getNumber(session) || session >= sessions.size() ||
+            !reader.getNumber(key)) {
             return false;
         }
         event.date = moment(date);
         event.session = sessions[session];
-        if (keyLength != kNoKey && !reader.getBytes(keyLength, event.dedupeKey.emplace())) return false;
+        if (key == kSameKey) {
+            if (previousKey == nullptr || !*previousKey) return false;
+            event.dedupeKey = *previousKey;
+        } else if (key >= kOwnKey) {
+            if (!reader.getBytes(key - kOwnKey, event.dedupeKey.emplace())) return false;
+        } else if (key != kNoKey) {
+            return false;
+        }
+        previousKey = &event.dedupeKey;
     }
-    entry.events = LocalLogUsageProvider::makeList(std::move(events), owner);
-    entries[std::string(path)] = std::move(entry);
+    const std::size_t end = reader.position();
+    std::uint64_t sum = 0;
+    if (!reader.get(sum) || sum != checksum(reader.bytes().substr(start, end - start))) return false;
+    taken = std::span<const UsageEvent>(events, static_cast<std::size_t>(eventCount));
+    events += eventCount;
+    room -= static_cast<std::size_t>(eventCount);
     return true;
-}
-
-// Room for the whole file, which the loaded events point into, not filled with zeros first. A large
-// one is asked for in huge pages where the system has them: a cache of 15 MB otherwise costs a
-// page fault per 4 kB, more than its reading. A small one isn't: a huge page costs 2 MB of zeros.
-std::shared_ptr<char[]> bufferFor(std::size_t size) {
-#ifdef MADV_HUGEPAGE
-    constexpr std::size_t huge = 2 * 1024 * 1024;
-    if (size >= huge) {
-        const std::size_t length = (size + huge - 1) / huge * huge + huge;  // room to align the start
-        void* address = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (address == MAP_FAILED) return nullptr;
-        auto start = (reinterpret_cast<std::uintptr_t>(address) + huge - 1) / huge * huge;
-        ::madvise(reinterpret_cast<void*>(start), length - huge, MADV_HUGEPAGE);
-        return std::shared_ptr<char[]>(reinterpret_cast<char*>(start),
-                                       [address, length](char*) { ::munmap(address, length); });
-    }
-#endif
-    return std::make_shared_for_overwrite<char[]>(size);
 }
 
 // Creates the folder and missing parents, private to the user.
@@ -194,7 +245,9 @@ void load(const std::string& path, EventCache& cache) noexcept {
         if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::getuid()) return;
         const auto size = static_cast<std::size_t>(info.st_size);
         if (size < kHeaderSize) return;
-        std::shared_ptr<char[]> buffer = bufferFor(size);
+        // The loaded events point into it. Huge pages spare a fault per 4 kB, which would cost more
+        // than the reading.
+        std::shared_ptr<char[]> buffer = platform::largeZeroedMemory(size);
         if (!buffer) return;
         std::size_t filled = 0;
         while (filled < size) {
@@ -220,7 +273,7 @@ void load(const std::string& path, EventCache& cache) noexcept {
             return;
         }
         std::string_view payload = bytes.substr(kHeaderSize);
-        if (checksum(payload) != sum) return;
+        if (checksum(payload.substr(0, kCountsSize)) != sum) return;
         if (auto entries = decodePayload(payload, buffer)) cache.insert(*entries);
     } catch (...) {
         // Only allocation can fail here; the counts are then taken from the logs.
@@ -231,12 +284,33 @@ std::optional<std::map<std::string, EventCache::Entry>> decodePayload(std::strin
                                                                       const std::shared_ptr<const void>& owner) {
     Reader reader(payload);
     std::uint64_t count = 0;
-    if (!reader.get(count)) return std::nullopt;
+    std::uint64_t eventTotal = 0;
+    if (!reader.get(count) || !reader.get(eventTotal) || eventTotal > reader.remaining() / kSmallestEvent) {
+        return std::nullopt;
+    }
+    // Every list points into one block of events, which keeps the file's bytes alive in turn. The
+    // block is freed without destroying its events, which own nothing.
+    static_assert(std::is_trivially_destructible_v<UsageEvent>);
+    struct Block {
+        std::shared_ptr<const void> bytes;
+        std::shared_ptr<char[]> events;
+    };
+    auto block = std::make_shared<Block>(
+        Block{owner, platform::largeZeroedMemory(std::max<std::size_t>(1, eventTotal) * sizeof(UsageEvent))});
+    if (!block->events) return std::nullopt;
+    auto* events = reinterpret_cast<UsageEvent*>(block->events.get());
+    std::size_t room = static_cast<std::size_t>(eventTotal);
+
     std::map<std::string, EventCache::Entry> entries;
     for (std::uint64_t i = 0; i < count; ++i) {
-        if (!decodeEntry(reader, owner, entries)) return std::nullopt;
+        std::string_view path;
+        EventCache::Entry entry;
+        std::span<const UsageEvent> taken;
+        if (!decodeEntry(reader, events, room, path, entry, taken)) return std::nullopt;
+        entry.events = LocalLogUsageProvider::makeList(taken, block);
+        entries[std::string(path)] = std::move(entry);
     }
-    if (!reader.done()) return std::nullopt;
+    if (!reader.done() || room != 0) return std::nullopt;
     return entries;
 }
 
@@ -245,21 +319,25 @@ void save(const std::string& path, const EventCache& cache, Moment keepModifiedS
         std::map<std::string, EventCache::Entry> entries = cache.entries();
         Writer payload;
         std::uint64_t count = 0;
+        std::uint64_t eventTotal = 0;
         payload.put(count);
+        payload.put(eventTotal);
         for (const auto& [file, entry] : entries) {
             struct stat info {};
             if (entry.mtime < keepModifiedSince || ::stat(file.c_str(), &info) != 0) continue;
             encodeEntry(payload, file, entry);
             ++count;
+            eventTotal += entry.events ? entry.events->size() : 0;
         }
         std::memcpy(payload.out.data(), &count, sizeof count);
+        std::memcpy(payload.out.data() + sizeof count, &eventTotal, sizeof eventTotal);
 
         Writer file;
         file.out.append(kMagic, sizeof kMagic);
         file.put(formatVersion);
         file.put(kByteOrder);
         file.put(static_cast<std::uint64_t>(payload.out.size()));
-        file.put(checksum(payload.out));
+        file.put(checksum(std::string_view(payload.out).substr(0, kCountsSize)));
         file.out += payload.out;
 
         std::size_t slash = path.find_last_of('/');

@@ -17,7 +17,7 @@
 
 namespace veerline::UsageCacheFile {
 
-inline constexpr std::uint32_t formatVersion = 1;
+inline constexpr std::uint32_t formatVersion = 2;
 
 // "usage-cache.bin" in the platform's cache folder for Veerline.
 std::string location(const std::string& home, const Environment& environment);

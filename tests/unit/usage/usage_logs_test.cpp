@@ -206,8 +206,12 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
     }
 
     // A cache of several megabytes is read into memory of another kind; it must count the same.
+    // Every third answer comes in two parts, whose shared key the file stores once.
     std::string big;
-    for (int i = 0; i < 15000; ++i) big += claudeLine(50, std::string(100, 'm') + std::to_string(i), 1) + "\n";
+    for (int i = 0; i < 15000; ++i) {
+        std::string line = claudeLine(50, std::string(140, 'm') + std::to_string(i), 1) + "\n";
+        big += i % 3 == 0 ? line + line : line;
+    }
     writeFile(projects + "/p/big.jsonl", big);
     auto fresh = std::make_shared<Provider::EventCache>();
     const std::vector<std::int64_t> expected = counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, fresh);
@@ -220,7 +224,7 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
     auto logs = Provider::recentJSONL(projects, at(0));
     std::sort(logs.begin(), logs.end());
     EXPECT_EQ(logs, (std::vector<std::string>{file, projects + "/p/big.jsonl"}));
-    EXPECT_EQ(reloadedBig->events(projects + "/p/big.jsonl", at(0), Provider::parseClaudeFile)->size(), 15000u);
+    EXPECT_EQ(reloadedBig->events(projects + "/p/big.jsonl", at(0), Provider::parseClaudeFile)->size(), 20000u);
 }
 
 }  // namespace
