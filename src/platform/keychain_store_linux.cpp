@@ -2,10 +2,16 @@
 // libsecret. Items are addressed by two attributes, "service" and "account", as Keychain items
 // are by their service and account; new ones go into the default collection with the label
 // "Veerline". Only the `veerline` command and the tests link this file, never the resolver.
+//
+// libsecret, and GLib under it, are loaded when a secret is first asked for, not at start-up:
+// binding them cost every command, the status line included, a few milliseconds, and only the
+// `secret` and `login --api-key` commands use them. Their headers give each function's type.
 
+#include <dlfcn.h>
 #include <libsecret/secret.h>
 
 #include <memory>
+#include <mutex>
 
 #include "base/error.h"
 #include "secrets/secret_store.h"
@@ -13,6 +19,47 @@
 namespace veerline {
 
 namespace {
+
+VeerlineError notAvailable(const std::string& detail);
+
+// The functions used here, from libsecret and the GLib libraries it loads.
+struct Library {
+#define VEERLINE_SECRET_FUNCTIONS(X)                                                                       \
+    X(g_dbus_error_quark) X(g_error_free) X(g_error_matches) X(g_hash_table_insert) X(g_hash_table_new)     \
+    X(g_hash_table_unref) X(g_io_error_quark) X(g_list_append) X(g_list_free) X(g_list_free_full)           \
+    X(g_list_length) X(g_object_unref) X(g_str_equal) X(g_str_hash) X(secret_error_get_quark)               \
+    X(secret_item_delete_sync) X(secret_item_get_locked) X(secret_item_get_secret)                          \
+    X(secret_item_load_secret_sync) X(secret_item_set_secret_sync) X(secret_service_get_sync)               \
+    X(secret_service_search_sync) X(secret_service_store_sync) X(secret_service_unlock_sync)                \
+    X(secret_value_get) X(secret_value_new) X(secret_value_unref)
+#define VEERLINE_DECLARE(name) decltype(&::name) name = nullptr;
+    VEERLINE_SECRET_FUNCTIONS(VEERLINE_DECLARE)
+#undef VEERLINE_DECLARE
+};
+
+// libsecret's functions, loaded once; the library stays loaded for the rest of the process.
+const Library& lib() {
+    static std::once_flag once;
+    static Library library;
+    static std::string problem;
+    std::call_once(once, [] {
+        void* handle = ::dlopen("libsecret-1.so.0", RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) {
+            const char* reason = ::dlerror();
+            problem = "libsecret can't be loaded: " + std::string(reason != nullptr ? reason : "unknown reason");
+            return;
+        }
+        // A handle's look-ups reach the libraries it loaded: GLib's functions come with it.
+#define VEERLINE_LOAD(name)                                                                  \
+    library.name = reinterpret_cast<decltype(library.name)>(::dlsym(handle, #name));         \
+    if (library.name == nullptr && problem.empty()) problem = "libsecret lacks " #name;
+        VEERLINE_SECRET_FUNCTIONS(VEERLINE_LOAD)
+#undef VEERLINE_LOAD
+    });
+    if (!problem.empty()) throw notAvailable(problem);
+    return library;
+}
+#undef VEERLINE_SECRET_FUNCTIONS
 
 // Failures carry the Security framework status of the same meaning, so that callers can treat
 // both platforms alike; the message names the cause.
@@ -23,16 +70,16 @@ constexpr std::int32_t statusRefused = -128;         // errSecUserCanceled
 constexpr std::int32_t statusFailed = -26276;        // errSecInternalError
 
 struct GObjectUnref {
-    void operator()(gpointer object) const noexcept { g_object_unref(object); }
+    void operator()(gpointer object) const noexcept { lib().g_object_unref(object); }
 };
 struct HashTableUnref {
-    void operator()(GHashTable* table) const noexcept { g_hash_table_unref(table); }
+    void operator()(GHashTable* table) const noexcept { lib().g_hash_table_unref(table); }
 };
 struct ItemListFree {
-    void operator()(GList* list) const noexcept { g_list_free_full(list, g_object_unref); }
+    void operator()(GList* list) const noexcept { lib().g_list_free_full(list, lib().g_object_unref); }
 };
 struct ValueUnref {
-    void operator()(SecretValue* value) const noexcept { secret_value_unref(value); }
+    void operator()(SecretValue* value) const noexcept { lib().secret_value_unref(value); }
 };
 
 using ServicePtr = std::unique_ptr<SecretService, GObjectUnref>;
@@ -44,7 +91,7 @@ class ErrorSlot {
 public:
     ErrorSlot() = default;
     ~ErrorSlot() {
-        if (error_ != nullptr) g_error_free(error_);
+        if (error_ != nullptr) lib().g_error_free(error_);
     }
     ErrorSlot(const ErrorSlot&) = delete;
     ErrorSlot& operator=(const ErrorSlot&) = delete;
@@ -74,25 +121,26 @@ VeerlineError failure(const ErrorSlot& slot) {
     const GError* error = slot.get();
     std::string detail = error != nullptr && error->message != nullptr ? error->message : "unknown failure";
     if (error == nullptr) return VeerlineError::keychain(statusFailed, "The Secret Service failed: " + detail + ".");
-    if (error->domain == G_DBUS_ERROR &&
+    const Library& g = lib();
+    if (error->domain == g.g_dbus_error_quark() &&
         (error->code == G_DBUS_ERROR_SERVICE_UNKNOWN || error->code == G_DBUS_ERROR_NAME_HAS_NO_OWNER ||
          error->code == G_DBUS_ERROR_DISCONNECTED || error->code == G_DBUS_ERROR_NO_SERVER ||
          error->code == G_DBUS_ERROR_SPAWN_EXEC_FAILED || error->code == G_DBUS_ERROR_SPAWN_CHILD_EXITED ||
          error->code == G_DBUS_ERROR_SPAWN_FAILED || error->code == G_DBUS_ERROR_SPAWN_SERVICE_NOT_FOUND)) {
         return notAvailable(detail);
     }
-    if (g_error_matches(error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED)) return lockedCollection();
+    if (g.g_error_matches(error, g.secret_error_get_quark(), SECRET_ERROR_IS_LOCKED)) return lockedCollection();
     // A fresh keyring whose default collection was never created (its creation asks the user).
-    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT) ||
-        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD)) {
+    if (g.g_error_matches(error, g.g_dbus_error_quark(), G_DBUS_ERROR_UNKNOWN_OBJECT) ||
+        g.g_error_matches(error, g.g_dbus_error_quark(), G_DBUS_ERROR_UNKNOWN_METHOD)) {
         return VeerlineError::keychain(statusNoCollection,
                                        "The Secret Service has no default collection to keep secrets in (" + detail +
                                            "). Create one, for example a Login keyring in Passwords and Keys or a "
                                            "database in KeePassXC, and try again.");
     }
-    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED) ||
-        g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) ||
-        g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED)) {
+    if (g.g_error_matches(error, g.g_dbus_error_quark(), G_DBUS_ERROR_ACCESS_DENIED) ||
+        g.g_error_matches(error, g.g_io_error_quark(), G_IO_ERROR_CANCELLED) ||
+        g.g_error_matches(error, g.g_io_error_quark(), G_IO_ERROR_PERMISSION_DENIED)) {
         return VeerlineError::keychain(statusRefused, "The Secret Service refused access to your secrets (" + detail +
                                                           "): the request was turned down.");
     }
@@ -101,7 +149,7 @@ VeerlineError failure(const ErrorSlot& slot) {
 
 ServicePtr connect() {
     ErrorSlot error;
-    ServicePtr service(secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, error.out()));
+    ServicePtr service(lib().secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, error.out()));
     // Not reaching the service at all (no session bus, nothing answering on it) is one cause
     // for the user, whatever GLib calls it.
     if (!service) throw notAvailable(error ? error.get()->message : "no answer");
@@ -111,9 +159,10 @@ ServicePtr connect() {
 class Attributes {
 public:
     Attributes(const std::string& service, const std::string& account)
-        : table_(g_hash_table_new(g_str_hash, g_str_equal)) {
-        g_hash_table_insert(table_.get(), const_cast<char*>("service"), const_cast<char*>(service.c_str()));
-        g_hash_table_insert(table_.get(), const_cast<char*>("account"), const_cast<char*>(account.c_str()));
+        : table_(lib().g_hash_table_new(lib().g_str_hash, lib().g_str_equal)) {
+        const Library& g = lib();
+        g.g_hash_table_insert(table_.get(), const_cast<char*>("service"), const_cast<char*>(service.c_str()));
+        g.g_hash_table_insert(table_.get(), const_cast<char*>("account"), const_cast<char*>(account.c_str()));
     }
     GHashTable* get() const noexcept { return table_.get(); }
 
@@ -123,19 +172,22 @@ private:
 
 // Every item addressed by the attributes, unlocked; fails when one stays locked.
 ItemList unlockedItems(SecretService* service, const Attributes& attributes) {
+    const Library& g = lib();
     ErrorSlot error;
-    ItemList items(secret_service_search_sync(service, nullptr, attributes.get(), SECRET_SEARCH_ALL, nullptr,
-                                              error.out()));
+    ItemList items(g.secret_service_search_sync(service, nullptr, attributes.get(), SECRET_SEARCH_ALL, nullptr,
+                                                error.out()));
     if (error) throw failure(error);
     GList* locked = nullptr;
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
-        if (secret_item_get_locked(SECRET_ITEM(entry->data))) locked = g_list_append(locked, entry->data);
+        if (g.secret_item_get_locked(static_cast<SecretItem*>(entry->data))) {
+            locked = g.g_list_append(locked, entry->data);
+        }
     }
     if (locked == nullptr) return items;
     GList* unlocked = nullptr;
-    gint count = secret_service_unlock_sync(service, locked, nullptr, &unlocked, error.out());
-    guint wanted = g_list_length(locked);
-    g_list_free(locked);
+    gint count = g.secret_service_unlock_sync(service, locked, nullptr, &unlocked, error.out());
+    guint wanted = g.g_list_length(locked);
+    g.g_list_free(locked);
     ItemList unlockedOwner(unlocked);
     if (error) throw failure(error);
     // A prompt the user dismissed unlocks nothing and reports no error.
@@ -150,13 +202,13 @@ std::optional<std::string> KeychainStore::read(const std::string& service, const
     ServicePtr secretService = connect();
     ItemList items = unlockedItems(secretService.get(), Attributes(service, account));
     if (!items) return std::nullopt;
-    auto* item = SECRET_ITEM(items->data);
+    auto* item = static_cast<SecretItem*>(items->data);
     ErrorSlot error;
-    if (!secret_item_load_secret_sync(item, nullptr, error.out())) throw failure(error);
-    ValuePtr value(secret_item_get_secret(item));
+    if (!lib().secret_item_load_secret_sync(item, nullptr, error.out())) throw failure(error);
+    ValuePtr value(lib().secret_item_get_secret(item));
     if (!value) return std::nullopt;
     gsize length = 0;
-    const gchar* bytes = secret_value_get(value.get(), &length);
+    const gchar* bytes = lib().secret_value_get(value.get(), &length);
     return std::string(bytes, length);
 }
 
@@ -165,16 +217,17 @@ void KeychainStore::write(std::string_view secret, const std::string& service, c
     ServicePtr secretService = connect();
     Attributes attributes(service, account);
     ItemList items = unlockedItems(secretService.get(), attributes);
-    ValuePtr value(secret_value_new(secret.data(), static_cast<gssize>(secret.size()), "text/plain"));
+    ValuePtr value(lib().secret_value_new(secret.data(), static_cast<gssize>(secret.size()), "text/plain"));
     ErrorSlot error;
     // An existing item keeps its label and collection; only its secret changes.
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
-        if (!secret_item_set_secret_sync(SECRET_ITEM(entry->data), value.get(), nullptr, error.out())) {
+        auto* item = static_cast<SecretItem*>(entry->data);
+        if (!lib().secret_item_set_secret_sync(item, value.get(), nullptr, error.out())) {
             throw failure(error);
         }
     }
     if (items) return;
-    if (!secret_service_store_sync(secretService.get(), nullptr, attributes.get(), SECRET_COLLECTION_DEFAULT,
+    if (!lib().secret_service_store_sync(secretService.get(), nullptr, attributes.get(), SECRET_COLLECTION_DEFAULT,
                                    "Veerline", value.get(), nullptr, error.out())) {
         throw failure(error);
     }
@@ -186,7 +239,8 @@ void KeychainStore::remove(const std::string& service, const std::string& accoun
     ItemList items = unlockedItems(secretService.get(), Attributes(service, account));
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
         ErrorSlot error;
-        if (!secret_item_delete_sync(SECRET_ITEM(entry->data), nullptr, error.out())) throw failure(error);
+        auto* item = static_cast<SecretItem*>(entry->data);
+        if (!lib().secret_item_delete_sync(item, nullptr, error.out())) throw failure(error);
     }
 }
 
