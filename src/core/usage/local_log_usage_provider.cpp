@@ -165,9 +165,13 @@ public:
         mask_ = capacity - 1;
         keys_.reserve(most);
     }
-    // False when `key` was already there. `key` is kept by address: it must outlive the set.
-    bool insert(const std::string_view& key) {
-        const std::size_t hash = std::hash<std::string_view>{}(key);
+    static std::size_t hashOf(std::string_view key) { return std::hash<std::string_view>{}(key); }
+    // Starts fetching the slot where a look-up of `hash` begins. The table is megabytes large and
+    // looked up at random: a look-up waits on memory unless asked for well before.
+    void prefetch(std::size_t hash) const { __builtin_prefetch(slots_ + (hash & mask_)); }
+    // False when `key` (whose hashOf is `hash`) was already there. `key` is kept by address: it
+    // must outlive the set.
+    bool insert(const std::string_view& key, std::size_t hash) {
         const auto tag = static_cast<std::uint32_t>(hash >> 32);
         for (std::size_t at = hash & mask_;; at = (at + 1) & mask_) {
             Slot& slot = slots_[at];
@@ -200,8 +204,16 @@ std::vector<const UsageEvent*> merged(const std::vector<EventList>& lists, Momen
     for (const EventList& list : lists) total += list ? list->size() : 0;
     kept.reserve(total);
     SeenKeys seen(dedupe ? total : 0);
+    // A file's events that may count, and their keys' hashes: the table's slots for a whole file
+    // are asked for before the first look-up, so the look-ups find them on hand.
+    struct Candidate {
+        const UsageEvent* event;
+        std::size_t hash;  // for events with a key
+    };
+    std::vector<Candidate> candidates;
     for (const EventList& list : lists) {
         if (!list) continue;
+        candidates.clear();
         // A multi-part answer repeats its request on neighbouring lines. When the line before had
         // the same key and was counted or turned away, its key is in `seen` already: the table
         // needn't be asked.
@@ -211,18 +223,26 @@ std::vector<const UsageEvent*> merged(const std::vector<EventList>& lists, Momen
                 previousKey = nullptr;
                 continue;
             }
-            if (dedupe && event.dedupeKey) {
-                const std::string_view& key = *event.dedupeKey;
-                // Lists read from the cache file, and freshly parsed ones, share one stored text
-                // between neighbours with the same key.
-                bool repeat = previousKey != nullptr &&
-                              ((previousKey->data() == key.data() && previousKey->size() == key.size()) ||
-                               *previousKey == key);
-                previousKey = &key;
-                if (repeat || !seen.insert(key)) continue;
-            } else {
+            if (!dedupe || !event.dedupeKey) {
                 previousKey = nullptr;
+                candidates.push_back({&event, 0});
+                continue;
             }
+            const std::string_view& key = *event.dedupeKey;
+            // Lists read from the cache file, and freshly parsed ones, share one stored text
+            // between neighbours with the same key.
+            bool repeat = previousKey != nullptr &&
+                          ((previousKey->data() == key.data() && previousKey->size() == key.size()) ||
+                           *previousKey == key);
+            previousKey = &key;
+            if (repeat) continue;
+            std::size_t hash = SeenKeys::hashOf(key);
+            seen.prefetch(hash);
+            candidates.push_back({&event, hash});
+        }
+        for (const Candidate& candidate : candidates) {
+            const UsageEvent& event = *candidate.event;
+            if (dedupe && event.dedupeKey && !seen.insert(*event.dedupeKey, candidate.hash)) continue;
             kept.push_back(&event);
         }
     }
