@@ -153,6 +153,12 @@ std::vector<std::string> graphemeClusters(std::string_view text) {
 }
 
 std::size_t characterCount(std::string_view text) {
+    // Plain ASCII is one character a byte, but for a CR LF pair.
+    if (isASCII(text)) {
+        std::size_t pairs = 0;
+        for (std::size_t pos = text.find("\r\n"); pos != std::string_view::npos; pos = text.find("\r\n", pos + 2)) ++pairs;
+        return text.size() - pairs;
+    }
     // Counted without building the clusters: a name read from a file may be megabytes long.
     std::size_t count = 0;
     std::size_t pos = 0;

@@ -24,6 +24,10 @@ constexpr std::array<std::string_view, 18> kBlanks = {
     "\u2005", "\u2006", "\u2007", "\u2008", "\u2009", "\u200A", "\u202F", "\u205F", "\u3000"};
 
 std::string trimBlanks(std::string_view text) {
+    // Every blank starts with a space, a tab or a byte above ASCII and ends with one of those: text
+    // whose ends are other ASCII keeps them.
+    auto plain = [](char c) { return c != ' ' && c != '\t' && static_cast<unsigned char>(c) < 0x80; };
+    if (!text.empty() && plain(text.front()) && plain(text.back())) return std::string(text);
     bool changed = true;
     while (changed && !text.empty()) {
         changed = false;

@@ -22,7 +22,7 @@ public:
     bool number(std::int64_t value) { return skipping() || takeVersion(value); }
     // 1.0 would be the version 1, but the full decoder judges such rarities.
     bool otherNumber() { return skipping() || ignored(); }
-    bool string(std::string& value) { return skipping() || takeString(value); }
+    bool string(std::string_view value) { return skipping() || takeString(value); }
 
     bool startObject() {
         if (enterSkipped()) return true;
@@ -77,7 +77,7 @@ public:
         return false;
     }
 
-    bool key(std::string& text) {
+    bool key(std::string_view text) {
         if (skipDepth_ > 0) return true;
         Key key = keyNamed(text);
         unsigned& seen = place_ == Place::root ? rootSeen_ : item_.seen;
@@ -185,7 +185,7 @@ private:
         return true;
     }
 
-    bool takeString(std::string& value) {
+    bool takeString(std::string_view value) {
         if (place_ == Place::tools) {
             auto tool = toolkind::fromRawValue(value);
             if (!tool) return false;
@@ -196,12 +196,12 @@ private:
         pending_ = none;
         switch (key) {
             case unknown: return true;
-            case cliDefault: document_.cliDefault = ProfileID(std::move(value)); return true;
+            case cliDefault: document_.cliDefault = ProfileID(std::string(value)); return true;
             case id:
-            case profileID: item_.id = std::move(value); return true;
-            case name: item_.name = std::move(value); return true;
-            case badge: item_.badge = std::move(value); return true;
-            case path: item_.path = std::move(value); return true;
+            case profileID: item_.id = value; return true;
+            case name: item_.name = value; return true;
+            case badge: item_.badge = value; return true;
+            case path: item_.path = value; return true;
             case color:
                 if (auto parsed = profilecolor::fromRawValue(value)) return item_.color = *parsed, true;
                 return false;
@@ -260,7 +260,7 @@ private:
         switch (*at_) {
             case '{': return depth < maxDepth && object(depth + 1);
             case '[': return depth < maxDepth && array(depth + 1);
-            case '"': return string() && reader_.string(text_);
+            case '"': return string() && reader_.string(token_);
             case 't': return literal("true") && reader_.boolean(true);
             case 'f': return literal("false") && reader_.boolean(false);
             case 'n': return literal("null") && reader_.null();
@@ -274,7 +274,7 @@ private:
         if (take('}')) return reader_.endObject();
         do {
             skipBlanks();
-            if (at_ == end_ || *at_ != '"' || !string() || !reader_.key(text_) || !take(':') || !value(depth)) {
+            if (at_ == end_ || *at_ != '"' || !string() || !reader_.key(token_) || !take(':') || !value(depth)) {
                 return false;
             }
         } while (take(','));
@@ -364,10 +364,12 @@ private:
         return true;
     }
 
-    // A string's text into text_, its escapes undone; the opening quote is at at_.
+    // A string's text into token_, its escapes undone; the opening quote is at at_. Without escapes
+    // (nearly always) the token is the input's own bytes, copied only by whoever keeps it.
     bool string() {
         text_.clear();
         bool wide = false;
+        bool escaped = false;
         const char* run = ++at_;
         for (;;) {
             while (at_ < end_ && static_cast<unsigned char>(*at_) >= 0x20 && *at_ != '"' && *at_ != '\\') {
@@ -375,8 +377,17 @@ private:
                 ++at_;
             }
             if (at_ == end_ || static_cast<unsigned char>(*at_) < 0x20) return false;
+            if (*at_ == '"' && !escaped) {
+                token_ = std::string_view(run, static_cast<std::size_t>(at_ - run));
+                ++at_;
+                return !wide || unicode::isValidUTF8(token_);
+            }
+            escaped = true;
             text_.append(run, at_);
-            if (*at_++ == '"') return !wide || unicode::isValidUTF8(text_);
+            if (*at_++ == '"') {
+                token_ = text_;
+                return !wide || unicode::isValidUTF8(text_);
+            }
             if (at_ == end_) return false;
             switch (*at_++) {
                 case '"': text_ += '"'; break;
@@ -400,6 +411,7 @@ private:
     const char* end_;
     Reader& reader_;
     std::string text_;
+    std::string_view token_;
 };
 
 }  // namespace

@@ -505,13 +505,12 @@ std::optional<RuleResolver::Dotfile> RuleResolver::nearestDotfile(const std::vec
                 candidate.append(folder == "/" ? std::string_view() : folder).append(1, '/');
             }
             candidate += dotfileName;
-            struct stat info {};
-            if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
-                if (auto reference = readReference(candidate)) {
-                    std::string path(folder == "/" ? std::string_view() : folder);
-                    path.append(1, '/').append(dotfileName);
-                    return Dotfile{std::move(path), std::move(*reference), i >= firstReal};
-                }
+            // Opened straight away: a missing one costs the open what a stat would, and a present one
+            // is then not looked up twice. The read takes regular files only, as a stat would.
+            if (auto reference = readReference(candidate)) {
+                std::string path(folder == "/" ? std::string_view() : folder);
+                path.append(1, '/').append(dotfileName);
+                return Dotfile{std::move(path), std::move(*reference), i >= firstReal};
             }
             if (length <= 1) break;
             std::size_t slash = start.rfind('/', length - 1);

@@ -53,6 +53,8 @@ TEST(UnicodeTest, CaseClustersTrimmingAndRepair) {
     EXPECT_FALSE(unicode::equalIgnoringCase("work", "works"));
     EXPECT_EQ(unicode::graphemeClusters("e\u0301x🇫🇷"), (std::vector<std::string>{"e\u0301", "x", "🇫🇷"}));
     EXPECT_EQ(unicode::characterCount(""), 0u);
+    EXPECT_EQ(unicode::characterCount("a\r\nb\r"), 4u);  // CR LF is one character, in ASCII text too
+    EXPECT_EQ(unicode::characterCount("e\u0301x\r\n"), 3u);
     EXPECT_FALSE(unicode::isValidUTF8("\xc3"));
     EXPECT_TRUE(unicode::isLetterOrNumber(U'é') && unicode::isLetterOrNumber(U'٣'));
     EXPECT_FALSE(unicode::isLetterOrNumber(U'-'));

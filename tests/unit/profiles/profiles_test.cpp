@@ -101,6 +101,7 @@ TEST(ProfileDocumentTest, ChecksInTheOrderUsersMeetThem) {
          "\u201C" + std::string(41, 'n') + "\u201D is too long. Use 40 characters or fewer."},
         {{makeProfile("w", accented)}, {}, {}, "passed"},
         {{w, makeProfile("h", " work ")}, {}, {}, "There's already a profile called \u201Cwork\u201D."},
+        {{w, makeProfile("h", "\u00A0Work\u205F")}, {}, {}, "There's already a profile called \u201CWork\u201D."},
         {{w, w}, {}, {}, "Two profiles share the id \u201Cw\u201D."},
         // The second system profile is only reported once every profile passed its own checks.
         {{makeProfile("a", "A", system), makeProfile("b", "B", system), makeProfile("c", "")}, {}, {},
