@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -16,13 +15,13 @@
 #include <thread>
 #include <unordered_set>
 
-#include <nlohmann/json.hpp>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
 #include "base/file_io.h"
+#include "usage/codex_line_reader.h"
 #include "platform/platform.h"
 #include "usage/text_arena.h"
 
@@ -320,25 +319,6 @@ std::int64_t wrappingSum(std::int64_t a, std::int64_t b) noexcept {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
 
-// A Codex figure as an integer, fractions truncated toward zero; 0 when missing or not a number.
-std::int64_t codexFigure(const nlohmann::json& usage, const char* key) {
-    auto found = usage.find(key);
-    if (found == usage.end()) return 0;
-    if (found->is_number_integer()) {
-        if (found->is_number_unsigned() &&
-            found->get<std::uint64_t>() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-            return std::numeric_limits<std::int64_t>::max();
-        }
-        return found->get<std::int64_t>();
-    }
-    if (found->is_number_float()) {
-        double value = std::trunc(found->get<double>());
-        if (!(value >= -9223372036854775808.0 && value < 9223372036854775808.0)) return 0;
-        return static_cast<std::int64_t>(value);
-    }
-    return 0;
-}
-
 bool twoDigits(std::string_view text, std::size_t at, int& value) {
     if (at + 2 > text.size()) return false;
     char a = text[at];
@@ -592,25 +572,13 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::parseCodexFile(const std
     auto text = std::make_shared<TextArena>();
     const std::string_view session = text->store(path);
     forEachLine(path, "\"token_count\"", [&](std::string_view line) {
-        nlohmann::json object = nlohmann::json::parse(line, nullptr, false);
-        if (!object.is_object()) return;
-        auto type = object.find("type");
-        if (type == object.end() || *type != "event_msg") return;
-        auto payload = object.find("payload");
-        if (payload == object.end() || !payload->is_object()) return;
-        auto payloadType = payload->find("type");
-        if (payloadType == payload->end() || *payloadType != "token_count") return;
-        auto info = payload->find("info");
-        if (info == payload->end() || !info->is_object()) return;
-        auto usage = info->find("last_token_usage");
-        if (usage == info->end() || !usage->is_object()) return;
-        auto timestamp = object.find("timestamp");
-        if (timestamp == object.end() || !timestamp->is_string()) return;
-        auto date = parseDate(timestamp->get_ref<const std::string&>());
+        std::optional<CodexTokenCount> count = readCodexTokenCount(line);
+        if (!count) return;
+        auto date = parseDate(count->timestamp);
         if (!date || *date < since) return;
 
-        std::int64_t input = codexFigure(*usage, "input_tokens");
-        std::int64_t cached = codexFigure(*usage, "cached_input_tokens");
+        std::int64_t input = count->input;
+        std::int64_t cached = count->cachedInput;
         UsageEvent event;
         event.date = *date;
         event.session = session;
@@ -618,8 +586,8 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::parseCodexFile(const std
         // than input, which must not make the remainder negative.
         event.input = std::max<std::int64_t>(0, static_cast<std::int64_t>(static_cast<std::uint64_t>(input) -
                                                                          static_cast<std::uint64_t>(cached)));
-        event.output = codexFigure(*usage, "output_tokens");
-        event.cache = wrappingSum(cached, codexFigure(*usage, "cache_write_input_tokens"));
+        event.output = count->output;
+        event.cache = wrappingSum(cached, count->cacheWriteInput);
         events.push_back(event);
     });
     return makeList(std::move(events), std::move(text));
