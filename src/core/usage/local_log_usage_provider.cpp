@@ -95,14 +95,21 @@ void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& f
     while (struct dirent* entry = ::readdir(directory)) {
         std::string_view name(entry->d_name);
         if (name.empty() || name.front() == '.') continue;
-        struct stat info {};
         // Links are reported as links, not followed, like the platform enumerator does by default.
+        // The listing already tells folders, links and other files apart on most file systems: only
+        // logs are then asked for their size and date.
+        const bool log = name.size() > 6 && name.ends_with(".jsonl");
+        if (entry->d_type == DT_DIR) {
+            listRecent(folder + "/" + std::string(name), since, found);
+            continue;
+        }
+        if (entry->d_type != DT_UNKNOWN && (entry->d_type != DT_REG || !log)) continue;
+        struct stat info {};
         if (::fstatat(folderFD, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
         std::string path = folder + "/" + std::string(name);
         if (S_ISDIR(info.st_mode)) {
             listRecent(path, since, found);
-        } else if (S_ISREG(info.st_mode) && name.size() > 6 && name.ends_with(".jsonl") &&
-                   momentOf(modificationTime(info)) >= since) {
+        } else if (S_ISREG(info.st_mode) && log && momentOf(modificationTime(info)) >= since) {
             found.push_back(LogFile{std::move(path), static_cast<std::int64_t>(info.st_size),
                                     momentOf(modificationTime(info))});
         }
@@ -330,6 +337,12 @@ bool twoDigits(std::string_view text, std::size_t at, int& value) {
 
 }  // namespace
 
+Moment LocalLogUsageProvider::earliestDate(std::span<const UsageEvent> events) noexcept {
+    Moment earliest = Moment::max();
+    for (const UsageEvent& event : events) earliest = std::min(earliest, event.date);
+    return earliest;
+}
+
 LocalLogUsageProvider::EventList LocalLogUsageProvider::makeList(std::vector<UsageEvent> events,
                                                                 std::shared_ptr<const void> text) {
     struct Owner {
@@ -369,9 +382,11 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const
                                                                           const Parse& parse) {
     if (EventList found = cached(path, size, mtime, cutoff)) return found;
     EventList parsed = parse(path, cutoff);
+    std::optional<Moment> earliest;
+    if (parsed) earliest = earliestDate(*parsed);
     {
         std::lock_guard guard(lock_);
-        entries_[path] = Entry{size, mtime, cutoff, parsed};
+        entries_[path] = Entry{size, mtime, cutoff, parsed, earliest};
         ++generation_;
     }
     return parsed;
@@ -380,18 +395,19 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const
 LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::cached(const std::string& path, std::int64_t size,
                                                                           Moment mtime, Moment cutoff) const {
     EventList cached;
+    std::optional<Moment> earliest;
     {
         std::lock_guard guard(lock_);
         auto found = entries_.find(path);
         if (found != entries_.end() && found->second.size == size && found->second.mtime == mtime &&
             found->second.cutoff <= cutoff) {
             cached = found->second.events;
+            earliest = found->second.earliest;
         }
     }
     if (cached) {
-        bool allRecent = std::all_of(cached->begin(), cached->end(),
-                                     [&](const UsageEvent& event) { return event.date >= cutoff; });
-        if (allRecent) return cached;
+        if (!earliest) earliest = earliestDate(*cached);
+        if (*earliest >= cutoff) return cached;
         std::vector<UsageEvent> recent;
         for (const UsageEvent& event : *cached) {
             if (event.date >= cutoff) recent.push_back(event);

@@ -44,6 +44,8 @@ public:
     static EventList makeList(std::vector<UsageEvent> events, std::shared_ptr<const void> text);
     // A list of `events`, which `owner` keeps alive together with their texts.
     static EventList makeList(std::span<const UsageEvent> events, std::shared_ptr<const void> owner);
+    // The earliest date among `events`; the latest representable moment when there are none.
+    static Moment earliestDate(std::span<const UsageEvent> events) noexcept;
 
     // Parsed events per log file, shared by every copy of the provider so that repeated queries
     // re-read only the files that changed. Thread-safe; the lock is never held while a file is
@@ -55,6 +57,9 @@ public:
             Moment mtime;
             Moment cutoff;           // the events hold everything from here on
             EventList events;
+            // The earliest event's date, when known: it tells at once whether a later cutoff
+            // leaves every event in.
+            std::optional<Moment> earliest;
         };
         using Parse = std::function<EventList(const std::string& path, Moment cutoff)>;
 

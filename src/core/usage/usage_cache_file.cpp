@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -190,6 +191,7 @@ bool decodeEntry(Reader& reader, UsageEvent*& events, std::size_t& room, std::st
     std::uint64_t eventCount = 0;
     if (!reader.get(eventCount) || eventCount > room || eventCount > reader.remaining() / kSmallestEvent) return false;
     const std::optional<std::string_view>* previousKey = nullptr;
+    Moment earliest = Moment::max();
     for (std::uint64_t i = 0; i < eventCount; ++i) {
         double date = 0;
         std::uint64_t session = 0;
@@ -198,10 +200,11 @@ bool decodeEntry(Reader& reader, UsageEvent*& events, std::size_t& room, std::st
         UsageEvent& event = *new (events + i) UsageEvent();
         if (!reader.get(date) || !reader.getSigned(event.input) || !reader.getSigned(event.output) ||
             !reader.getSigned(event.cache) || !reader.getNumber(session) || session >= sessions.size() ||
-            !reader.getNumber(key)) {
+            !reader.getNumber(key) || !std::isfinite(date)) {
             return false;
         }
         event.date = moment(date);
+        earliest = std::min(earliest, event.date);
         event.session = sessions[session];
         if (key == kSameKey) {
             if (previousKey == nullptr || !*previousKey) return false;
@@ -216,6 +219,7 @@ bool decodeEntry(Reader& reader, UsageEvent*& events, std::size_t& room, std::st
     const std::size_t end = reader.position();
     std::uint64_t sum = 0;
     if (!reader.get(sum) || sum != checksum(reader.bytes().substr(start, end - start))) return false;
+    entry.earliest = earliest;
     taken = std::span<const UsageEvent>(events, static_cast<std::size_t>(eventCount));
     events += eventCount;
     room -= static_cast<std::size_t>(eventCount);
