@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -145,6 +146,10 @@ TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges)
     writeFile(projects + "/q/b.jsonl", claudeLine(50, "m1", 10) + "\n" + claudeLine(50, "", 1, "") + "\n");
     writeFile(projects + "/q/.hidden.jsonl", claudeLine(5, "h", 100000) + "\n");
     writeFile(projects + "/q/c.json", claudeLine(5, "c", 100000) + "\n");
+    // Links are not followed, whether to a log or to a folder of them.
+    writeFile(home / "elsewhere/d.jsonl", claudeLine(5, "d", 100000) + "\n");
+    ASSERT_EQ(::symlink((home / "elsewhere/d.jsonl").c_str(), (projects + "/q/link.jsonl").c_str()), 0);
+    ASSERT_EQ(::symlink((home / "elsewhere").c_str(), (projects + "/linked").c_str()), 0);
     // m1 once, both id-less lines, m2 at the edge of the hour (under its file, a second session
     // with no sessionId), m3 a second too old for it; m4 lies in the future; the other file's
     // id-less line is a third session.
