@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <initializer_list>
 #include <iostream>
+#include <string_view>
 
 #include "cli/cli.h"
 #include "cli/output.h"
@@ -131,16 +133,34 @@ int runCommand(int argc, char** argv) {
         return usageErrorReport(*failed, error.what(), words);
     });
 
+    // Building the whole tree of commands and options cost more than a million instructions, more
+    // than a status line's whole count. A command named first needs only its own group; help, usage
+    // errors about the command word and completion get every group.
+    using AddCommands = void (*)(CLI::App&, const Context&, Action&);
+    struct Group {
+        std::initializer_list<std::string_view> words;
+        AddCommands add;
+    };
+    static const Group groups[] = {
+        {{"profile"}, addProfileCommands},
+        {{"rule", "default", "which"}, addRuleCommands},
+        {{"env", "run", "login"}, addRunCommands},
+        {{"shell", "prompt"}, addShellCommands},
+        {{}, addCompletionCommands},
+        {{"doctor"}, addDoctorCommands},
+        {{"secret"}, addSecretCommands},
+        {{"usage", "status", "statusline"}, addUsageCommands},
+        {{"share"}, addShareCommands},
+    };
+    const std::string_view first = words.empty() ? std::string_view() : std::string_view(words.front());
+    const Group* only = nullptr;
+    for (const Group& group : groups) {
+        if (std::find(group.words.begin(), group.words.end(), first) != group.words.end()) only = &group;
+    }
     Action chosen;
-    addProfileCommands(app, context, chosen);
-    addRuleCommands(app, context, chosen);
-    addRunCommands(app, context, chosen);
-    addShellCommands(app, context, chosen);
-    addCompletionCommands(app, context, chosen);
-    addDoctorCommands(app, context, chosen);
-    addSecretCommands(app, context, chosen);
-    addUsageCommands(app, context, chosen);
-    addShareCommands(app, context, chosen);
+    for (const Group& group : groups) {
+        if (only == nullptr || only == &group) group.add(app, context, chosen);
+    }
     // Set after the commands are added, which would otherwise inherit it.
     app.footer("Run `veerline COMMAND --help` for the options of a command.");
 

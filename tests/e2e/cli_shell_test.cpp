@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <random>
+#include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -164,6 +165,22 @@ TEST_F(CliShellTest, VersionHelpAndUsageErrors) {
                                  : has(exitCode ? result.err : result.out, text));
     }
     EXPECT_FALSE(exists(home + "/Library")) << "nothing is created by commands that didn't run";
+
+    // A command named first is parsed with only its own group of commands built: each one listed
+    // must still be found that way.
+    std::istringstream listed(cli({"--help"}).out);
+    int commands = 0;
+    bool inList = false;
+    for (std::string line; std::getline(listed, line);) {
+        if (line == "Subcommands:") inList = true;
+        if (!inList || !line.starts_with("  ")) continue;
+        const std::string word = line.substr(2, line.find(' ', 2) - 2);
+        RunResult help = cli({word, "--help"});
+        EXPECT_EQ(help.exitCode, 0) << word;
+        EXPECT_TRUE(has(help.out, "Usage: veerline " + word + " ")) << word << ": " << help.out << help.err;
+        ++commands;
+    }
+    EXPECT_EQ(commands, 16);
 }
 
 TEST_F(CliShellTest, LinkToNothingComesBackBackupsStayPrivateAndLeftOversAreSweptUp) {
