@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
-#include <initializer_list>
 #include <iostream>
 #include <string_view>
 
@@ -138,7 +138,7 @@ int runCommand(int argc, char** argv) {
     // errors about the command word and completion get every group.
     using AddCommands = void (*)(CLI::App&, const Context&, Action&);
     struct Group {
-        std::initializer_list<std::string_view> words;
+        std::array<std::string_view, 3> words;  // unused places empty
         AddCommands add;
     };
     static const Group groups[] = {
@@ -155,7 +155,9 @@ int runCommand(int argc, char** argv) {
     const std::string_view first = words.empty() ? std::string_view() : std::string_view(words.front());
     const Group* only = nullptr;
     for (const Group& group : groups) {
-        if (std::find(group.words.begin(), group.words.end(), first) != group.words.end()) only = &group;
+        if (!first.empty() && std::find(group.words.begin(), group.words.end(), first) != group.words.end()) {
+            only = &group;
+        }
     }
     Action chosen;
     for (const Group& group : groups) {
