@@ -23,6 +23,8 @@ codex_files=$work/codex-files
 find "$HOME/.claude/projects" -name '*.jsonl' > "$claude_files"
 find "$HOME/.codex/sessions" -name '*.jsonl' > "$codex_files"
 bytes=$(cat "$claude_files" "$codex_files" | xargs cat | wc -c)
+# Written out first: a gigabyte still being written back to disk slowed whichever runs it overlapped.
+sync
 # Into the page cache, so that every run reads memory.
 cat "$claude_files" "$codex_files" | xargs cat > /dev/null
 
