@@ -20,8 +20,6 @@ namespace veerline {
 
 namespace {
 
-VeerlineError notAvailable(const std::string& detail);
-
 // The functions used here, from libsecret and the GLib libraries it loads.
 struct Library {
 #define VEERLINE_SECRET_FUNCTIONS(X)                                                                       \
@@ -46,17 +44,21 @@ const Library& lib() {
         void* handle = ::dlopen("libsecret-1.so.0", RTLD_NOW | RTLD_LOCAL);
         if (handle == nullptr) {
             const char* reason = ::dlerror();
-            problem = "libsecret can't be loaded: " + std::string(reason != nullptr ? reason : "unknown reason");
+            problem = "couldn't be loaded (" + std::string(reason != nullptr ? reason : "unknown reason") + ")";
             return;
         }
         // A handle's look-ups reach the libraries it loaded: GLib's functions come with it.
 #define VEERLINE_LOAD(name)                                                                  \
     library.name = reinterpret_cast<decltype(library.name)>(::dlsym(handle, #name));         \
-    if (library.name == nullptr && problem.empty()) problem = "libsecret lacks " #name;
+    if (library.name == nullptr && problem.empty()) problem = "lacks " #name;
         VEERLINE_SECRET_FUNCTIONS(VEERLINE_LOAD)
 #undef VEERLINE_LOAD
     });
-    if (!problem.empty()) throw notAvailable(problem);
+    if (!problem.empty()) {
+        throw VeerlineError::keychain(KeychainStore::notAvailableStatus,
+                                      "Veerline keeps secrets through libsecret, which " + problem +
+                                          ". Install libsecret (libsecret-1-0 on Debian and Ubuntu) and try again.");
+    }
     return library;
 }
 #undef VEERLINE_SECRET_FUNCTIONS

@@ -7,7 +7,7 @@ fail() { echo "secret_service.sh: FAILED: $*" >&2; exit 1; }
 expect_eq() { [ "$2" = "$3" ] || fail "$1: expected [$2], got [$3]"; }  # description, expected, actual
 v() {  # veerline with HOME, a plain PATH and the bus only; sets $status and $out, standard error in $tmp/err
     status=0
-    env -i HOME="$h" PATH=/usr/bin:/bin XDG_RUNTIME_DIR="$runtime" \
+    env -i HOME="$h" PATH=/usr/bin:/bin XDG_RUNTIME_DIR="$runtime" ${libs:+LD_LIBRARY_PATH="$libs"} \
         ${DBUS_SESSION_BUS_ADDRESS:+DBUS_SESSION_BUS_ADDRESS="$DBUS_SESSION_BUS_ADDRESS"} \
         "$VEERLINE_BUILD_DIR/veerline" "$@" >"$tmp/out" 2>"$tmp/err" <"${input:-/dev/null}" || status=$?
     out=$(cat "$tmp/out")
@@ -42,6 +42,11 @@ start)
         expect_failure "No Secret Service is running" with_input "sk-none" v $command  # split into words on purpose
     done
     expect_eq "files after failed secret commands" "$before" "$(listing)"
+    # libsecret is loaded only when a key is asked for: one without its functions fails those
+    # commands alone, with a message that says what to install.
+    libs="$VEERLINE_BUILD_DIR/fake-libsecret" expect_failure "Install libsecret" v secret get Work claude
+    libs="$VEERLINE_BUILD_DIR/fake-libsecret" v profile list
+    expect_eq "profile list beside a libsecret without its functions" "0" "$status"
 
     for next in fresh unlocked; do  # a bus per stage; what it starts on demand inherits this environment and HOME
         mkdir -p "$tmp/home-$next" "$tmp/runtime-$next"

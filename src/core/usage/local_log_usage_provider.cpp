@@ -15,14 +15,13 @@
 #include <thread>
 #include <unordered_set>
 
-
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
 #include "base/file_io.h"
-#include "usage/codex_line_reader.h"
 #include "platform/platform.h"
+#include "usage/codex_line_reader.h"
 #include "usage/text_arena.h"
 
 namespace veerline {
