@@ -2,10 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
-#include <set>
 #include <utility>
 
 #include "base/error.h"
@@ -237,10 +237,41 @@ std::vector<FolderRule> ProfileDocument::rulesFor(const ProfileID& id) const {
     return result;
 }
 
+namespace {
+
+// The position of the first key equal to an earlier one, or npos: where a set filled in order
+// would first refuse an insertion. Sorting views costs a fraction of a set's node per key.
+std::size_t firstRepeat(const std::vector<std::string_view>& keys) {
+    std::vector<std::pair<std::string_view, std::size_t>> sorted;
+    sorted.reserve(keys.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) sorted.emplace_back(keys[i], i);
+    std::sort(sorted.begin(), sorted.end());
+    std::size_t first = std::string_view::npos;
+    for (std::size_t i = 1; i < sorted.size(); ++i) {
+        if (sorted[i].first == sorted[i - 1].first) first = std::min(first, sorted[i].second);
+    }
+    return first;
+}
+
+}  // namespace
+
 void ProfileDocument::validate() const {
-    std::set<ProfileID> ids;
-    std::set<std::string> names;
+    // Duplicates are found up front, and reported where checking the profiles and rules in order
+    // first meets them.
+    std::vector<std::string_view> idViews;
+    std::vector<std::string> nameKeys;
+    idViews.reserve(profiles.size());
+    nameKeys.reserve(profiles.size());
     for (const Profile& candidate : profiles) {
+        idViews.emplace_back(candidate.id.rawValue);
+        // The key of the look-up by name, so that every name saved can be found again.
+        nameKeys.push_back(unicode::caseInsensitiveKey(trimBlanks(candidate.name)));
+    }
+    const std::size_t repeatedID = firstRepeat(idViews);
+    const std::size_t repeatedName = firstRepeat({nameKeys.begin(), nameKeys.end()});
+
+    for (std::size_t i = 0; i < profiles.size(); ++i) {
+        const Profile& candidate = profiles[i];
         if (!candidate.id.isValid()) {
             throw VeerlineError::invalidProfile(curlyQuoted(candidate.id.rawValue) +
                                                 " isn't a valid profile id.");
@@ -257,12 +288,11 @@ void ProfileDocument::validate() const {
             throw VeerlineError::invalidProfile(curlyQuoted(name) +
                                                 " is too long. Use 40 characters or fewer.");
         }
-        if (!ids.insert(candidate.id).second) {
+        if (i == repeatedID) {
             throw VeerlineError::invalidProfile("Two profiles share the id " +
                                                 curlyQuoted(candidate.id.rawValue) + ".");
         }
-        // The key of the look-up by name, so that every name saved can be found again.
-        if (!names.insert(unicode::caseInsensitiveKey(name)).second) {
+        if (i == repeatedName) {
             throw VeerlineError::invalidProfile("There's already a profile called " + curlyQuoted(name) + ".");
         }
     }
@@ -275,23 +305,29 @@ void ProfileDocument::validate() const {
         throw VeerlineError::invalidProfile("Only one profile can use the tools' default setup.");
     }
 
-    std::set<std::string> folders;
-    for (const FolderRule& rule : rules) {
-        if (!ids.contains(rule.profileID)) {
+    std::sort(idViews.begin(), idViews.end());
+    auto known = [&](const ProfileID& id) { return std::binary_search(idViews.begin(), idViews.end(), id.rawValue); };
+    std::vector<std::string> folderKeys;
+    folderKeys.reserve(rules.size());
+    for (const FolderRule& rule : rules) folderKeys.push_back(rule.id());
+    const std::size_t repeatedFolder = firstRepeat({folderKeys.begin(), folderKeys.end()});
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        const FolderRule& rule = rules[i];
+        if (!known(rule.profileID)) {
             throw VeerlineError::invalidRule("The rule for " + rule.path +
                                              " points at a profile that doesn't exist.");
         }
-        std::string folder = rule.folderPath();
+        std::string_view folder = rule.folderView();
         if (!folder.starts_with("/") && !folder.starts_with("~")) {
             throw VeerlineError::invalidRule(curlyQuoted(rule.path) +
                                              " isn't a full path. Start it with / or ~.");
         }
-        if (!folders.insert(rule.id()).second) {
-            throw VeerlineError::invalidRule("There's already a rule for " + folder + ".");
+        if (i == repeatedFolder) {
+            throw VeerlineError::invalidRule("There's already a rule for " + std::string(folder) + ".");
         }
     }
 
-    if (cliDefault && !ids.contains(*cliDefault)) {
+    if (cliDefault && !known(*cliDefault)) {
         throw VeerlineError::invalidProfile(
             "The terminal default points at a profile that doesn't exist.");
     }

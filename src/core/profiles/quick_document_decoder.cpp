@@ -1,6 +1,8 @@
 #include "profiles/quick_document_decoder.h"
 
+#include <bit>
 #include <charconv>
+#include <cstring>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -125,26 +127,32 @@ private:
         std::string path;
     };
 
+    // By length first: every key is then one comparison of a known size.
     Key keyNamed(std::string_view text) const {
+        auto is = [&](std::string_view word) { return std::memcmp(text.data(), word.data(), word.size()) == 0; };
         switch (place_) {
             case Place::root:
-                if (text == "version") return version;
-                if (text == "profiles") return profiles;
-                if (text == "rules") return rules;
-                if (text == "cliDefault") return cliDefault;
-                return unknown;
+                switch (text.size()) {
+                    case 5: return is("rules") ? rules : unknown;
+                    case 7: return is("version") ? version : unknown;
+                    case 8: return is("profiles") ? profiles : unknown;
+                    case 10: return is("cliDefault") ? cliDefault : unknown;
+                    default: return unknown;
+                }
             case Place::profile:
-                if (text == "id") return id;
-                if (text == "name") return name;
-                if (text == "color") return color;
-                if (text == "badge") return badge;
-                if (text == "tools") return tools;
-                if (text == "storage") return storage;
-                return unknown;
+                switch (text.size()) {
+                    case 2: return is("id") ? id : unknown;
+                    case 4: return is("name") ? name : unknown;
+                    case 5: return is("color") ? color : is("badge") ? badge : is("tools") ? tools : unknown;
+                    case 7: return is("storage") ? storage : unknown;
+                    default: return unknown;
+                }
             case Place::rule:
-                if (text == "path") return path;
-                if (text == "profileID") return profileID;
-                return unknown;
+                switch (text.size()) {
+                    case 4: return is("path") ? path : unknown;
+                    case 9: return is("profileID") ? profileID : unknown;
+                    default: return unknown;
+                }
             default:
                 return unknown;
         }
@@ -242,8 +250,66 @@ public:
 private:
     static constexpr int maxDepth = 64;
 
+    static bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+
+    // The file is indented: spaces are passed eight at a time, the first other byte found from
+    // the lowest set bit (bytes load in text order on little-endian machines).
     void skipBlanks() {
-        while (at_ < end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t')) ++at_;
+        for (;;) {
+            if (littleEndian && end_ - at_ >= 8) {
+                std::uint64_t others = load(at_) ^ repeated(' ');
+                if (others == 0) {
+                    at_ += 8;
+                    continue;
+                }
+                at_ += std::countr_zero(others) >> 3;
+            }
+            if (at_ == end_ || !isBlank(*at_)) return;
+            ++at_;
+        }
+    }
+
+    static constexpr bool littleEndian = std::endian::native == std::endian::little;
+
+    static std::uint64_t load(const char* at) {
+        std::uint64_t word = 0;
+        std::memcpy(&word, at, 8);
+        return word;
+    }
+    static constexpr std::uint64_t repeated(unsigned char c) { return 0x0101010101010101ull * c; }
+
+    // The high bit of each byte that is a quote, a backslash, a control character or not ASCII,
+    // exact up to the first such byte (later ones may be marked falsely).
+    static std::uint64_t specialBytes(std::uint64_t word) {
+        constexpr std::uint64_t high = repeated(0x80);
+        auto below = [](std::uint64_t x, unsigned char n) { return (x - repeated(n)) & ~x & high; };
+        return below(word ^ repeated('"'), 1) | below(word ^ repeated('\\'), 1) | below(word, 0x20) | (word & high);
+    }
+
+    static bool isSpecial(char c) {
+        auto byte = static_cast<unsigned char>(c);
+        return byte == '"' || byte == '\\' || byte < 0x20 || byte >= 0x80;
+    }
+
+    // Moves to the end of the string's plain run: a quote, a backslash, a control character or the
+    // end of the text. Bytes above ASCII are part of the run and make it `wide`.
+    void skipPlain(bool& wide) {
+        for (;;) {
+            if (littleEndian && end_ - at_ >= 8) {
+                std::uint64_t special = specialBytes(load(at_));
+                if (special == 0) {
+                    at_ += 8;
+                    continue;
+                }
+                at_ += std::countr_zero(special) >> 3;
+            } else if (at_ < end_ && !isSpecial(*at_)) {
+                ++at_;
+                continue;
+            }
+            if (at_ == end_ || static_cast<unsigned char>(*at_) < 0x80) return;
+            wide = true;
+            ++at_;
+        }
     }
 
     // Skips blanks, then takes `c` if it comes next.
@@ -372,10 +438,7 @@ private:
         bool escaped = false;
         const char* run = ++at_;
         for (;;) {
-            while (at_ < end_ && static_cast<unsigned char>(*at_) >= 0x20 && *at_ != '"' && *at_ != '\\') {
-                wide |= static_cast<unsigned char>(*at_) >= 0x80;
-                ++at_;
-            }
+            skipPlain(wide);
             if (at_ == end_ || static_cast<unsigned char>(*at_) < 0x20) return false;
             if (*at_ == '"' && !escaped) {
                 token_ = std::string_view(run, static_cast<std::size_t>(at_ - run));

@@ -103,6 +103,16 @@ TEST(ProfileDocumentTest, ChecksInTheOrderUsersMeetThem) {
         {{w, makeProfile("h", " work ")}, {}, {}, "There's already a profile called \u201Cwork\u201D."},
         {{w, makeProfile("h", "\u00A0Work\u205F")}, {}, {}, "There's already a profile called \u201CWork\u201D."},
         {{w, w}, {}, {}, "Two profiles share the id \u201Cw\u201D."},
+        // Several problems: the first profile or rule in order that has one is reported, and within
+        // it the id before the name.
+        {{w, makeProfile("w", "WORK"), makeProfile("x", "")}, {}, {}, "Two profiles share the id \u201Cw\u201D."},
+        {{w, makeProfile("x", "")}, {}, {}, "Profile names can't be empty."},
+        {{w, p, makeProfile("x", "work"), makeProfile("p", "Other")}, {}, {},
+         "There's already a profile called \u201Cwork\u201D."},
+        {{w, p}, {{"~/b", ProfileID("w")}, {"~/a", ProfileID("p")}, {"~/B", ProfileID("w")}, {"~/A", ProfileID("p")}}, {},
+         "There's already a rule for ~/B.", Kind::invalidRule},
+        {{w, p}, {{"~/a", ProfileID("w")}, {"~/A", ProfileID("nobody")}}, {},
+         "The rule for ~/A points at a profile that doesn't exist.", Kind::invalidRule},
         // The second system profile is only reported once every profile passed its own checks.
         {{makeProfile("a", "A", system), makeProfile("b", "B", system), makeProfile("c", "")}, {}, {},
          "Profile names can't be empty."},
