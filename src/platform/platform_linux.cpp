@@ -17,6 +17,8 @@
 #include <memory>
 #include <unordered_map>
 
+#include "base/file_io.h"
+
 #ifndef FS_CASEFOLD_FL
 #define FS_CASEFOLD_FL 0x40000000
 #endif
@@ -171,15 +173,10 @@ std::optional<bool> volumeIsCaseSensitive(const std::string& path) noexcept {
             if (statfs(path.c_str(), &fs) != 0) return std::nullopt;
             return !isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type));
         }
-        bool sensitive = true;
-        if (fstatfs(fd, &fs) == 0 && isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type))) {
-            sensitive = false;
-        } else {
-            int flags = 0;
-            sensitive = !(ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_CASEFOLD_FL) != 0);
-        }
-        close(fd);
-        return sensitive;
+        FileDescriptor folder(fd);
+        if (fstatfs(fd, &fs) == 0 && isCaseInsensitiveFileSystem(static_cast<long>(fs.f_type))) return false;
+        int flags = 0;
+        return !(ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_CASEFOLD_FL) != 0);
     } catch (...) {
         return true;
     }

@@ -18,6 +18,7 @@
 #include "tools/codex_adapter.h"
 #include "resolution/document_loading.h"
 #include "base/environment.h"
+#include "base/file_io.h"
 #include "base/paths.h"
 #include "base/unicode.h"
 #include "resolution/rule_resolver.h"
@@ -183,6 +184,8 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Every run ends in execve or exit within a fraction of a millisecond.
+    leaveDescriptorsToProcessEnd();
     if (argc < 1 || argv[0] == nullptr) fail(kUsage, 2);
     Run run(std::vector<std::string>(argv, argv + argc));
 

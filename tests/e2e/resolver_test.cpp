@@ -40,6 +40,9 @@ TEST_F(ResolverTest, ShimsHandTheRealToolTheEnvironmentOfTheFoldersProfile) {
         SCOPED_TRACE(tool + " in ~" + folder);
         FakeToolReport received = report(tool, home + folder, given);
         EXPECT_EQ(received.argv0, tools + "/" + tool);
+        // The shim leaves its own descriptors to execve: the tool gets only what it would directly.
+        FakeToolReport direct = parseFakeToolReport(start(tools + "/" + tool, {}, in(home + folder, given)).out);
+        EXPECT_EQ(received.descriptors, direct.descriptors);
         Variables all = in(home + folder, expected).environment;
         all["VEERLINE_SHIM_DEPTH"] = "1";
         EXPECT_EQ(received.environment, all);

@@ -3,6 +3,7 @@
 // codex-cli 0.169.0 does on a machine without a Secret Service: with
 // `cli_auth_credentials_store = "keyring"` in its config.toml every sign-in fails, otherwise the
 // key is kept in auth.json in CODEX_HOME.
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -107,5 +108,13 @@ int main(int argc, char** argv) {
     std::printf("ARGV0:%s\n", argc > 0 ? argv[0] : "");
     for (int i = 1; i < argc; ++i) std::printf("ARG:%s\n", argv[i]);
     for (char** entry = environ; *entry != nullptr; ++entry) std::printf("ENV:%s\n", *entry);
+    // Descriptors beyond the standard three: whatever the tool was handed besides its arguments.
+    if (DIR* open = opendir("/proc/self/fd")) {
+        while (const dirent* entry = readdir(open)) {
+            int fd = std::atoi(entry->d_name);
+            if (entry->d_name[0] != '.' && fd > 2 && fd != dirfd(open)) std::printf("FD:%d\n", fd);
+        }
+        closedir(open);
+    }
     return 0;
 }

@@ -172,6 +172,8 @@ FakeToolReport parseFakeToolReport(const std::string& output) {
             auto entry = line.substr(4);
             auto equals = entry.find('=');
             if (equals != std::string::npos) report.environment[entry.substr(0, equals)] = entry.substr(equals + 1);
+        } else if (line.starts_with("FD:")) {
+            report.descriptors.push_back(line.substr(3));
         }
     }
     return report;

@@ -65,6 +65,7 @@ struct FakeToolReport {
     std::string argv0;
     std::vector<std::string> arguments;
     std::map<std::string, std::string> environment;
+    std::vector<std::string> descriptors;  // open beyond 0 to 2, where the system lists them
 };
 FakeToolReport parseFakeToolReport(const std::string& output);
 

@@ -18,8 +18,16 @@
 
 namespace veerline {
 
+namespace {
+bool descriptorsLeftToProcessEnd = false;
+}  // namespace
+
+void leaveDescriptorsToProcessEnd() noexcept {
+    descriptorsLeftToProcessEnd = true;
+}
+
 FileDescriptor::~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
+    if (fd_ >= 0 && !descriptorsLeftToProcessEnd) ::close(fd_);
 }
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {

@@ -141,17 +141,28 @@ std::optional<FileIdentity> FileIdentity::of(const std::string& path) noexcept {
     return FileIdentity{static_cast<unsigned long long>(info.st_dev), static_cast<unsigned long long>(info.st_ino)};
 }
 
+std::optional<std::string> currentDirectory() {
+    // Most working folders fit a buffer on the stack; getcwd's own buffer would take a fresh
+    // page of heap in the short-lived resolver.
+    char buffer[1024];
+    if (::getcwd(buffer, sizeof buffer) != nullptr) return std::string(buffer);
+    if (errno != ERANGE) return std::nullopt;
+    std::unique_ptr<char, decltype(&std::free)> grown(::getcwd(nullptr, 0), &std::free);
+    if (!grown) return std::nullopt;
+    return std::string(grown.get());
+}
+
 std::string logicalWorkingDirectory(const Environment& environment) {
-    std::unique_ptr<char, decltype(&std::free)> buffer(::getcwd(nullptr, 0), &std::free);
+    std::optional<std::string> physical = currentDirectory();
     if (auto pwd = lookup(environment, "PWD"); pwd != nullptr && pwd->starts_with("/")) {
         // Usually PWD is the physical path itself. Otherwise two names of one folder lead to the
         // same inode: the shells' own test, and cheaper than resolving both names component by
         // component.
-        if (buffer && *pwd == buffer.get()) return *pwd;
+        if (physical && *pwd == *physical) return *pwd;
         auto named = FileIdentity::of(*pwd);
         if (named && named == FileIdentity::of(".")) return *pwd;
     }
-    return buffer ? buffer.get() : "/";
+    return physical ? std::move(*physical) : "/";
 }
 
 Paths::Paths(const std::string& homeFolder, std::string applicationsFolder)

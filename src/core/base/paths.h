@@ -36,6 +36,10 @@ struct FileIdentity {
     bool operator==(const FileIdentity&) const = default;
 };
 
+// The process's working folder as the system names it (getcwd); none when it has none, for
+// example when it was deleted.
+std::optional<std::string> currentDirectory();
+
 // The working folder as the user sees it: PWD when it names the same folder as getcwd, which keeps
 // the symbolic links the user went through; otherwise getcwd's answer, or "/" when there is none.
 std::string logicalWorkingDirectory(const Environment& environment);

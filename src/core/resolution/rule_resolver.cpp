@@ -53,13 +53,13 @@ std::string_view trimSpacesAndTabs(std::string_view line) {
 // The real path of `path` when it names the working folder (nearly always, in the shim): the
 // kernel keeps that one, so it costs a call or three instead of resolving the path.
 std::optional<std::string> realWorkingFolder(const std::string& path) {
-    std::unique_ptr<char, decltype(&std::free)> cwd(::getcwd(nullptr, 0), &std::free);
-    if (!cwd || cwd.get()[0] != '/') return std::nullopt;
-    if (path != cwd.get()) {
+    std::optional<std::string> cwd = currentDirectory();
+    if (!cwd || !cwd->starts_with('/')) return std::nullopt;
+    if (path != *cwd) {
         auto identity = FileIdentity::of(path);
         if (!identity || identity != FileIdentity::of(".")) return std::nullopt;
     }
-    return std::string(cwd.get());
+    return cwd;
 }
 
 // How many leading bytes `a` and `b` share. Rule paths share long leading folders; eight bytes at a
