@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <cstdlib>
 #include <deque>
 #include <map>
-#include <memory>
 #include <string_view>
 
 #include "base/file_io.h"
