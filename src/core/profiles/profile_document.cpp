@@ -259,13 +259,15 @@ void ProfileDocument::validate() const {
     // Duplicates are found up front, and reported where checking the profiles and rules in order
     // first meets them.
     std::vector<std::string_view> idViews;
-    std::vector<std::string> nameKeys;
+    std::vector<std::string> names, nameKeys;
     idViews.reserve(profiles.size());
+    names.reserve(profiles.size());
     nameKeys.reserve(profiles.size());
     for (const Profile& candidate : profiles) {
         idViews.emplace_back(candidate.id.rawValue);
+        names.push_back(trimBlanks(candidate.name));
         // The key of the look-up by name, so that every name saved can be found again.
-        nameKeys.push_back(unicode::caseInsensitiveKey(trimBlanks(candidate.name)));
+        nameKeys.push_back(unicode::caseInsensitiveKey(names.back()));
     }
     const std::size_t repeatedID = firstRepeat(idViews);
     const std::size_t repeatedName = firstRepeat({nameKeys.begin(), nameKeys.end()});
@@ -276,7 +278,7 @@ void ProfileDocument::validate() const {
             throw VeerlineError::invalidProfile(curlyQuoted(candidate.id.rawValue) +
                                                 " isn't a valid profile id.");
         }
-        std::string name = trimBlanks(candidate.name);
+        const std::string& name = names[i];
         if (name.empty()) throw VeerlineError::invalidProfile("Profile names can't be empty.");
         // A name is printed on terminals and in prompts: an escape sequence in it would act there.
         if (unicode::hasControlCharacter(name)) {
