@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <signal.h>
+
 #include <algorithm>
+#include <charconv>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -51,6 +54,12 @@ std::string describeSize(std::size_t bytes) {
     return std::to_string(bytes) + " bytes";
 }
 
+std::pair<std::string, std::string> splitFolder(const std::string& path) {
+    std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return {".", path};
+    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
 }  // namespace
 
 TemporaryFile::TemporaryFile(std::string path) noexcept
@@ -62,10 +71,76 @@ TemporaryFile::~TemporaryFile() {
 
 std::string temporaryPathBeside(const std::string& target) {
     static std::atomic<unsigned> counter{0};
-    std::size_t slash = target.rfind('/');
-    std::string folder = slash == std::string::npos ? "." : target.substr(0, slash);
-    std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
-    return folder + "/." + name + "." + std::to_string(::getpid()) + "." + std::to_string(counter.fetch_add(1)) + ".tmp";
+    auto [folder, name] = splitFolder(target);
+    return (folder == "/" ? "" : folder) + "/." + name + "." + std::to_string(::getpid()) + "." +
+           std::to_string(counter.fetch_add(1)) + ".tmp";
+}
+
+namespace {
+
+// The owner's process id of a temporary file named ".NAME.PID.N.tmp", or 0.
+pid_t temporaryOwner(std::string_view entry, std::string_view targetName) noexcept {
+    if (!entry.starts_with('.') || !entry.ends_with(".tmp")) return 0;
+    entry.remove_prefix(1);
+    entry.remove_suffix(4);
+    if (!entry.starts_with(targetName) || entry.size() <= targetName.size() + 1 || entry[targetName.size()] != '.') {
+        return 0;
+    }
+    entry.remove_prefix(targetName.size() + 1);
+    const std::size_t dot = entry.find('.');
+    if (dot == std::string_view::npos) return 0;
+    std::string_view counter = entry.substr(dot + 1);
+    if (counter.empty() || counter.find_first_not_of("0123456789") != std::string_view::npos) return 0;
+    pid_t pid = 0;
+    auto [end, error] = std::from_chars(entry.data(), entry.data() + dot, pid);
+    if (error != std::errc() || end != entry.data() + dot || pid <= 0) return 0;
+    return pid;
+}
+
+}  // namespace
+
+void sweepAbandonedTemporaries(const std::string& folder, std::string_view targetName) noexcept {
+    try {
+        std::unique_ptr<DIR, FolderCloser> listing(::opendir(folder.c_str()));
+        if (!listing) return;
+        std::vector<std::string> abandoned;
+        while (const dirent* entry = ::readdir(listing.get())) {
+            pid_t owner = temporaryOwner(entry->d_name, targetName);
+            if (owner == 0 || owner == ::getpid()) continue;
+            if (::kill(owner, 0) != 0 && errno == ESRCH) abandoned.emplace_back(entry->d_name);
+        }
+        for (const std::string& name : abandoned) ::unlinkat(::dirfd(listing.get()), name.c_str(), 0);
+    } catch (...) {
+        // Only allocation can fail here, and a sweep is a courtesy.
+    }
+}
+
+void writeFileAtomically(const std::string& target, std::string_view content, mode_t mode,
+                         const std::string& shownPath, const std::function<void()>& beforeRename) {
+    auto failure = [&](int error) { return ioErrorFromErrno("write " + (shownPath.empty() ? target : shownPath), error); };
+    TemporaryFile temporary(temporaryPathBeside(target));
+    if (int error = writeNewFile(temporary.path(), content, mode); error != 0) throw failure(error);
+    if (beforeRename) beforeRename();
+    if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw failure(errno);
+    temporary.keep();
+    auto [folder, name] = splitFolder(target);
+    sweepAbandonedTemporaries(folder, name);
+}
+
+int placeLinkAtomically(const std::string& target, const std::string& destination) noexcept {
+    try {
+        TemporaryFile temporary(temporaryPathBeside(target));
+        if (::symlink(destination.c_str(), temporary.path().c_str()) != 0) return errno;
+        if (::rename(temporary.path().c_str(), target.c_str()) != 0) return errno;
+        temporary.keep();
+        return 0;
+    } catch (...) {
+        return ENOMEM;
+    }
+}
+
+int moveIntoPlace(const std::string& from, const std::string& to) noexcept {
+    return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
 }
 
 int writeNewFile(const std::string& path, std::string_view content, mode_t mode) noexcept {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -72,13 +73,35 @@ private:
 // Writes all of `bytes`: 0, or the errno of the write that failed (EIO if one wrote nothing).
 int writeAll(int fd, std::string_view bytes) noexcept;
 
-// A fresh name beside `target` for the file that will replace it by rename: hidden, and unique
-// to this process and call.
+// A fresh name beside `target` for the file that will replace it by rename: hidden, unique to
+// this process and call, and shaped ".NAME.PID.N.tmp" so that a sweep can tell whose it is.
 std::string temporaryPathBeside(const std::string& target);
 
 // Creates `path` (never an existing one), writes `content`, sets `mode` and flushes it to disk:
 // 0, or the errno of the step that failed.
 int writeNewFile(const std::string& path, std::string_view content, mode_t mode) noexcept;
+
+// The one way Veerline replaces a file: `content` goes into a temporary file beside `target`,
+// is flushed to disk with `mode`, and is renamed over `target` (a link at `target` is replaced,
+// never followed). Readers see the old file or the new one, never a mix; on failure the old file
+// stays and the temporary one goes. `beforeRename`, when given, runs after the new content is on
+// disk and may throw to abandon the write (a caller re-checking that nobody changed the target
+// meanwhile). Leftovers of killed writers of the same target are swept afterwards.
+// Throws VeerlineError::io "Couldn't write SHOWN: WHY", SHOWN being `shownPath` or `target`.
+void writeFileAtomically(const std::string& target, std::string_view content, mode_t mode,
+                         const std::string& shownPath = {}, const std::function<void()>& beforeRename = {});
+
+// The same for a symbolic link at `target` pointing at `destination`: 0 or errno.
+int placeLinkAtomically(const std::string& target, const std::string& destination) noexcept;
+
+// Renames `from` over `to` (same file system), for a file Veerline has already written in full
+// elsewhere: 0 or errno.
+int moveIntoPlace(const std::string& from, const std::string& to) noexcept;
+
+// Removes the temporary files that writers of `targetName` in `folder` left when they were killed
+// outright (SIGKILL, a power cut): those named as temporaryPathBeside names them whose process is
+// gone. A file of a live process is left to it.
+void sweepAbandonedTemporaries(const std::string& folder, std::string_view targetName) noexcept;
 
 // The small files Veerline writes itself to name an app (~/.veerline/app-path, codex-app-path):
 // a path and a line break. Anything larger was not written by Veerline.
