@@ -13,7 +13,7 @@ GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
 CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
 
-.PHONY: all build test test-asan coverage fuzz bench install uninstall bootstrap clean
+.PHONY: all build test test-deps test-asan coverage fuzz bench install uninstall bootstrap clean
 
 all: build
 
@@ -21,7 +21,12 @@ build:
 	cmake -S . -B $(BUILD_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-test: build
+# The tests need tools that building does not (shells, a Secret Service, shellcheck): installed
+# here, where they are missing, so that no test has to skip.
+test-deps:
+	scripts/bootstrap test
+
+test: test-deps build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
 test-asan:
@@ -61,12 +66,13 @@ fuzz:
 	done
 
 bench:
+	scripts/bootstrap bench
 	cmake -S . -B $(BENCH_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DVEERLINE_BENCH=ON -DVEERLINE_TESTS=ON $(CMAKE_FLAGS)
 	cmake --build $(BENCH_DIR) -j $(JOBS)
 	@for script in bench/*.sh; do [ -f "$$script" ] && BUILD_DIR=$(BENCH_DIR) bash "$$script" || exit 1; done
 
 bootstrap:
-	scripts/bootstrap
+	scripts/bootstrap build
 
 install: bootstrap build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
