@@ -4,6 +4,8 @@ ASAN_DIR    ?= build-asan
 BENCH_DIR   ?= build-bench
 COVERAGE_DIR ?= build-coverage
 FUZZ_DIR    ?= build-fuzz
+PACKAGE_DIR ?= build-package
+DIST_DIR    ?= dist
 FUZZ_SECONDS ?= 30
 PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
@@ -12,8 +14,11 @@ GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 # A compiler cache, where there is one, makes rebuilds after a branch switch cheap.
 LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
 CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
+# The one version, CMake's project version; a release is named after it.
+VERSION     := $(shell sed -n 's/^project.Veerline VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+RELEASE_URL ?= https://github.com/veerline/veerline/releases/download/v$(VERSION)
 
-.PHONY: all build test test-deps test-asan coverage fuzz bench install uninstall bootstrap clean
+.PHONY: all build test test-deps test-asan coverage fuzz bench install uninstall package dist bootstrap clean
 
 all: build
 
@@ -86,8 +91,33 @@ install: bootstrap build
 	@echo "(Make sure $(PREFIX)/bin is on your PATH.)"
 
 uninstall:
-	rm -f $(PREFIX)/bin/veerline $(PREFIX)/libexec/veerline/veerline-resolve
-	-rmdir $(PREFIX)/libexec/veerline 2>/dev/null
+	rm -f $(PREFIX)/bin/veerline $(PREFIX)/libexec/veerline/veerline-resolve \
+		$(PREFIX)/share/man/man1/veerline.1.gz $(PREFIX)/share/man/man1/veerline-resolve.1.gz \
+		$(PREFIX)/share/bash-completion/completions/veerline $(PREFIX)/share/zsh/site-functions/_veerline \
+		$(PREFIX)/share/fish/vendor_completions.d/veerline.fish \
+		$(PREFIX)/share/doc/veerline/README.md $(PREFIX)/share/doc/veerline/LICENSE
+	-rmdir $(PREFIX)/libexec/veerline $(PREFIX)/share/doc/veerline 2>/dev/null
+
+# The Debian package, veerline_<version>_<arch>.deb in $(PACKAGE_DIR): a build folder of its own,
+# installed under /usr and laid out as Debian's packages are, without the tests.
+package: bootstrap
+	cmake -S . -B $(PACKAGE_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS) -DVEERLINE_TESTS=OFF \
+		-DVEERLINE_DEBIAN_LAYOUT=ON -DCMAKE_INSTALL_PREFIX=/usr
+	cmake --build $(PACKAGE_DIR) -j $(JOBS)
+	cd $(PACKAGE_DIR) && cpack -G DEB
+
+# The release tarball of the commit checked out (uncommitted changes are not in it), its SHA-256,
+# and the Homebrew formula that builds it, with both filled in.
+dist:
+	@git diff --quiet HEAD -- || echo "dist: uncommitted changes are left out of the tarball" >&2
+	mkdir -p $(DIST_DIR)
+	git archive --format=tar.gz --prefix=veerline-$(VERSION)/ -o $(DIST_DIR)/veerline-$(VERSION).tar.gz HEAD
+	cd $(DIST_DIR) && { sha256sum veerline-$(VERSION).tar.gz 2>/dev/null || shasum -a 256 veerline-$(VERSION).tar.gz; } \
+		> veerline-$(VERSION).tar.gz.sha256
+	sed -e 's|^  url ".*"|  url "$(RELEASE_URL)/veerline-$(VERSION).tar.gz"|' \
+		-e "s|^  sha256 \".*\"|  sha256 \"$$(cut -d' ' -f1 $(DIST_DIR)/veerline-$(VERSION).tar.gz.sha256)\"|" \
+		packaging/homebrew/veerline.rb > $(DIST_DIR)/veerline.rb
+	@echo "$(DIST_DIR)/veerline-$(VERSION).tar.gz, its .sha256, and $(DIST_DIR)/veerline.rb for a Homebrew tap."
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR) $(FUZZ_DIR) $(PACKAGE_DIR) $(DIST_DIR)

@@ -20,8 +20,6 @@ class App;
 
 namespace veerline::cli {
 
-inline constexpr const char* kVersion = "veerline 0.1.0";
-
 // The run's environment, the user's folders and what the terminal can take.
 struct Context {
     Environment environment;

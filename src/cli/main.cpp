@@ -13,7 +13,9 @@
 #include <iostream>
 #include <string_view>
 
+#include "build_info.h"
 #include "cli/cli.h"
+#include "cli/man_page.h"
 #include "cli/output.h"
 #include "base/error.h"
 #include "base/interrupt_cleanup.h"
@@ -126,7 +128,8 @@ int runCommand(int argc, char** argv) {
                  "profile has its own data folder, and folder rules pick the profile by where "
                  "you work.",
                  "veerline"};
-    app.set_version_flag("--version", kVersion, "Print the version and exit");
+    app.set_version_flag("--version", "veerline " VEERLINE_VERSION " (commit " VEERLINE_COMMIT ")",
+                         "Print the version and the commit it was built from, and exit");
     app.require_subcommand(0, 1);
     const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     app.failure_message([&words](const CLI::App* failed, const CLI::Error& error) {
@@ -151,6 +154,7 @@ int runCommand(int argc, char** argv) {
         {{"secret"}, addSecretCommands},
         {{"usage", "status", "statusline"}, addUsageCommands},
         {{"share"}, addShareCommands},
+        {{}, addManPageCommand},
     };
     const std::string_view first = words.empty() ? std::string_view() : std::string_view(words.front());
     const Group* only = nullptr;

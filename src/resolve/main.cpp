@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "build_info.h"
 #include "resolution/binary_locator.h"
 #include "tools/codex_adapter.h"
 #include "resolution/document_loading.h"
@@ -31,7 +32,7 @@ using namespace veerline;
 
 namespace {
 
-constexpr const char* kVersion = "veerline-resolve 0.1.0";
+constexpr const char* kVersion = "veerline-resolve " VEERLINE_VERSION " (commit " VEERLINE_COMMIT ")";
 constexpr const char* kOwnName = "veerline-resolve";
 constexpr std::int64_t kDepthLimit = 3;
 constexpr const char* kUsage =

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "build_info.h"
 #include "shell/shell_integration.h"
 #include "support/test_support.h"
 
@@ -154,7 +155,7 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
 TEST_F(CliShellTest, VersionHelpAndUsageErrors) {
     // An empty text: a usage error, told on standard error and pointing to --help.
     const std::vector<std::tuple<Args, int, std::string>> cases = {
-        {{"--version"}, 0, "veerline 0.1.0\n"}, {{"--help"}, 0, "Usage: veerline"}, {{}, 2, "Usage: veerline"},
+        {{"--version"}, 0, "veerline " VEERLINE_VERSION " (commit " VEERLINE_COMMIT ")\n"}, {{"--help"}, 0, "Usage: veerline"}, {{}, 2, "Usage: veerline"},
         {{"rule"}, 2, "Usage: veerline rule"}, {{"bogus"}, 2, ""}, {{"profile", "list", "--bogus"}, 2, ""},
         {{"profile", "add"}, 2, ""}, {{"rule", "add", "~/x"}, 2, ""}};
     for (const auto& [args, exitCode, text] : cases) {
