@@ -32,7 +32,7 @@ using namespace veerline;
 
 namespace {
 
-constexpr const char* kVersion = "veerline-resolve " VEERLINE_VERSION " (commit " VEERLINE_COMMIT ")";
+constexpr const char* kVersion = "veerline-resolve " VEERLINE_VERSION;
 constexpr const char* kOwnName = "veerline-resolve";
 constexpr std::int64_t kDepthLimit = 3;
 constexpr const char* kUsage =

@@ -114,7 +114,7 @@ TEST_F(ResolverTest, ShimsFindTheRealToolKeepItsArgumentsAndGuardTheirDepth) {
     // Under its own name it answers --version and --prompt only, spelled exactly.
     const std::string usage = "2||veerline: this is Veerline's shim. Run it as `claude` or `codex` (via ~/.veerline/bin), or with --prompt.\n";
     for (const auto& [args, expected] : std::vector<std::pair<std::vector<std::string>, std::string>>{
-             {{"--version", "ignored"}, "0|veerline-resolve " VEERLINE_VERSION " (commit " VEERLINE_COMMIT ")\n|"}, {{}, usage}, {{"--VERSION"}, usage}, {{"--Prompt"}, usage}, {{"claude"}, usage}}) {
+             {{"--version", "ignored"}, "0|veerline-resolve " VEERLINE_VERSION "\n|"}, {{}, usage}, {{"--VERSION"}, usage}, {{"--Prompt"}, usage}, {{"claude"}, usage}}) {
         RunResult result = run(VEERLINE_RESOLVE_BINARY, args, in(home));
         EXPECT_EQ(std::to_string(result.exitCode) + "|" + result.out + "|" + result.err, expected);
     }
