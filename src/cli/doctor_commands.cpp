@@ -11,8 +11,8 @@
 #include <memory>
 
 #include "base/error.h"
-#include "base/unicode.h"
 #include "cli/cli.h"
+#include "cli/output.h"
 #include "doctor/doctor.h"
 #include "profiles/profile_store.h"
 #include "platform/platform.h"
@@ -95,12 +95,12 @@ void printReport(const Context& context, const std::vector<DoctorCheck>& checks)
         warnings += check.level == Level::warning;
         failures += check.level == Level::failure;
         if (context.colour) {
-            std::cout << colourOf(check.level) << mark(check.level) << "\x1b[0m " << check.title << "\n";
+            std::cout << colourOf(check.level) << mark(check.level) << "\x1b[0m " << printable(check.title) << "\n";
         } else {
-            std::cout << mark(check.level) << " " << check.title << "\n";
+            std::cout << mark(check.level) << " " << printable(check.title) << "\n";
         }
-        if (check.detail) std::cout << "  " << *check.detail << "\n";
-        if (check.fix) std::cout << "  Fix: " << *check.fix << "\n";
+        if (check.detail) std::cout << "  " << printable(*check.detail) << "\n";
+        if (check.fix) std::cout << "  Fix: " << printable(*check.fix) << "\n";
     }
     std::cout << "\n" << counted(checks.size(), "check") << ": " << counted(warnings, "warning") << ", "
               << counted(failures, "failure") << ".\n";
@@ -111,7 +111,7 @@ void printReport(const Context& context, const std::vector<DoctorCheck>& checks)
 // are escaped here instead.
 void rewriteProgressLine(const std::string& text) {
     std::cerr.flush();
-    std::string line = "\r\x1b[K" + unicode::escapingControlCharacters(text);
+    std::string line = "\r\x1b[K" + printable(text);
     for (std::size_t done = 0; done < line.size();) {
         ssize_t written = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
         if (written < 0 && errno == EINTR) continue;

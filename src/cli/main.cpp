@@ -64,7 +64,8 @@ Profile& findProfile(ProfileDocument& document, const std::string& nameOrID) {
 namespace {
 
 void printError(const std::string& message) {
-    std::cerr << "veerline: " << message << "\n";
+    // Messages name paths and names as they were typed or read.
+    std::cerr << "veerline: " << veerline::cli::printable(message) << "\n";
 }
 
 extern "C" void ignoreSignal(int) {}

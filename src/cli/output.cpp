@@ -11,8 +11,12 @@
 
 namespace veerline::cli {
 
+std::string printable(std::string_view text) {
+    return unicode::escapingControlCharacters(text);
+}
+
 std::string curlyQuoted(std::string_view text) {
-    return "\u201C" + std::string(text) + "\u201D";
+    return "\u201C" + printable(text) + "\u201D";
 }
 
 std::string swatch(ProfileColor color, bool colour) {
@@ -88,10 +92,17 @@ std::size_t colourSequenceLength(std::string_view text, std::size_t pos) {
     return text.size() - pos < longest ? std::string::npos : 0;
 }
 
-// Bytes at the end of `text` that may be the start of a control character written in UTF-8.
+// Whether the bytes from `pos` to the end of `text` begin a UTF-8 sequence that the next write
+// may complete: cut in two, its second half would look like lone bytes, and 0x80 to 0x9F alone are
+// escaped.
 bool mayContinue(std::string_view text, std::size_t pos) {
-    auto rest = text.substr(pos);
-    return rest == "\xC2" || rest == "\xE2" || rest == "\xE2\x80";
+    auto lead = static_cast<unsigned char>(text[pos]);
+    const std::size_t length = lead >= 0xF0 && lead <= 0xF4 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC2 ? 2 : 0;
+    if (length == 0 || lead > 0xF4 || text.size() - pos >= length) return false;
+    for (std::size_t i = pos + 1; i < text.size(); ++i) {
+        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -120,7 +131,7 @@ void TerminalSafeOutput::drain(bool everything) {
     std::size_t pos = 0;
     std::size_t plainStart = 0;
     auto flushPlain = [&](std::size_t end) {
-        safe += unicode::escapingControlCharacters(std::string_view(pending_).substr(plainStart, end - plainStart));
+        safe += printable(std::string_view(pending_).substr(plainStart, end - plainStart));
     };
     while (pos < pending_.size()) {
         char c = pending_[pos];

@@ -12,7 +12,14 @@
 
 namespace veerline::cli {
 
-// “text”, with the typographic quotation marks the library's messages use.
+// Text that came from the user or from a file, ready for a terminal: every control character
+// (C0 with line feeds and tabs, DEL, C1, a lone 8-bit CSI byte, line separators) written out as an
+// escape, so that a name or a path can't hide text, move the cursor or retitle the window. The one
+// way user data is shown; the output streams use it too.
+std::string printable(std::string_view text);
+
+// “text”, with the typographic quotation marks the library's messages use; `text` is shown
+// printable.
 std::string curlyQuoted(std::string_view text);
 
 // Columns separated by two spaces, each as wide as its widest cell in user-perceived

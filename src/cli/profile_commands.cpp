@@ -56,14 +56,16 @@ int listProfiles(const Context& context, const ProfileOptions& options) {
     }
     Table table({"NAME", "ID", "BADGE", "COLOR", "TOOLS", "STORAGE"});
     for (const Profile& profile : document.profiles) {
-        table.addRow({swatch(profile.color, context.colour) + profile.name, profile.id.rawValue, profile.badge,
+        table.addRow({swatch(profile.color, context.colour) + printable(profile.name), printable(profile.id.rawValue),
+                      printable(profile.badge),
                       std::string(profilecolor::rawValue(profile.color)), describeTools(profile.tools()),
                       std::string(Profile::storageRawValue(profile.storage))});
     }
     table.print(std::cout);
     if (document.cliDefault) {
         const Profile* fallback = document.profile(*document.cliDefault);
-        std::cout << "\nTerminal default: " << (fallback ? fallback->name : document.cliDefault->rawValue) << "\n";
+        std::cout << "\nTerminal default: " << printable(fallback ? fallback->name : document.cliDefault->rawValue)
+                  << "\n";
     }
     return 0;
 }

@@ -41,7 +41,7 @@ std::string ruleFolder(const Context& context, const FolderRule& rule) {
 
 std::string profileLabel(const ProfileDocument& document, const ProfileID& id) {
     const Profile* profile = document.profile(id);
-    return profile ? profile->name : "(no profile with id " + id.rawValue + ")";
+    return printable(profile ? profile->name : "(no profile with id " + id.rawValue + ")");
 }
 
 int addRule(const Context& context, const RuleOptions& options) {
@@ -51,7 +51,7 @@ int addRule(const Context& context, const RuleOptions& options) {
         document.rules.push_back(FolderRule{stored, profile.id});
         return profile.name;
     });
-    std::cout << "Folders in " << stored << " now use " << curlyQuoted(name) << ".\n";
+    std::cout << "Folders in " << printable(stored) << " now use " << curlyQuoted(name) << ".\n";
     return 0;
 }
 
@@ -67,7 +67,7 @@ int removeRule(const Context& context, const RuleOptions& options) {
         throw VeerlineError::invalidRule("There's no rule for " + context.paths.abbreviate(folder) +
                                          ". Run `veerline rule list` to see them.");
     }
-    std::cout << "Removed the rule for " << context.paths.abbreviate(folder) << ".\n";
+    std::cout << "Removed the rule for " << printable(context.paths.abbreviate(folder)) << ".\n";
     return 0;
 }
 
@@ -86,7 +86,7 @@ int listRules(const Context& context, const RuleOptions& options) {
     Table table({"FOLDER", "PROFILE"});
     for (const FolderRule& rule : document.rules) {
         const Profile* profile = document.profile(rule.profileID);
-        table.addRow({rule.folderPath(), (profile ? swatch(profile->color, context.colour) : "") +
+        table.addRow({printable(rule.folderPath()), (profile ? swatch(profile->color, context.colour) : "") +
                                              profileLabel(document, rule.profileID)});
     }
     table.print(std::cout);
@@ -157,13 +157,13 @@ int which(const Context& context, const RuleOptions& options) {
     if (!resolution.profile) {
         std::cout << "No profile applies here: no folder rule, dotfile or terminal default covers it.\n";
     } else {
-        std::cout << resolution.profile->name << "  (";
+        std::cout << printable(resolution.profile->name) << "  (";
         switch (resolution.source.kind) {
         case Resolution::Source::Kind::folderRule:
-            std::cout << "folder rule for " << (resolution.source.rule ? resolution.source.rule->folderPath() : "?");
+            std::cout << "folder rule for " << printable(resolution.source.rule ? resolution.source.rule->folderPath() : "?");
             break;
         case Resolution::Source::Kind::dotfile:
-            std::cout << "dotfile " << paths.abbreviate(resolution.source.path);
+            std::cout << "dotfile " << printable(paths.abbreviate(resolution.source.path));
             break;
         case Resolution::Source::Kind::cliDefault:
         case Resolution::Source::Kind::none:
@@ -172,7 +172,7 @@ int which(const Context& context, const RuleOptions& options) {
         }
         std::cout << ")\n";
     }
-    for (const std::string& warning : resolution.warnings) std::cout << "Warning: " << warning << "\n";
+    for (const std::string& warning : resolution.warnings) std::cout << "Warning: " << printable(warning) << "\n";
     return 0;
 }
 

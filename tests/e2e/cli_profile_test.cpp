@@ -362,8 +362,8 @@ TEST_F(CliProfileTest, ForeignFilesOutputFailuresKillsAndEscapes) {
 
     // Saves killed at random moments leave the file valid; the next save removes what they left
     // behind, but not the temporary file of a process that still runs.
-    writeFile(support + "/profiles.json.tmp.99999999.7", "stale");
-    const std::string live = support + "/profiles.json.tmp." + std::to_string(::getpid()) + ".7";
+    writeFile(support + "/.profiles.json.99999999.7.tmp", "stale");
+    const std::string live = support + "/.profiles.json." + std::to_string(::getpid()) + ".7.tmp";
     writeFile(live, "live");
     for (int n = 0; n < 30; ++n) {
         const std::string after = std::to_string(0.0005 * (n % 12 + 1)), name = "K" + std::to_string(n);
@@ -377,7 +377,7 @@ TEST_F(CliProfileTest, ForeignFilesOutputFailuresKillsAndEscapes) {
     EXPECT_EQ(cli({"profile", "list"}).exitCode, 0);
     std::vector<std::string> temporary;
     for (const auto& entry : fs::directory_iterator(support)) {
-        if (entry.path().filename().string().starts_with("profiles.json.tmp.")) temporary.push_back(entry.path());
+        if (entry.path().filename().string().starts_with(".profiles.json.")) temporary.push_back(entry.path());
     }
     EXPECT_EQ(temporary, std::vector<std::string>{live});
 }

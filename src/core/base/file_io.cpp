@@ -115,16 +115,53 @@ void sweepAbandonedTemporaries(const std::string& folder, std::string_view targe
     }
 }
 
-void writeFileAtomically(const std::string& target, std::string_view content, mode_t mode,
-                         const std::string& shownPath, const std::function<void()>& beforeRename) {
-    auto failure = [&](int error) { return ioErrorFromErrno("write " + (shownPath.empty() ? target : shownPath), error); };
+namespace {
+
+// 0 or errno; only `beforeRename` throws. Leftovers of killed writers of the same target go once
+// the new file is in place.
+int replaceAtomically(const std::string& target, std::string_view content, mode_t mode,
+                      const std::function<void()>& beforeRename) {
     TemporaryFile temporary(temporaryPathBeside(target));
-    if (int error = writeNewFile(temporary.path(), content, mode); error != 0) throw failure(error);
+    if (int error = writeNewFile(temporary.path(), content, mode); error != 0) return error;
     if (beforeRename) beforeRename();
-    if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw failure(errno);
+    if (::rename(temporary.path().c_str(), target.c_str()) != 0) return errno;
     temporary.keep();
     auto [folder, name] = splitFolder(target);
     sweepAbandonedTemporaries(folder, name);
+    return 0;
+}
+
+}  // namespace
+
+void writeFileAtomically(const std::string& target, std::string_view content, mode_t mode,
+                         const std::string& shownPath, const std::function<void()>& beforeRename) {
+    if (int error = replaceAtomically(target, content, mode, beforeRename); error != 0) {
+        throw ioErrorFromErrno("write " + (shownPath.empty() ? target : shownPath), error);
+    }
+}
+
+int replaceFileAtomically(const std::string& target, std::string_view content, mode_t mode) noexcept {
+    try {
+        return replaceAtomically(target, content, mode, {});
+    } catch (...) {
+        return ENOMEM;
+    }
+}
+
+bool placeNewFileAtomically(const std::string& target, std::string_view content, mode_t mode) {
+    auto failure = [&](int error) { return ioErrorFromErrno("write " + target, error); };
+    TemporaryFile temporary(temporaryPathBeside(target));
+    if (int error = writeNewFile(temporary.path(), content, mode); error != 0) throw failure(error);
+    auto [folder, name] = splitFolder(target);
+    if (::link(temporary.path().c_str(), target.c_str()) != 0) {
+        if (errno == EEXIST) return false;
+        struct stat info {};
+        if (::lstat(target.c_str(), &info) == 0) return false;
+        if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw failure(errno);
+        temporary.keep();
+    }
+    sweepAbandonedTemporaries(folder, name);
+    return true;
 }
 
 int placeLinkAtomically(const std::string& target, const std::string& destination) noexcept {
@@ -166,16 +203,71 @@ int writeAll(int fd, std::string_view bytes) noexcept {
     return 0;
 }
 
-std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+namespace {
+
+// The file at `path` opened for reading without waiting on it, and judged by what was opened
+// rather than by an earlier look at the path: the descriptor, or none with `error` set to the
+// errno of the failure, or with `notRegular` set when something other than a regular file is there.
+FileDescriptor openRegularFile(const std::string& path, Links links, struct stat& info, int& error,
+                               bool& notRegular) noexcept {
+    notRegular = false;
+    // A FIFO or a socket's path opens at once this way, and a device is never made our terminal.
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY |
+                                                 (links == Links::refuse ? O_NOFOLLOW : 0)));
     if (!file) {
-        if (errno == ENOENT) return std::nullopt;
-        throw ioErrorFromErrno("read " + path, errno);
+        error = errno;
+        // A socket can't be opened at all; it is no more a file than a FIFO is.
+        notRegular = error == ENXIO || error == EOPNOTSUPP || (error == ELOOP && links == Links::refuse);
+        return file;
     }
-    struct stat info {};
-    if (::fstat(file.get(), &info) != 0) throw ioErrorFromErrno("read " + path, errno);
+    if (::fstat(file.get(), &info) != 0) {
+        error = errno;
+        return FileDescriptor();
+    }
     if (!S_ISREG(info.st_mode)) {
-        throw VeerlineError::io("Couldn't read " + path + ": it isn't a regular file.");
+        notRegular = true;
+        return FileDescriptor();
+    }
+    error = 0;
+    return file;
+}
+
+}  // namespace
+
+bool sameFileContents(const std::string& first, const std::string& second) noexcept {
+    try {
+        struct stat infoA {}, infoB {};
+        int error = 0;
+        bool notRegular = false;
+        FileDescriptor a = openRegularFile(first, Links::follow, infoA, error, notRegular);
+        FileDescriptor b = openRegularFile(second, Links::follow, infoB, error, notRegular);
+        if (!a || !b || infoA.st_size != infoB.st_size) return false;
+        static constexpr std::size_t piece = 65536;
+        std::string bufferA, bufferB;
+        for (;;) {
+            bufferA.clear();
+            bufferB.clear();
+            if (readAll(a.get(), bufferA, piece) != 0 || readAll(b.get(), bufferB, piece) != 0) return false;
+            if (bufferA != bufferB) return false;
+            if (bufferA.empty()) return true;
+        }
+    } catch (...) {
+        return false;
+    }
+}
+
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit, Links links) {
+    struct stat info {};
+    int openError = 0;
+    bool notRegular = false;
+    FileDescriptor file = openRegularFile(path, links, info, openError, notRegular);
+    if (notRegular) {
+        const char* what = links == Links::refuse && openError == ELOOP ? "it's a symbolic link." : "it isn't a regular file.";
+        throw VeerlineError::io("Couldn't read " + path + ": " + what);
+    }
+    if (!file) {
+        if (openError == ENOENT) return std::nullopt;
+        throw ioErrorFromErrno("read " + path, openError);
     }
     auto tooLarge = [&] {
         return VeerlineError::io("Couldn't read " + path + ": the file is too large (over " + describeSize(limit) +

@@ -91,6 +91,15 @@ int writeNewFile(const std::string& path, std::string_view content, mode_t mode)
 void writeFileAtomically(const std::string& target, std::string_view content, mode_t mode,
                          const std::string& shownPath = {}, const std::function<void()>& beforeRename = {});
 
+// The same write for a caller that words its own failure: 0, or the errno of the step that failed.
+int replaceFileAtomically(const std::string& target, std::string_view content, mode_t mode) noexcept;
+
+// Puts `content` at `target` only when nothing is there, atomically: the file is written in full
+// beside it and hard-linked into place, which never replaces anything (a file system without hard
+// links gets a rename after one more look). False when something was there already. Throws
+// VeerlineError::io "Couldn't write TARGET: WHY".
+bool placeNewFileAtomically(const std::string& target, std::string_view content, mode_t mode);
+
 // The same for a symbolic link at `target` pointing at `destination`: 0 or errno.
 int placeLinkAtomically(const std::string& target, const std::string& destination) noexcept;
 
@@ -107,12 +116,20 @@ void sweepAbandonedTemporaries(const std::string& folder, std::string_view targe
 // a path and a line break. Anything larger was not written by Veerline.
 inline constexpr std::size_t maxHintFileSize = 16 * 1024;
 
-// The content of the regular file at `path` (links followed), or nothing when no file is there
-// (ENOENT). What Veerline reads from disk is input, so nothing in its place may stall or swamp
-// the reader: the file is opened non-blocking (a FIFO cannot hang a prompt), must be a regular
-// file by fstat before a byte is read (no device, FIFO or folder), and may hold at most `limit`
-// bytes. Throws VeerlineError::io, "Couldn't read PATH: WHY", when any of that fails.
-std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit);
+enum class Links { follow, refuse };
+
+// The content of the regular file at `path`, or nothing when no file is there (ENOENT). What
+// Veerline reads from disk is input, so nothing in its place may stall or swamp the reader: the
+// file is opened non-blocking (a FIFO cannot hang a prompt), must be a regular file by fstat
+// before a byte is read (no device, FIFO, socket or folder), and may hold at most `limit` bytes.
+// With Links::refuse a symbolic link at `path` is refused too. Throws VeerlineError::io,
+// "Couldn't read PATH: WHY", when any of that fails.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit,
+                                           Links links = Links::follow);
+
+// Whether both paths are regular files (links followed) with the same bytes, opened and judged
+// as readRegularFile does and compared a piece at a time; false when either can't be read.
+bool sameFileContents(const std::string& first, const std::string& second) noexcept;
 
 // Removes `name` in the open folder `folderFD` without following a symbolic link anywhere: a
 // link is removed as a link, a folder with everything in it, each level opened with O_NOFOLLOW

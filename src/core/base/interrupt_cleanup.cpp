@@ -31,6 +31,10 @@ std::atomic<int> slotsInUse{0};
 
 static_assert(std::atomic<int>::is_always_lock_free);
 
+// Process groups to pass an interrupt on to; 0 marks a free slot.
+std::atomic<pid_t> groups[kSlots];
+static_assert(std::atomic<pid_t>::is_always_lock_free);
+
 extern "C" void removeRegisteredAndDie(int signalNumber) {
     const int savedErrno = errno;
     for (int index = slotsInUse.load() - 1; index >= 0; --index) {
@@ -41,6 +45,9 @@ extern "C" void removeRegisteredAndDie(int signalNumber) {
         } else {
             ::unlink(slot.path);
         }
+    }
+    for (auto& group : groups) {
+        if (pid_t pid = group.load(); pid > 0) ::kill(-pid, signalNumber);
     }
     errno = savedErrno;
     // The handler was installed with SA_RESETHAND: the signal, delivered again once the handler
@@ -83,6 +90,23 @@ RemoveOnInterrupt::RemoveOnInterrupt(const std::string& path, Kind kind) noexcep
 void RemoveOnInterrupt::dismiss() noexcept {
     if (slot_ < 0) return;
     slots[slot_].state.store(freeSlot);
+    slot_ = -1;
+}
+
+SignalGroupOnInterrupt::SignalGroupOnInterrupt(pid_t group) noexcept {
+    if (group <= 0) return;
+    for (int index = 0; index < kSlots; ++index) {
+        pid_t expected = 0;
+        if (groups[index].compare_exchange_strong(expected, group)) {
+            slot_ = index;
+            return;
+        }
+    }
+}
+
+void SignalGroupOnInterrupt::dismiss() noexcept {
+    if (slot_ < 0) return;
+    groups[slot_].store(0);
     slot_ = -1;
 }
 

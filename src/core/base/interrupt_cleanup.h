@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace veerline {
@@ -27,6 +29,22 @@ public:
     RemoveOnInterrupt& operator=(const RemoveOnInterrupt&) = delete;
 
     // Its owner is done with the path (it was renamed into place, or removed).
+    void dismiss() noexcept;
+
+private:
+    int slot_ = -1;
+};
+
+// A child process in a group of its own doesn't hear the terminal's Ctrl-C: while the object
+// lives, the interrupt this process gets (with `installHandlers` run) is passed on to `group`
+// before the process ends.
+class SignalGroupOnInterrupt {
+public:
+    explicit SignalGroupOnInterrupt(pid_t group) noexcept;
+    ~SignalGroupOnInterrupt() { dismiss(); }
+    SignalGroupOnInterrupt(const SignalGroupOnInterrupt&) = delete;
+    SignalGroupOnInterrupt& operator=(const SignalGroupOnInterrupt&) = delete;
+
     void dismiss() noexcept;
 
 private:

@@ -2,6 +2,7 @@
 
 #include <utf8proc.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
@@ -218,23 +219,40 @@ std::string caseInsensitiveKey(std::string_view text) {
 
 namespace {
 
-// Length of the control character or line separator starting at `pos`, or 0.
-std::size_t controlLength(std::string_view text, std::size_t pos) noexcept {
-    auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    unsigned char c = byte(pos);
-    if (c < 0x20 || c == 0x7F) return 1;
-    if (c == 0xC2 && pos + 1 < text.size() && byte(pos + 1) >= 0x80 && byte(pos + 1) <= 0x9F) return 2;
-    if (c == 0xE2 && pos + 2 < text.size() && byte(pos + 1) == 0x80 && (byte(pos + 2) == 0xA8 || byte(pos + 2) == 0xA9)) {
-        return 3;
+// The character at `pos`: its length in bytes (1 for a byte that starts no valid UTF-8
+// sequence) and its code point, -1 for such a byte.
+struct Character {
+    std::size_t length;
+    utf8proc_int32_t codePoint;
+};
+
+Character characterAt(std::string_view text, std::size_t pos) noexcept {
+    auto c = static_cast<unsigned char>(text[pos]);
+    if (c < 0x80) return {1, c};
+    std::size_t end = pos;
+    utf8proc_int32_t codePoint = next(text, end);
+    return {end - pos, codePoint};
+}
+
+// Whether the character moves the cursor, clears a screen, retitles a terminal or breaks a line:
+// C0, DEL, C1, the line and paragraph separators, and a lone byte 0x80 to 0x9F, which a terminal
+// in 8-bit mode takes for C1 (0x9B starts a sequence there as ESC [ does).
+bool isControl(std::string_view text, std::size_t pos, const Character& character) noexcept {
+    if (character.codePoint < 0) {
+        auto c = static_cast<unsigned char>(text[pos]);
+        return c >= 0x80 && c <= 0x9F;
     }
-    return 0;
+    const auto codePoint = character.codePoint;
+    return codePoint < 0x20 || (codePoint >= 0x7F && codePoint <= 0x9F) || codePoint == 0x2028 || codePoint == 0x2029;
 }
 
 }  // namespace
 
 bool hasControlCharacter(std::string_view text) noexcept {
-    for (std::size_t pos = 0; pos < text.size(); ++pos) {
-        if (controlLength(text, pos) != 0) return true;
+    for (std::size_t pos = 0; pos < text.size();) {
+        Character character = characterAt(text, pos);
+        if (isControl(text, pos, character)) return true;
+        pos += character.length;
     }
     return false;
 }
@@ -244,22 +262,25 @@ std::string escapingControlCharacters(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     for (std::size_t pos = 0; pos < text.size();) {
-        std::size_t length = controlLength(text, pos);
-        if (length == 0) {
-            out += text[pos++];
+        Character character = characterAt(text, pos);
+        if (!isControl(text, pos, character)) {
+            out.append(text, pos, character.length);
+            pos += character.length;
             continue;
         }
-        char32_t codePoint = decode(text.substr(pos, length)).front();
-        if (length == 1) {
+        // A lone byte is written as the byte it is; a character by its code point.
+        const auto value = character.codePoint < 0 ? static_cast<unsigned char>(text[pos])
+                                                   : static_cast<std::uint32_t>(character.codePoint);
+        if (character.length == 1) {
             out += "\\x";
         } else {
             out += "\\u";
-            out += hex[(codePoint >> 12) & 15];
-            out += hex[(codePoint >> 8) & 15];
+            out += hex[(value >> 12) & 15];
+            out += hex[(value >> 8) & 15];
         }
-        out += hex[(codePoint >> 4) & 15];
-        out += hex[codePoint & 15];
-        pos += length;
+        out += hex[(value >> 4) & 15];
+        out += hex[value & 15];
+        pos += character.length;
     }
     return out;
 }

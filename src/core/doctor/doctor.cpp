@@ -60,14 +60,52 @@ std::string displayName(ToolKind kind) {
     return std::string(toolkind::displayName(kind));
 }
 
-// The whole file when it can be read and is UTF-8.
-std::optional<std::string> readText(const std::string& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) return std::nullopt;
-    std::string text;
-    if (readAll(fd.get(), text) != 0 || !unicode::isValidUTF8(text)) return std::nullopt;
-    return text;
+// Far more than any start-up file a shell reads at every start.
+constexpr std::size_t startupFileLimit = 8 * 1024 * 1024;
+
+// The whole file when it is a regular file of a start-up file's size and is UTF-8: a FIFO, a
+// device or a huge sparse file in its place is skipped like an unreadable one.
+std::optional<std::string> readText(const std::string& path) noexcept {
+    try {
+        auto text = readRegularFile(path, startupFileLimit);
+        if (!text || !unicode::isValidUTF8(*text)) return std::nullopt;
+        return text;
+    } catch (...) {
+        return std::nullopt;
+    }
 }
+
+// 2999990 as "2,999,990".
+std::string grouped(std::size_t number) {
+    std::string digits = std::to_string(number);
+    for (std::size_t at = digits.size(); at > 3; at -= 3) digits.insert(at - 3, ",");
+    return digits;
+}
+
+// Findings of one kind, of which a report shows the first few and counts the rest: a file with
+// millions of alias lines must not make a report of millions of lines.
+class Findings {
+public:
+    static constexpr std::size_t shown = 10;
+
+    void add(std::string finding) {
+        if (kept_.size() < shown) {
+            kept_.push_back(std::move(finding));
+        } else {
+            ++more_;
+        }
+    }
+    bool empty() const noexcept { return kept_.empty(); }
+    std::string joined(std::string_view separator) const {
+        std::string text = veerline::joined(kept_, separator);
+        if (more_ > 0) text += std::string(separator) + "and " + grouped(more_) + " more";
+        return text;
+    }
+
+private:
+    std::vector<std::string> kept_;
+    std::size_t more_ = 0;
+};
 
 class Run {
 public:
@@ -188,24 +226,24 @@ private:
     }
 
     void dataFolders(const ProfileDocument& document) {
-        std::vector<std::string> notWritable;
+        Findings notWritable;
         for (const Profile& profile : document.profiles) {
             if (profile.storage != Profile::Storage::managed) continue;
             for (ToolKind tool : profile.tools()) {
                 std::string folder = paths_.dataDirectory(tool, profile.id);
                 if (PathUtil::isDirectory(folder) && ::access(folder.c_str(), W_OK) != 0) {
-                    notWritable.push_back(paths_.abbreviate(folder));
+                    notWritable.add(paths_.abbreviate(folder));
                 }
             }
         }
         std::string existing = paths_.supportDirectory();
         while (!PathUtil::isDirectory(existing) && existing != "/") existing = PathUtil::parent(existing);
-        if (::access(existing.c_str(), W_OK) != 0) notWritable.push_back(paths_.abbreviate(existing));
+        if (::access(existing.c_str(), W_OK) != 0) notWritable.add(paths_.abbreviate(existing));
 
         if (notWritable.empty()) {
             add("datadirs", Level::ok, "Data folders are writable");
         } else {
-            add("datadirs", Level::failure, "Some data folders aren't writable", joined(notWritable, ", "),
+            add("datadirs", Level::failure, "Some data folders aren't writable", notWritable.joined(", "),
                 "Fix ownership with `sudo chown -R $USER " +
                     ShellQuote::quote(paths_.abbreviate(paths_.supportDirectory())) + "`.");
         }
@@ -265,22 +303,22 @@ private:
     }
 
     void otherSwitchers() {
-        std::vector<std::string> found;
+        Findings found;
         const std::string* path = variable("PATH");
         BinaryLocator everywhere(path ? *path : std::string(), {});
         for (std::string_view name : Doctor::conflictingExecutables) {
-            if (auto executable = everywhere.find(std::string(name))) found.push_back(paths_.abbreviate(*executable));
+            if (auto executable = everywhere.find(std::string(name))) found.add(paths_.abbreviate(*executable));
         }
         // Only bundles in Applications folders are apps there; elsewhere the search means nothing.
         if (platform::hasApplicationBundles()) {
             for (const std::string& folder : {paths_.applicationsDirectory, paths_.home + "/Applications"}) {
-                for (const std::string& app : switcherApps(folder)) found.push_back(paths_.abbreviate(app));
+                for (const std::string& app : switcherApps(folder)) found.add(paths_.abbreviate(app));
             }
         }
         if (found.empty()) {
             add("conflicts", Level::ok, "No other account switchers found");
         } else {
-            add("conflicts", Level::warning, "Other account-switching tools are installed", joined(found, ", "),
+            add("conflicts", Level::warning, "Other account-switching tools are installed", found.joined(", "),
                 "Use one switcher at a time. Uninstall the others, or stop using them for Claude and Codex.");
         }
     }
@@ -336,7 +374,7 @@ private:
     }
 
     void aliases() {
-        std::vector<std::string> hits;
+        Findings hits;
         for (std::string_view file : Doctor::aliasFiles) {
             auto text = readText(paths_.home + "/" + std::string(file));
             if (!text) continue;
@@ -353,14 +391,14 @@ private:
                 if (line.starts_with("#")) continue;
                 for (const CommandLineTool& tool : commandLineTools) {
                     if (bypasses(line, tool.command)) {
-                        hits.push_back("~/" + std::string(file) + ":" + std::to_string(number) + " (" +
+                        hits.add("~/" + std::string(file) + ":" + std::to_string(number) + " (" +
                                        std::string(tool.command) + ")");
                     }
                 }
             }
         }
         if (hits.empty()) return;
-        add("aliases", Level::warning, "A shell alias or function bypasses Veerline", joined(hits, ", "),
+        add("aliases", Level::warning, "A shell alias or function bypasses Veerline", hits.joined(", "),
             "Remove or rename the alias so `claude` and `codex` reach the Veerline shim.");
     }
 
@@ -451,16 +489,16 @@ private:
     void ask(std::vector<Question>& questions) {
         if (questions.empty()) return;
         std::mutex progressLock;
-        std::vector<bool> open(questions.size(), false);
+        std::vector<bool> asking(questions.size(), false);
         std::size_t answered = 0;
-        auto report = [&](std::size_t index, bool asking) {
+        auto report = [&](std::size_t index, bool nowAsking) {
             if (!doctor_.onProgress) return;
             std::lock_guard lock(progressLock);
-            open[index] = asking;
-            if (!asking) ++answered;
+            asking[index] = nowAsking;
+            if (!nowAsking) ++answered;
             Doctor::Progress progress{answered, questions.size(), {}};
             for (std::size_t i = 0; i < questions.size(); ++i) {
-                if (open[i]) progress.waitingOn.push_back(questions[i].label);
+                if (asking[i]) progress.waitingOn.push_back(questions[i].label);
             }
             try {
                 doctor_.onProgress(progress);

@@ -286,6 +286,11 @@ void ProfileDocument::validate() const {
                                                 " holds a control character or line break. Use letters, "
                                                 "numbers, spaces and punctuation.");
         }
+        if (unicode::hasControlCharacter(candidate.badge)) {
+            throw VeerlineError::invalidProfile("The badge " + curlyQuoted(unicode::escapingControlCharacters(candidate.badge)) +
+                                                " holds a control character or line break. Use letters, numbers, "
+                                                "spaces and punctuation.");
+        }
         if (unicode::characterCount(name) > 40) {
             throw VeerlineError::invalidProfile(curlyQuoted(name) +
                                                 " is too long. Use 40 characters or fewer.");

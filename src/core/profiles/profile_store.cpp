@@ -7,29 +7,19 @@
 
 #include <nlohmann/json.hpp>
 
-#include <dirent.h>
-#include <signal.h>
 
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
-#include <memory>
 #include <vector>
 
 #include "base/error.h"
 #include "base/file_io.h"
 #include "profiles/quick_document_decoder.h"
-#include "platform/platform.h"
 
 namespace veerline {
 
 namespace {
-
-std::uint32_t randomUInt32() noexcept {
-    std::uint32_t high = platform::secureRandomBelow(1u << 16);
-    std::uint32_t low = platform::secureRandomBelow(1u << 16);
-    return (high << 16) | low;
-}
 
 // The version alone, read before the whole document so that a newer format is reported as
 // such even when the rest of it would not decode. Nothing when it cannot be read.
@@ -189,54 +179,13 @@ void ProfileStore::commit(const ProfileDocument& loaded, const ProfileDocument& 
     write(edited);
 }
 
-void ProfileStore::removeStaleTemporaryFiles(const std::string& folder, const std::string& targetName) {
-    std::unique_ptr<DIR, FolderCloser> listing(::opendir(folder.c_str()));
-    if (!listing) return;
-    const std::string prefix = targetName + ".tmp.";
-    std::vector<std::string> stale;
-    while (const dirent* entry = ::readdir(listing.get())) {
-        std::string_view name(entry->d_name);
-        if (!name.starts_with(prefix)) continue;
-        // NAME.tmp.PID.RANDOM, as `write` names them.
-        std::string_view rest = name.substr(prefix.size());
-        std::size_t dot = rest.find('.');
-        std::string_view pid = rest.substr(0, dot);
-        if (dot == std::string_view::npos || pid.empty() || pid.size() > 9 ||
-            pid.find_first_not_of("0123456789") != std::string_view::npos ||
-            rest.substr(dot + 1).find_first_not_of("0123456789") != std::string_view::npos) {
-            continue;
-        }
-        pid_t owner = static_cast<pid_t>(std::stol(std::string(pid)));
-        if (owner == ::getpid() || owner <= 0) continue;
-        if (::kill(owner, 0) != 0 && errno == ESRCH) stale.emplace_back(name);
-    }
-    for (const std::string& name : stale) ::unlink((folder + "/" + name).c_str());
-}
-
 void ProfileStore::write(const ProfileDocument& document) const {
     const std::string bytes = encodeDocument(document);
-    const std::string target = saveTarget(paths_.profilesFile());
-    const std::string folder = PathUtil::parent(target);
-    // Saves killed outright (SIGKILL, a power cut) leave their temporary files; this save holds
-    // the lock, so any left by processes that are gone are nobody's.
-    removeStaleTemporaryFiles(folder, target.substr(folder.size() + (folder == "/" ? 0 : 1)));
-    const std::string temporaryPath =
-        target + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(randomUInt32());
-
-    FileDescriptor file(::open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!file) throw ioErrorFromErrno("write " + temporaryPath, errno);
-    TemporaryFile cleanup(temporaryPath);
-    ::fchmod(file.get(), 0600);
-
-    int error = writeAll(file.get(), bytes);
-    if (error == 0 && ::fsync(file.get()) != 0) error = errno;
-    if (int closed = file.close(); closed != 0 && error == 0 && closed != EINTR) error = closed;
-    if (error != 0) throw ioErrorFromErrno("save profiles", error);
-
-    if (::rename(temporaryPath.c_str(), target.c_str()) != 0) {
-        throw ioErrorFromErrno("save profiles", errno);
+    // This save holds the lock, so temporary files other saves left behind are nobody's: the
+    // writer sweeps those of processes that are gone.
+    if (int error = replaceFileAtomically(saveTarget(paths_.profilesFile()), bytes, 0600); error != 0) {
+        throw ioErrorFromErrno("save profiles", error);
     }
-    cleanup.keep();
 }
 
 }  // namespace veerline

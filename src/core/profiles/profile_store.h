@@ -70,8 +70,6 @@ private:
     void ensureSupportDirectory() const;
     void commit(const ProfileDocument& loaded, const ProfileDocument& edited) const;
     void write(const ProfileDocument& document) const;
-    // Removes temporary files left in `folder` by saves of processes that no longer run.
-    static void removeStaleTemporaryFiles(const std::string& folder, const std::string& targetName);
 
     Paths paths_;
 };

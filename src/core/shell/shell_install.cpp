@@ -18,27 +18,6 @@ namespace {
 
 constexpr const char* resolverLink = "../libexec/veerline-resolve";
 
-// Byte-for-byte comparison; false when either file can't be read.
-bool contentsEqual(const std::string& first, const std::string& second) {
-    FileDescriptor a(::open(first.c_str(), O_RDONLY | O_CLOEXEC));
-    FileDescriptor b(::open(second.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!a || !b) return false;
-    struct stat infoA {};
-    struct stat infoB {};
-    if (::fstat(a.get(), &infoA) != 0 || ::fstat(b.get(), &infoB) != 0) return false;
-    if (!S_ISREG(infoA.st_mode) || !S_ISREG(infoB.st_mode) || infoA.st_size != infoB.st_size) return false;
-    static constexpr std::size_t chunk = 65536;
-    std::string bufferA;
-    std::string bufferB;
-    for (;;) {
-        bufferA.clear();
-        bufferB.clear();
-        if (readAll(a.get(), bufferA, chunk) != 0 || readAll(b.get(), bufferB, chunk) != 0) return false;
-        if (bufferA != bufferB) return false;
-        if (bufferA.empty()) return true;
-    }
-}
-
 }  // namespace
 
 std::vector<ShellIntegration::FileChange> ShellIntegration::install(
@@ -129,7 +108,7 @@ std::vector<std::string> ShellIntegration::staleBinaries(const std::string& reso
             {resolver, "veerline-resolve"}, {cli, "veerline"}, {launcher, "veerline-launcher"}};
         for (const auto& [source, name] : sources) {
             if (!source || !PathUtil::isExecutableFile(*source)) continue;
-            if (!contentsEqual(*source, libexec() + "/" + name)) stale.emplace_back(name);
+            if (!sameFileContents(*source, libexec() + "/" + name)) stale.emplace_back(name);
         }
     } catch (...) {
     }

@@ -1,6 +1,5 @@
 #include "tools/codex_adapter.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,36 +21,19 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-// Puts `content` at `target` atomically: the file is written beside it, then hard-linked into
-// place, which never replaces anything already there, or renamed over it when `replace` is set.
-void putFileAtomically(const std::string& target, std::string_view content, bool replace) {
-    TemporaryFile temporary(temporaryPathBeside(target));
-    if (int error = writeNewFile(temporary.path(), content, 0600); error != 0) {
-        throw ioErrorFromErrno("write " + target, error);
-    }
-    if (!replace) {
-        if (::link(temporary.path().c_str(), target.c_str()) == 0 || errno == EEXIST) return;
-        // File systems without hard links: a plain rename, after one more look.
-        if (exists(target)) return;
-    }
-    if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw ioErrorFromErrno("write " + target, errno);
-    temporary.keep();
-}
-
 // Whether `path` is a regular file holding exactly a starter text of an earlier version.
-bool holdsOutdatedStarter(const std::string& path) {
-    auto outdated = platform::outdatedCodexStarterConfigs();
-    if (outdated.empty()) return false;
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
-    struct stat st {};
-    if (!file || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-    std::size_t size = static_cast<std::size_t>(st.st_size);
-    if (std::none_of(outdated.begin(), outdated.end(), [size](std::string_view text) { return text.size() == size; })) {
+bool holdsOutdatedStarter(const std::string& path) noexcept {
+    try {
+        auto outdated = platform::outdatedCodexStarterConfigs();
+        std::size_t longest = 0;
+        for (std::string_view text : outdated) longest = std::max(longest, text.size());
+        if (longest == 0) return false;
+        std::optional<std::string> text = readRegularFile(path, longest, Links::refuse);
+        return text && std::find(outdated.begin(), outdated.end(), *text) != outdated.end();
+    } catch (...) {
+        // Too large, a link or not a file: not a starter text, so it is the user's.
         return false;
     }
-    std::string text;
-    if (readAll(file.get(), text, size + 1) != 0) return false;
-    return std::find(outdated.begin(), outdated.end(), text) != outdated.end();
 }
 
 // Nothing when the hint is missing, not a small regular file, or not UTF-8.
@@ -225,9 +207,9 @@ void CodexAdapter::prepareIn(const Paths& paths, const Profile& profile) {
     // they are an earlier version's, untouched since.
     std::string config = *folder + "/config.toml";
     if (!exists(config)) {
-        putFileAtomically(config, managedConfig(), false);
+        placeNewFileAtomically(config, managedConfig(), 0600);
     } else if (holdsOutdatedStarter(config)) {
-        putFileAtomically(config, managedConfig(), true);
+        writeFileAtomically(config, managedConfig(), 0600);
     }
 }
 

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "base/file_io.h"
+#include "base/interrupt_cleanup.h"
 #include "base/unicode.h"
 #include "platform/platform.h"
 
@@ -95,60 +96,74 @@ private:
     bool ok_ = false;
 };
 
-// Owns a started child until it has been reaped. If the run is left early (an exception), the
-// child is killed and reaped so that no zombie or stray process outlives the run.
+// Owns a started child, the leader of a process group of its own, until it has been reaped. If
+// the run is left early (an exception), the whole group is killed and the child reaped, so that
+// no zombie or stray process outlives the run. The child's end is first only noticed (WNOWAIT):
+// while it stays unreaped its process identifier, and so its group's, can't be handed to anyone
+// else, and signalling the group reaches only what the child started.
 class Child {
 public:
-    explicit Child(pid_t pid) : pid_(pid) {}
+    explicit Child(pid_t pid) : pid_(pid), interrupted_(pid) {}
     ~Child() {
         if (!reaped_) {
-            ::kill(pid_, SIGKILL);
-            int status = 0;
-            while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-            }
+            signalGroup(SIGKILL);
+            reap();
         }
     }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    bool reaped() const noexcept { return reaped_; }
+    bool ended() const noexcept { return ended_; }
     int exitCode() const noexcept { return exitCode_; }
 
-    // Signals only while the pid is still ours: an unreaped child (even a zombie) keeps its
-    // process identifier, so it cannot have been handed to another process.
-    void signal(int number) const noexcept {
-        if (!reaped_) ::kill(pid_, number);
+    void signalGroup(int number) const noexcept {
+        if (!reaped_) ::kill(-pid_, number);
     }
 
-    // Reaps the child if it has ended; with `block`, waits until it does.
-    bool tryReap(bool block) noexcept {
-        if (reaped_) return true;
-        int status = 0;
+    // Whether the child has ended, without reaping it; with `block`, waits until it does.
+    bool noticeEnd(bool block) noexcept {
+        if (ended_) return true;
         for (;;) {
-            pid_t result = ::waitpid(pid_, &status, block ? 0 : WNOHANG);
-            if (result == pid_) break;
-            if (result == 0) return false;
+            siginfo_t info {};
+            if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT | (block ? 0 : WNOHANG)) == 0) {
+                if (info.si_pid != pid_) return false;
+                ended_ = true;
+                return true;
+            }
             if (errno == EINTR) continue;
-            // ECHILD: someone else collected it (SIGCHLD ignored); its status is lost.
-            reaped_ = true;
-            exitCode_ = -1;
+            // ECHILD: someone else collected it (SIGCHLD ignored); its status is lost, and its
+            // identifier may be anyone's by now.
+            interrupted_.dismiss();
+            reaped_ = ended_ = true;
             return true;
         }
-        reaped_ = true;
-        if (WIFEXITED(status)) {
+    }
+
+    void reap() noexcept {
+        if (reaped_) return;
+        // Before the identifier is given back, not after.
+        interrupted_.dismiss();
+        int status = 0;
+        pid_t result;
+        while ((result = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
+        }
+        reaped_ = ended_ = true;
+        if (result != pid_) {
+            exitCode_ = -1;  // its status is lost
+        } else if (WIFEXITED(status)) {
             exitCode_ = WEXITSTATUS(status);
         } else if (WIFSIGNALED(status)) {
             exitCode_ = WTERMSIG(status);
-        } else {
-            exitCode_ = -1;
         }
-        return true;
     }
 
 private:
     pid_t pid_;
+    bool ended_ = false;
     bool reaped_ = false;
     int exitCode_ = -1;
+    // A Ctrl-C reaches only the terminal's group, which the child has left: it is passed on.
+    SignalGroupOnInterrupt interrupted_;
 };
 
 // Pipes are made close-on-exec in two steps; holding this while creating them and spawning keeps
@@ -220,7 +235,10 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
         sigaddset(&defaults, SIGINT);
         ::posix_spawnattr_setsigmask(attributes.get(), &noSignals);
         ::posix_spawnattr_setsigdefault(attributes.get(), &defaults);
-        ::posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        // A group of its own, so that a time-out ends whatever the tool started as well.
+        ::posix_spawnattr_setpgroup(attributes.get(), 0);
+        ::posix_spawnattr_setflags(attributes.get(),
+                                   POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
         int spawned = ::posix_spawn(&pid, executable.c_str(), actions.get(), attributes.get(),
                                     argv.data(), envp.data());
@@ -237,7 +255,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
     // - Draining and waiting for the child share one clock. At the time-out the child gets
     //   SIGTERM, 2 s later SIGKILL, whether it still holds the pipes or has closed them and
     //   carries on running; so a child cannot hold the run by closing its outputs early.
-    // - The pipes are read only while the child itself may still write: once it has been reaped
+    // - The pipes are read only while the child itself may still write: once it has ended
     //   (or 2 s after SIGKILL), they get a short grace and are then closed unread. A descendant
     //   that inherited them therefore never hangs the run; it sees EPIPE if it writes later.
     // `timedOut` is true whenever the time-out expired before the run was over.
@@ -253,10 +271,10 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
         bool anyOpen = outRead || errRead;
         auto now = Clock::now();
 
-        if (!child.reaped() && child.tryReap(false)) {
+        if (!child.ended() && child.noticeEnd(false)) {
             pipeDeadline = std::min(stageEnd, now + orphanedPipeGrace);
         }
-        if (child.reaped()) {
+        if (child.ended()) {
             if (!anyOpen) break;
             if (now >= pipeDeadline) {
                 if (stage == 0 && now >= stageEnd) timedOut = true;
@@ -266,23 +284,23 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
         } else if (now >= stageEnd) {
             if (stage == 0) {
                 timedOut = true;
-                child.signal(SIGTERM);
+                child.signalGroup(SIGTERM);
                 stage = 1;
                 stageEnd = now + terminationGrace;
             } else if (stage == 1) {
-                child.signal(SIGKILL);
+                child.signalGroup(SIGKILL);
                 stage = 2;
                 stageEnd = now + killedPipeGrace;
             } else {
-                // Killed and still not reaped: stop reading and wait for the system to end it.
+                // Killed and still not gone: stop reading and wait for the system to end it.
                 for (auto* stream : streams) stream->close();
-                child.tryReap(true);
+                child.noticeEnd(true);
                 break;
             }
             continue;
         }
 
-        Clock::time_point wakeAt = child.reaped() ? pipeDeadline : stageEnd;
+        Clock::time_point wakeAt = child.ended() ? pipeDeadline : stageEnd;
         int waitMs = millisecondsUntil(wakeAt, now);
         if (!anyOpen) {
             // Both outputs are closed; the child is about to end (or keeps running on its own).
@@ -293,7 +311,7 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
         }
         // While the child runs, look at it now and then: its end can't be seen on the pipes
         // when a descendant holds them.
-        if (!child.reaped()) waitMs = std::min(waitMs, 50);
+        if (!child.ended()) waitMs = std::min(waitMs, 50);
 
         std::array<pollfd, 2> fds{};
         std::array<int, 2> which{};
@@ -312,13 +330,17 @@ ProcessResult runUnguarded(const std::string& executable, const std::vector<std:
             int i = which[k];
             ssize_t got = ::read(streams[i]->get(), chunk.data(), chunk.size());
             if (got > 0) {
-                buffers[i].append(chunk.data(), static_cast<std::size_t>(got));
+                // Beyond the bound the output is still drained, so the child never blocks, but dropped.
+                const std::size_t room = maxKeptOutput - std::min(maxKeptOutput, buffers[i].size());
+                buffers[i].append(chunk.data(), std::min(room, static_cast<std::size_t>(got)));
             } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
                 streams[i]->close();
             }
         }
     }
-    child.tryReap(true);
+    // Whatever the tool left running in its group when it ran out of time goes with it.
+    if (timedOut) child.signalGroup(SIGKILL);
+    child.reap();
 
     ProcessResult result;
     result.exitCode = child.exitCode();

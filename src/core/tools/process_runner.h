@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <future>
 #include <string>
@@ -26,6 +27,9 @@ struct ProcessResult {
 // Runs one executable (never through a shell) with an explicit argument list and a complete
 // environment, standard input from /dev/null, and a time-out.
 namespace ProcessRunner {
+
+// What is kept of each output stream; the rest is read and dropped. Status answers are a few lines.
+inline constexpr std::size_t maxKeptOutput = 1024 * 1024;
 
 ProcessResult runSync(const std::string& executable, const std::vector<std::string>& arguments,
                       const Environment& environment, double timeout) noexcept;

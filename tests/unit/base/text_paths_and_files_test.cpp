@@ -48,7 +48,9 @@ TEST(UnicodeTest, CaseClustersTrimmingAndRepair) {
                       {unicode::repairUTF8("a\xff" "b"), "a\uFFFD" "b"},
                       // Nothing read from a file may move the cursor or clear a terminal.
                       {unicode::escapingControlCharacters("a\x1b[2J\u009B\u2028\n\xff"),
-                       "a\\x1B[2J\\u009B\\u2028\\x0A\xff"}});
+                       "a\\x1B[2J\\u009B\\u2028\\x0A\xff"},
+                      // A lone 0x9B is CSI to an 8-bit terminal; inside a character ("Û") it is not.
+                      {unicode::escapingControlCharacters("\x9b" "8m\u00DB\x7f"), "\\x9B8m\u00DB\\x7F"}});
     EXPECT_TRUE(unicode::equalIgnoringCase("Straße", "STRASSE"));
     EXPECT_FALSE(unicode::equalIgnoringCase("work", "works"));
     EXPECT_EQ(unicode::graphemeClusters("e\u0301x🇫🇷"), (std::vector<std::string>{"e\u0301", "x", "🇫🇷"}));

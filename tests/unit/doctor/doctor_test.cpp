@@ -1,5 +1,8 @@
 #include "doctor/doctor.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -124,6 +127,19 @@ TEST_F(DoctorTest, FromAFreshHomeToEverythingWrongAtOnce) {
                                           "~/Library/Application Support/Veerline/claude-code/w",
                                           "Fix ownership with `sudo chown -R $USER '~/Library/Application Support/Veerline'`."}}));
     ::chmod(locked.c_str(), 0700);
+}
+
+TEST_F(DoctorTest, StartUpFilesThatCantBeReadQuicklyAreSkippedAndLongFindingsCounted) {
+    // A FIFO would hang the alias check, a huge sparse file swamp it.
+    testing::makeDirs(home);
+    ASSERT_EQ(::mkfifo((home + "/.bashrc").c_str(), 0600), 0);
+    testing::writeFile(home + "/.profile", "alias claude=x\n");
+    ASSERT_EQ(::truncate((home + "/.profile").c_str(), off_t{1} << 30), 0);
+    std::string lines, shown;
+    for (int line = 1; line <= 1015; ++line) lines += "alias codex=x\n";
+    for (int line = 1; line <= 10; ++line) shown += "~/.zshrc:" + std::to_string(line) + " (codex), ";
+    testing::writeFile(home + "/.zshrc", lines);
+    EXPECT_EQ(withID("aliases")[0].detail, shown + "and 1,005 more");
 }
 
 TEST_F(DoctorTest, DeepRunsReportEverySignInInOrderAndSharedAccounts) {

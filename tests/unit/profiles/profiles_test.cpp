@@ -240,7 +240,7 @@ protected:
     }
     bool leftTemporaryFiles() const {
         auto names = testing::entriesOf(paths.supportDirectory());
-        return std::ranges::any_of(names, [](const std::string& name) { return name.starts_with("profiles.json.tmp."); });
+        return std::ranges::any_of(names, [](const std::string& name) { return name.starts_with(".profiles.json."); });
     }
 };
 

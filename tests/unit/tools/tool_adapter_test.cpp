@@ -6,6 +6,8 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -17,6 +19,8 @@
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
+#include "base/file_io.h"
+#include "base/interrupt_cleanup.h"
 #include "platform/platform.h"
 #include "shell/shell_quote.h"
 #include "support/failure.h"
@@ -50,6 +54,9 @@ TEST(ProcessRunnerTest, RealChildrenSideBySideAndTheBaseEnvironmentTheyGet) {
         {"printf out; printf err >&2; exit 3", 10.0, 3, "out", "err", false, 0, 10},
         // 1 MiB on stderr first: a runner that read stdout alone would deadlock on the full pipe.
         {"head -c 1048576 /dev/zero | tr '\\0' x >&2; printf done", 20.0, 0, "done", std::string(1 << 20, 'x'),
+         false, 0, 20},
+        // What is kept is bounded; the rest is read and dropped, so the child still ends.
+        {"head -c 3145728 /dev/zero | tr '\\0' x; printf done >&2", 20.0, 0, std::string(1 << 20, 'x'), "done",
          false, 0, 20},
         {"trap '' TERM; while :; do sleep 0.1; done", 0.5, SIGKILL, "", "", true, 2.4, 5.0},
         // Closing its outputs early doesn't save a child from the time-out.
@@ -100,6 +107,33 @@ TEST(ProcessRunnerTest, RealChildrenSideBySideAndTheBaseEnvironmentTheyGet) {
     if (platform::sessionServiceVariables().empty()) return;
     Environment session{{"DBUS_SESSION_BUS_ADDRESS", "unix:path=/run/user/1000/bus"}, {"XDG_RUNTIME_DIR", "/run/user/1000"}};
     EXPECT_EQ(ProcessRunner::baseEnvironment(session), session);
+}
+
+TEST(ProcessRunnerTest, ATimedOutOrInterruptedToolTakesWhatItStartedWithIt) {
+    for (bool interrupted : {false, true}) {
+        // The tool and what it starts inherit the pipe's write end: end of file means all are gone.
+        int ends[2];
+        ASSERT_EQ(::pipe(ends), 0);
+        FileDescriptor readEnd(ends[0]), writeEnd(ends[1]);
+        // A Ctrl-C reaches what runs in the foreground, as it would from the terminal; a time-out ends all.
+        const std::string script =
+            "printf x > /dev/fd/" + std::to_string(ends[1]) + (interrupted ? "; " : "; sleep 100000 & ") + "sleep 100000";
+        pid_t runner = ::fork();
+        if (runner == 0) {
+            RemoveOnInterrupt::installHandlers();
+            ProcessResult result = ProcessRunner::runSync("/bin/sh", {"-c", script}, {{"PATH", testing::systemPath()}},
+                                                          interrupted ? 1e6 : 0.2);
+            ::_exit(result.timedOut ? 0 : 1);
+        }
+        writeEnd.close();
+        char byte = 0;
+        ASSERT_EQ(::read(readEnd.get(), &byte, 1), 1);
+        if (interrupted) ::kill(runner, SIGINT);
+        int status = 0;
+        ASSERT_EQ(::waitpid(runner, &status, 0), runner);
+        EXPECT_EQ(status, interrupted ? SIGINT : 0) << interrupted;
+        EXPECT_EQ(::read(readEnd.get(), &byte, 1), 0) << interrupted;
+    }
 }
 
 TEST(ToolAnswerTest, CodexFirstDecidingLineAndAccountJSON) {
