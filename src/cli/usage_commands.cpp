@@ -104,9 +104,7 @@ public:
             file_ = UsageCacheFile::location(context.paths.home, context.environment);
             // A cache file that could not be used is written afresh even when nothing new is
             // parsed, so that the next run does not stumble over it again.
-            if (UsageCacheFile::load(*file_, *provider_.cache()) == UsageCacheFile::LoadResult::rejected) {
-                savedGeneration_ = ~std::uint64_t(0);
-            }
+            rebuild_ = UsageCacheFile::load(*file_, *provider_.cache()) == UsageCacheFile::LoadResult::rejected;
         }
     }
 
@@ -116,11 +114,12 @@ public:
     // run or the usual commands ask about are left out.
     void save(Moment now, const std::vector<double>& windows) {
         std::uint64_t generation = provider_.cache()->generation();
-        if (file_ && generation != savedGeneration_) {
+        if (file_ && (generation != savedGeneration_ || rebuild_)) {
             double longest = ActivitySummary::sevenDays;
             for (double window : windows) longest = std::max(longest, window);
             UsageCacheFile::save(*file_, *provider_.cache(), now - std::chrono::duration<double>(longest));
             savedGeneration_ = generation;
+            rebuild_ = false;
         }
     }
 
@@ -128,6 +127,7 @@ private:
     LocalLogUsageProvider provider_;
     std::optional<std::string> file_;
     std::uint64_t savedGeneration_ = 0;
+    bool rebuild_ = false;
 };
 
 struct UsageRow {
