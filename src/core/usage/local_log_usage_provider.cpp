@@ -75,7 +75,8 @@ void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& f
                 std::vector<Unreadable>& unreadable) {
     DIR* directory = ::opendir(folder.c_str());
     if (directory == nullptr) {
-        if (worthAWarning(errno)) unreadable.push_back({folder, errno, true});
+        const int error = errno;
+        if (worthAWarning(error)) unreadable.push_back({folder, error, true});
         return;
     }
     std::unique_ptr<DIR, int (*)(DIR*)> closer(directory, ::closedir);
