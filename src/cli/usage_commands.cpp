@@ -3,12 +3,10 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
-#include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <future>
 #include <iostream>
@@ -25,6 +23,7 @@
 #include "resolution/rule_resolver.h"
 #include "tools/tool_registry.h"
 #include "usage/local_log_usage_provider.h"
+#include "usage/status_line_input.h"
 #include "usage/usage_cache_file.h"
 
 namespace veerline::cli {
@@ -44,6 +43,10 @@ Moment currentMoment() {
     return std::chrono::time_point_cast<Moment::duration>(std::chrono::system_clock::now());
 }
 
+// The longest window: a century of logs is more than any tool has written, and past it the
+// arithmetic on dates stops being exact.
+constexpr double kLongestWindow = 36500.0 * 86400;
+
 // "5h", "7d", "90m", "30s" or plain seconds.
 double parseWindow(const std::string& text) {
     std::string number = text;
@@ -58,12 +61,14 @@ double parseWindow(const std::string& text) {
         }
     }
     double value = 0;
-    std::istringstream in(number);
-    in.imbue(std::locale::classic());
     bool digitsOnly = !number.empty() && number.find_first_not_of("0123456789.") == std::string::npos;
-    if (!digitsOnly || !(in >> value) || !in.eof() || !(value > 0) || !std::isfinite(value * unit)) {
+    auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
+    if (!digitsOnly || error == std::errc::invalid_argument || end != number.data() + number.size() || !(value > 0)) {
         throw UsageError(curlyQuoted(text) + " isn't a time window. Use a number of seconds or one with a unit: "
                                              "30s, 90m, 5h, 7d.");
+    }
+    if (error == std::errc::result_out_of_range || value * unit > kLongestWindow) {
+        throw UsageError(curlyQuoted(text) + " is too long a time window: the longest is 36500d.");
     }
     return value * unit;
 }
@@ -97,7 +102,9 @@ public:
                     std::make_shared<LocalLogUsageProvider::EventCache>()) {
         if (useDiskCache) {
             file_ = UsageCacheFile::location(context.paths.home, context.environment);
-            UsageCacheFile::load(*file_, *provider_.cache());
+            // A cache file that could not be used is written afresh even when nothing new is
+            // parsed, so that the next run does not stumble over it again.
+            rebuild_ = UsageCacheFile::load(*file_, *provider_.cache()) == UsageCacheFile::LoadResult::rejected;
         }
     }
 
@@ -107,11 +114,12 @@ public:
     // run or the usual commands ask about are left out.
     void save(Moment now, const std::vector<double>& windows) {
         std::uint64_t generation = provider_.cache()->generation();
-        if (file_ && generation != savedGeneration_) {
+        if (file_ && (generation != savedGeneration_ || rebuild_)) {
             double longest = ActivitySummary::sevenDays;
             for (double window : windows) longest = std::max(longest, window);
             UsageCacheFile::save(*file_, *provider_.cache(), now - std::chrono::duration<double>(longest));
             savedGeneration_ = generation;
+            rebuild_ = false;
         }
     }
 
@@ -119,13 +127,38 @@ private:
     LocalLogUsageProvider provider_;
     std::optional<std::string> file_;
     std::uint64_t savedGeneration_ = 0;
+    bool rebuild_ = false;
 };
 
 struct UsageRow {
     const Profile* profile;
     ToolKind tool;
     std::vector<ActivitySummary> summaries;
+    std::vector<std::string> warnings;  // folders and logs that could not be read
 };
+
+// The rows' warnings, each once: two profiles may share a tool's default folder.
+std::vector<std::string> allWarnings(const std::vector<std::vector<std::string>*>& lists) {
+    std::vector<std::string> all;
+    for (const auto* list : lists) {
+        for (const std::string& warning : *list) {
+            if (std::find(all.begin(), all.end(), warning) == all.end()) all.push_back(warning);
+        }
+    }
+    return all;
+}
+
+// One line each on standard error; a long list is cut short, as a folder of unreadable logs can
+// hold thousands.
+void printWarnings(const std::vector<std::string>& warnings) {
+    constexpr std::size_t shown = 10;
+    for (std::size_t i = 0; i < std::min(shown, warnings.size()); ++i) {
+        std::cerr << "veerline: warning: " << warnings[i] << " (not counted)\n";
+    }
+    if (warnings.size() > shown) {
+        std::cerr << "veerline: warning: and " << warnings.size() - shown << " more that couldn't be read\n";
+    }
+}
 
 std::vector<UsageRow> usageRows(const ProfileDocument& document, const UsageOptions& options,
                                 const std::vector<double>& windows, const LocalLogUsageProvider& provider) {
@@ -141,9 +174,18 @@ std::vector<UsageRow> usageRows(const ProfileDocument& document, const UsageOpti
     std::vector<UsageRow> rows;
     for (const Profile* profile : profiles) {
         std::vector<ToolKind> tools = onlyTool ? std::vector<ToolKind>{*onlyTool} : cliTools(*profile);
-        for (ToolKind tool : tools) rows.push_back({profile, tool, provider.activities(*profile, tool, windows, now)});
+        for (ToolKind tool : tools) {
+            UsageRow& row = rows.emplace_back(UsageRow{profile, tool, {}, {}});
+            row.summaries = provider.activities(*profile, tool, windows, now, &row.warnings);
+        }
     }
     return rows;
+}
+
+std::vector<std::string> rowWarnings(std::vector<UsageRow>& rows) {
+    std::vector<std::vector<std::string>*> lists;
+    for (UsageRow& row : rows) lists.push_back(&row.warnings);
+    return allWarnings(lists);
 }
 
 void printUsageTable(const std::vector<UsageRow>& rows, const std::vector<double>& windows, const Context& context,
@@ -184,10 +226,16 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
 
     if (options.json) {
         nlohmann::json list = nlohmann::json::array();
-        for (const UsageRow& row : usageRows(document, options, windows, session.provider())) {
-            for (const ActivitySummary& summary : row.summaries) list.push_back(summaryJSON(*row.profile, summary));
+        std::vector<UsageRow> rows = usageRows(document, options, windows, session.provider());
+        for (const UsageRow& row : rows) {
+            for (const ActivitySummary& summary : row.summaries) {
+                nlohmann::json object = summaryJSON(*row.profile, summary);
+                object["warnings"] = row.warnings;
+                list.push_back(std::move(object));
+            }
         }
         session.save(currentMoment(), windows);
+        printWarnings(rowWarnings(rows));
         std::cout << encodeStoredJSON(list);
         return 0;
     }
@@ -197,10 +245,13 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
     }
     while (true) {
         std::ostringstream screen;
-        printUsageTable(usageRows(document, options, windows, session.provider()), windows, context, screen);
+        std::vector<UsageRow> rows = usageRows(document, options, windows, session.provider());
+        printUsageTable(rows, windows, context, screen);
         session.save(currentMoment(), windows);
         if (!watching) {
             std::cout << screen.str();
+            std::cout.flush();
+            printWarnings(rowWarnings(rows));
             return 0;
         }
         // Home and clear on a terminal, so that the table is redrawn in place.
@@ -208,6 +259,7 @@ int usage(const Context& context, const UsageOptions& options, CLI::App* command
         std::cout << screen.str() << "\nEvery " << windowLabel(interval) << ". Press Ctrl-C to stop.\n";
         if (!context.outputIsTerminal) std::cout << "\n";
         std::cout.flush();
+        printWarnings(rowWarnings(rows));
         std::this_thread::sleep_for(std::chrono::duration<double>(interval));
         // Profiles added or changed meanwhile show up on the next round; a file caught halfway
         // through an edit by another program keeps the last good one on screen.
@@ -247,6 +299,7 @@ int status(const Context& context, bool json) {
         std::future<ToolStatus> status;
         ActivitySummary last5h;
         ActivitySummary last7d;
+        std::vector<std::string> warnings;
     };
     std::vector<Row> rows;
     // Every tool is asked at once: each status command may take seconds.
@@ -255,18 +308,21 @@ int status(const Context& context, bool json) {
             if (!profile.uses(adapter->kind())) continue;
             rows.push_back({&profile, adapter->kind(), std::async(std::launch::async, [adapter, &profile] {
                                 return adapter->status(profile);
-                            }), {}, {}});
+                            }), {}, {}, {}});
         }
     }
     UsageSession session(context, true);
     Moment now = currentMoment();
     for (Row& row : rows) {
-        auto summaries = session.provider().activities(*row.profile, row.tool,
-                                                       {ActivitySummary::fiveHours, ActivitySummary::sevenDays}, now);
+        auto summaries = session.provider().activities(
+            *row.profile, row.tool, {ActivitySummary::fiveHours, ActivitySummary::sevenDays}, now, &row.warnings);
         row.last5h = summaries[0];
         row.last7d = summaries[1];
     }
     session.save(now, {});
+    std::vector<std::vector<std::string>*> warningLists;
+    for (Row& row : rows) warningLists.push_back(&row.warnings);
+    printWarnings(allWarnings(warningLists));
 
     if (json) {
         nlohmann::json list = nlohmann::json::array();
@@ -279,7 +335,8 @@ int status(const Context& context, bool json) {
                             {"state", std::string(state.label())},
                             {"detail", detail ? nlohmann::json(*detail) : nlohmann::json(nullptr)},
                             {"usage5h", row.last5h.toJSON()},
-                            {"usage7d", row.last7d.toJSON()}});
+                            {"usage7d", row.last7d.toJSON()},
+                            {"warnings", row.warnings}});
         }
         std::cout << encodeStoredJSON(list);
         return 0;
@@ -304,28 +361,8 @@ int status(const Context& context, bool json) {
 // The folder Claude Code says the session works in, from the JSON it passes on standard input.
 std::optional<std::string> statusLineFolder(const Context& context) {
     if (context.inputIsTerminal) return std::nullopt;
-    // Claude Code writes a small object and closes the pipe. Whatever else is on standard input
-    // gets a short wait and a size limit, so that the status line is never held up.
-    std::string input;
-    char buffer[16384];
-    while (input.size() < (1u << 20)) {
-        struct pollfd ready {STDIN_FILENO, POLLIN, 0};
-        if (::poll(&ready, 1, 500) <= 0) return std::nullopt;
-        ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        input.append(buffer, static_cast<std::size_t>(got));
-    }
-    nlohmann::json object = nlohmann::json::parse(input, nullptr, false);
-    if (!object.is_object()) return std::nullopt;
-    auto workspace = object.find("workspace");
-    if (workspace != object.end() && workspace->is_object()) {
-        auto current = workspace->find("current_dir");
-        if (current != workspace->end() && current->is_string()) return current->get<std::string>();
-    }
-    auto cwd = object.find("cwd");
-    if (cwd != object.end() && cwd->is_string()) return cwd->get<std::string>();
-    return std::nullopt;
+    return StatusLineInput::folder(
+        StatusLineInput::readWithin(STDIN_FILENO, StatusLineInput::maxSize, StatusLineInput::budget));
 }
 
 int statusLine(const Context& context) noexcept {

@@ -5,10 +5,19 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <functional>
+
+#include "base/file_io.h"
 #include "base/paths.h"
 #include "support/test_support.h"
+#include "usage/usage_cache_file.h"
 
 namespace veerline::testing {
 namespace {
@@ -46,7 +55,7 @@ TEST(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
     EXPECT_FALSE(exists(root / "cache/veerline")) << "--no-cache writes nothing";
     auto list = json::parse(usage.out);
     EXPECT_EQ(list[0], json::parse(R"({"profile":"Work","profileID":")" + work + R"(","tool":"claude-code","window":18000,
-        "sessions":1,"inputTokens":1200,"outputTokens":34,"cacheTokens":2500})"));
+        "sessions":1,"inputTokens":1200,"outputTokens":34,"cacheTokens":2500,"warnings":[]})"));
     std::vector<std::string> rows;
     for (const auto& row : list) rows.push_back(row["profile"].dump() + row["tool"].dump() + row["window"].dump() + " " + row["inputTokens"].dump());
     EXPECT_EQ(rows, (std::vector<std::string>{R"("Work""claude-code"18000 1200)", R"("Work""claude-code"604800 51200)",
@@ -130,6 +139,70 @@ TEST(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
     EXPECT_EQ(broken[7]["id"].dump() + broken[7]["level"].dump() + broken[7]["fix"].dump(),
               R"("libexec""warning""Run `veerline shell install` to copy the current ones.")");
     EXPECT_EQ(statusLine(), "0 ");
+}
+
+
+// What may sit where `veerline` reads: a FIFO or a huge file in the cache's place, folders past the
+// system's path limit among the logs, a status line input that is never closed, a window no date
+// arithmetic can take.
+TEST(CliReportsTest, UsageAndTheStatusLineStandUpToHostileFilesAndInput) {
+    TempDir root{"veerline-cli-hostile"};
+    const std::string home = root / "home", cache = root / "cache/veerline/usage-cache.bin";
+    makeDirs(home);
+    makeDirs(root / "cache/veerline");
+    RunOptions options{{{"HOME", home}, {"PATH", "/usr/bin:/bin"}, {"XDG_CACHE_HOME", root / "cache"}}, home, "", std::nullopt, {}};
+    auto cli = [&](const std::vector<std::string>& args) { return run(VEERLINE_CLI_BINARY, args, options); };
+    std::string work = cli({"profile", "add", "Work", "--tools", "claude"}).out;
+    work = work.substr(0, work.find('\n'));
+    const std::string projects = home + "/Library/Application Support/Veerline/claude-code/" + work + "/projects";
+    writeFile(projects + "/-w/a.jsonl", claudeLine(60, "m1", 1200));
+
+    RunResult window = cli({"usage", "--window", "99999999999999999999999d"});
+    EXPECT_EQ(std::to_string(window.exitCode) + " " + window.err.substr(0, window.err.find('\n')),
+              "2 veerline: \u201c99999999999999999999999d\u201d is too long a time window: the longest is 36500d.");
+
+    const std::pair<const char*, std::function<void()>> caches[] = {
+        {"FIFO", [&] { ASSERT_EQ(::mkfifo(cache.c_str(), 0600), 0); }},
+        {"one byte over the bound", [&] {
+             writeFile(cache, "", 0600);
+             ASSERT_EQ(::truncate(cache.c_str(), static_cast<off_t>(UsageCacheFile::maxFileSize + 1)), 0);
+         }},
+    };
+    for (const auto& [name, make] : caches) {
+        make();
+        RunResult usage = cli({"usage", "--json", "--window", "5h"});
+        EXPECT_EQ(std::to_string(usage.exitCode) + " " + json::parse(usage.out)[0]["inputTokens"].dump(), "0 1200") << name;
+        struct stat info {};
+        EXPECT_TRUE(::lstat(cache.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size < 4096) << name << ": rebuilt";
+        ::unlink(cache.c_str());
+    }
+
+    // A folder whose path is one 200-byte name too long for the system.
+    makeDirs(projects);
+    const std::string name(200, 'd');
+    FileDescriptor top(::open(projects.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor folder(::dup(top.get()));
+    std::string deep = projects;
+    for (bool more = true; more; deep += "/" + name) {
+        more = deep.size() + 1 + name.size() < PATH_MAX;
+        ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0755), 0);
+        folder = FileDescriptor(::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    const std::string warning = "Couldn't list " + deep + ": " + std::strerror(ENAMETOOLONG);
+    RunResult usage = cli({"usage", "--json"});
+    EXPECT_EQ(json::parse(usage.out)[1]["warnings"], json::array({warning}));
+    EXPECT_EQ(usage.err, "veerline: warning: " + warning + " (not counted)\n");
+    EXPECT_EQ(json::parse(cli({"status", "--json"}).out)[0]["warnings"], json::array({warning}));
+    EXPECT_EQ(cli({"usage"}).err, usage.err);
+    EXPECT_EQ(removeTreeAt(top.get(), name), 0);
+
+    // Standard input held open: the status line answers with what arrived.
+    makeDirs(root / "w");
+    ASSERT_EQ(cli({"rule", "add", root / "w", "Work"}).exitCode, 0);
+    ASSERT_EQ(::mkfifo((root / "in").c_str(), 0600), 0);
+    RunResult shown = run("/bin/sh", {"-c", R"(exec 3<>"$1"; printf %s "$2" >&3; exec "$0" statusline <&3 3>&-)", VEERLINE_CLI_BINARY,
+                                      root / "in", R"({"workspace":{"current_dir":")" + root / "w" + R"("},"cost":{)"}, options);
+    EXPECT_EQ(std::to_string(shown.exitCode) + " " + shown.out + shown.err, "0 Work \u00b7 1.2k tokens \u00b7 5h\n");
 }
 
 }  // namespace

@@ -30,8 +30,11 @@ std::int64_t figure(const json& usage, const char* key) {
     }
     if (found->is_number_integer()) return found->get<std::int64_t>();
     if (found->is_number_float()) {
+        // Held at the 64-bit limits, as the integers are.
         double whole = std::trunc(found->get<double>());
-        return whole >= -9223372036854775808.0 && whole < 9223372036854775808.0 ? static_cast<std::int64_t>(whole) : 0;
+        if (whole >= 9223372036854775808.0) return std::numeric_limits<std::int64_t>::max();
+        if (whole < -9223372036854775808.0) return std::numeric_limits<std::int64_t>::min();
+        return static_cast<std::int64_t>(whole);
     }
     return 0;
 }

@@ -278,18 +278,20 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
     // One byte more than allowed shows a file that grew, or one whose size the system can't tell.
     const std::size_t bound = limit == std::numeric_limits<std::size_t>::max() ? limit : limit + 1;
     if (info.st_size > 0) {
-        // The size is known: one read of it and a byte more, into a buffer that isn't zeroed first.
-        // Coming back short at exactly the size, the read was the whole file, and a second read
-        // only to hear "end of file" is spared (the resolver reads two files on every start).
+        // The size is known: one read of it and a byte more, straight into the answer (a buffer of
+        // its own and a copy cost a second round of page faults on a file of megabytes, such as the
+        // usage cache). Coming back short at exactly the size, the read was the whole file, and a
+        // second read only to hear "end of file" is spared (the resolver reads two files on every
+        // start).
         const auto size = static_cast<std::size_t>(info.st_size);
         const std::size_t wanted = std::min(size + 1, bound);
-        auto buffer = std::make_unique_for_overwrite<char[]>(wanted);
+        bytes.resize(wanted);
         ssize_t count;
         do {
-            count = ::read(file.get(), buffer.get(), wanted);
+            count = ::read(file.get(), bytes.data(), wanted);
         } while (count < 0 && errno == EINTR);
         if (count < 0) throw ioErrorFromErrno("read " + path, errno);
-        bytes.assign(buffer.get(), static_cast<std::size_t>(count));
+        bytes.resize(static_cast<std::size_t>(count));
         if (bytes.size() == size) return bytes;
     }
     if (int error = readAll(file.get(), bytes, bound); error != 0) throw ioErrorFromErrno("read " + path, error);

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -9,10 +10,6 @@
 namespace veerline {
 
 namespace {
-
-std::int64_t wrappingSum(std::int64_t a, std::int64_t b) noexcept {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
-}
 
 std::string formatted(const char* format, double value) {
     // snprintf follows the C locale's "." unless the program changed LC_NUMERIC, which it never does.
@@ -23,12 +20,18 @@ std::string formatted(const char* format, double value) {
 
 }  // namespace
 
+std::int64_t saturatingSum(std::int64_t a, std::int64_t b) noexcept {
+    std::int64_t sum = 0;
+    if (!__builtin_add_overflow(a, b, &sum)) return sum;
+    return b > 0 ? std::numeric_limits<std::int64_t>::max() : std::numeric_limits<std::int64_t>::min();
+}
+
 std::int64_t ActivitySummary::workTokens() const noexcept {
-    return wrappingSum(inputTokens, outputTokens);
+    return saturatingSum(inputTokens, outputTokens);
 }
 
 std::int64_t ActivitySummary::totalTokens() const noexcept {
-    return wrappingSum(workTokens(), cacheTokens);
+    return saturatingSum(workTokens(), cacheTokens);
 }
 
 std::string compactTokenCount(std::int64_t n) {

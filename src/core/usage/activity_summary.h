@@ -25,7 +25,7 @@ struct ActivitySummary {
     static constexpr double fiveHours = 18000;
     static constexpr double sevenDays = 604800;
 
-    // Wrap around instead of trapping: real counts never come near the limit.
+    // Saturate at the limit rather than wrap: a hostile log must not turn a huge count negative.
     std::int64_t workTokens() const noexcept;
     std::int64_t totalTokens() const noexcept;
     // "1.2k tokens · 1 session (+2.5k cached)"; cache tokens never count in the leading figure.
@@ -37,6 +37,9 @@ struct ActivitySummary {
 
     bool operator==(const ActivitySummary&) const = default;
 };
+
+// a + b, held at the signed 64-bit limits instead of wrapping around them.
+std::int64_t saturatingSum(std::int64_t a, std::int64_t b) noexcept;
 
 // "999", "1.2k", "10k", "1.2M", "123B": the unit is chosen before rounding, so 9999 gives "10.0k".
 std::string compactTokenCount(std::int64_t count);

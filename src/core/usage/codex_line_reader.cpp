@@ -43,9 +43,12 @@ public:
 
     bool number_float(number_float_t value, const string_t&) override {
         if (std::int64_t* figure = pendingFigure()) {
+            // Held at the 64-bit limits, as the integers are: an absurd count must stay absurd.
             double whole = std::trunc(value);
-            *figure = whole >= -9223372036854775808.0 && whole < 9223372036854775808.0 ? static_cast<std::int64_t>(whole)
-                                                                                     : 0;
+            if (std::isnan(whole)) *figure = 0;
+            else if (whole >= 9223372036854775808.0) *figure = std::numeric_limits<std::int64_t>::max();
+            else if (whole < -9223372036854775808.0) *figure = std::numeric_limits<std::int64_t>::min();
+            else *figure = static_cast<std::int64_t>(whole);
         }
         return scalar();
     }

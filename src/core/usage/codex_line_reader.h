@@ -9,7 +9,7 @@ namespace veerline {
 
 // The figures of one Codex "token_count" line: an "event_msg" whose payload of type
 // "token_count" has an "info" object with a "last_token_usage" object. Figures that are missing
-// or not numbers are 0, fractions are cut toward zero, and integers past the signed 64-bit range
+// or not numbers are 0, fractions are cut toward zero, and numbers past the signed 64-bit range
 // are clamped to it.
 struct CodexTokenCount {
     std::string timestamp;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "base/unicode.h"
 
@@ -146,10 +147,12 @@ std::optional<std::int64_t> integerValue(std::string_view token) {
     char* end = nullptr;
     errno = 0;
     double number = std::strtod(copy.c_str(), &end);
-    if (end != copy.c_str() + copy.size() || !std::isfinite(number)) return std::nullopt;
+    if (end != copy.c_str() + copy.size() || std::isnan(number)) return std::nullopt;
+    // A number past the 64-bit range is held at its limit rather than dropped, so that a caller
+    // can still tell an absurd count from a missing one. 2^63 is exact in a double.
     double truncated = std::trunc(number);
-    // 2^63 is exact in a double; anything at or beyond it does not fit.
-    if (truncated >= 9223372036854775808.0 || truncated < -9223372036854775808.0) return std::nullopt;
+    if (truncated >= 9223372036854775808.0) return std::numeric_limits<std::int64_t>::max();
+    if (truncated < -9223372036854775808.0) return std::numeric_limits<std::int64_t>::min();
     return static_cast<std::int64_t>(truncated);
 }
 
@@ -167,7 +170,6 @@ JSONFieldScanner::JSONFieldScanner(std::set<KeyPath> wanted) : paths_(std::move(
         }
     }
     nodes_.emplace_back();
-    nodes_[0].endSlot = static_cast<int>(paths_.size());
     int slot = 0;
     for (const KeyPath& path : paths_) {
         int node = 0;
@@ -177,10 +179,8 @@ JSONFieldScanner::JSONFieldScanner(std::set<KeyPath> wanted) : paths_(std::move(
                 next = static_cast<int>(nodes_.size());
                 nodes_[static_cast<std::size_t>(node)].children.emplace_back(key, next);
                 nodes_.emplace_back();
-                nodes_.back().firstSlot = slot;
             }
             node = next;
-            nodes_[static_cast<std::size_t>(node)].endSlot = slot + 1;
         }
         nodes_[static_cast<std::size_t>(node)].slot = slot++;
     }
@@ -300,19 +300,9 @@ bool JSONFieldScanner::parseObject(State& state, int node, std::vector<RawValue>
         if (!nodes_[static_cast<std::size_t>(node)].children.empty()) {
             next = isPlain(key) ? child(node, key) : child(node, decodeString(key));
         }
-        bool ok;
-        if (next >= 0) {
-            // A repeated key replaces the earlier member, as JSON readers take the last one: what
-            // the earlier value left in the slots below it must not survive.
-            const Node& target = nodes_[static_cast<std::size_t>(next)];
-            for (int index = target.firstSlot; index < target.endSlot; ++index) {
-                slots[static_cast<std::size_t>(index)] = RawValue{};
-            }
-            ok = parseValue(state, next, slots);
-        } else {
-            ok = skipValue(state);
-        }
-        if (!ok) return false;
+        // A repeated key replaces an earlier value only where it stores one of its own: a second
+        // "message" holding just an id leaves the first one's usage counted.
+        if (!(next >= 0 ? parseValue(state, next, slots) : skipValue(state))) return false;
 
         skipWhitespace(state);
         if (state.atEnd()) return false;

@@ -68,10 +68,6 @@ private:
     struct Node {
         std::vector<std::pair<std::string, int>> children;
         int slot = -1;
-        // The slots of every wanted path through this node: paths are numbered in sorted order,
-        // so they are one run.
-        int firstSlot = 0;
-        int endSlot = 0;
     };
 
     int child(int node, std::string_view key) const;

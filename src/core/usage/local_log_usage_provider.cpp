@@ -2,12 +2,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -44,51 +44,41 @@ Moment distantPast() {
 
 #ifdef __APPLE__
 const struct timespec& modificationTime(const struct stat& info) { return info.st_mtimespec; }
+const struct timespec& changeTime(const struct stat& info) { return info.st_ctimespec; }
 #else
 const struct timespec& modificationTime(const struct stat& info) { return info.st_mtim; }
+const struct timespec& changeTime(const struct stat& info) { return info.st_ctim; }
 #endif
 
-// A read-only mapping of a whole file; empty when the file cannot be read.
-class MappedFile {
-public:
-    explicit MappedFile(const std::string& path) {
-        FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        struct stat info {};
-        if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size <= 0) return;
-        int flags = MAP_PRIVATE;
-#ifdef MAP_POPULATE
-        // Every page is read: one call that maps them all costs less than a fault per page.
-        flags |= MAP_POPULATE;
-#endif
-        void* address = ::mmap(nullptr, static_cast<std::size_t>(info.st_size), PROT_READ, flags, fd.get(), 0);
-        if (address == MAP_FAILED) return;
-        ::madvise(address, static_cast<std::size_t>(info.st_size), MADV_SEQUENTIAL);
-        data_ = static_cast<const char*>(address);
-        size_ = static_cast<std::size_t>(info.st_size);
-    }
-    ~MappedFile() {
-        if (data_ != nullptr) ::munmap(const_cast<char*>(data_), size_);
-    }
-    MappedFile(const MappedFile&) = delete;
-    MappedFile& operator=(const MappedFile&) = delete;
+LocalLogUsageProvider::FileStamp stampOf(const struct stat& info) {
+    return {static_cast<std::int64_t>(info.st_size), momentOf(modificationTime(info)), momentOf(changeTime(info)),
+            static_cast<std::uint64_t>(info.st_ino)};
+}
 
-    std::string_view bytes() const noexcept { return {data_, size_}; }
-
-private:
-    const char* data_ = nullptr;
-    std::size_t size_ = 0;
-};
-
-// A log file with the size and date its listing found, so that the cache needn't ask again.
+// A log file with the stamp its listing found, so that the cache needn't ask again.
 struct LogFile {
     std::string path;
-    std::int64_t size;
-    Moment mtime;
+    LocalLogUsageProvider::FileStamp stamp;
 };
 
-void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& found) {
+// A folder or file that is there but could not be read: its logs count nothing, and the user is
+// told. Gone (a session cleaned up meanwhile) or not a folder is no news.
+struct Unreadable {
+    std::string path;
+    int error;
+    bool folder;
+};
+
+bool worthAWarning(int error) { return error != 0 && error != ENOENT && error != ENOTDIR; }
+
+void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& found,
+                std::vector<Unreadable>& unreadable) {
     DIR* directory = ::opendir(folder.c_str());
-    if (directory == nullptr) return;
+    if (directory == nullptr) {
+        const int error = errno;
+        if (worthAWarning(error)) unreadable.push_back({folder, error, true});
+        return;
+    }
     std::unique_ptr<DIR, int (*)(DIR*)> closer(directory, ::closedir);
     int folderFD = ::dirfd(directory);
     while (struct dirent* entry = ::readdir(directory)) {
@@ -96,10 +86,10 @@ void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& f
         if (name.empty() || name.front() == '.') continue;
         // Links are reported as links, not followed, like the platform enumerator does by default.
         // The listing already tells folders, links and other files apart on most file systems: only
-        // logs are then asked for their size and date.
+        // logs are then asked for their stamp.
         const bool log = name.size() > 6 && name.ends_with(".jsonl");
         if (entry->d_type == DT_DIR) {
-            listRecent(folder + "/" + std::string(name), since, found);
+            listRecent(folder + "/" + std::string(name), since, found, unreadable);
             continue;
         }
         if (entry->d_type != DT_UNKNOWN && (entry->d_type != DT_REG || !log)) continue;
@@ -107,19 +97,18 @@ void listRecent(const std::string& folder, Moment since, std::vector<LogFile>& f
         if (::fstatat(folderFD, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
         std::string path = folder + "/" + std::string(name);
         if (S_ISDIR(info.st_mode)) {
-            listRecent(path, since, found);
+            listRecent(path, since, found, unreadable);
         } else if (S_ISREG(info.st_mode) && log && momentOf(modificationTime(info)) >= since) {
-            found.push_back(LogFile{std::move(path), static_cast<std::int64_t>(info.st_size),
-                                    momentOf(modificationTime(info))});
+            found.push_back(LogFile{std::move(path), stampOf(info)});
         }
     }
 }
 
 // The recent logs below `folder`; an empty list when memory runs out.
-std::vector<LogFile> recentLogs(const std::string& folder, Moment since) {
+std::vector<LogFile> recentLogs(const std::string& folder, Moment since, std::vector<Unreadable>& unreadable) {
     std::vector<LogFile> found;
     try {
-        listRecent(folder, since, found);
+        listRecent(folder, since, found, unreadable);
     } catch (const std::bad_alloc&) {
         found.clear();
     }
@@ -127,21 +116,27 @@ std::vector<LogFile> recentLogs(const std::string& folder, Moment since) {
 }
 
 // Each file's events through the cache, parsed on a few threads; the answer keeps the files' order.
+// A file that could not be read has no list, and lands in `unreadable` when that is news.
+using FileParse = EventList (*)(const std::string& path, Moment since, int* error);
 std::vector<EventList> eventsOfFiles(const std::vector<LogFile>& files, Moment since, EventCache& cache,
-                                     const EventCache::Parse& parse) {
+                                     FileParse parse, std::vector<Unreadable>& unreadable) {
     std::vector<EventList> lists(files.size());
+    std::vector<int> errors(files.size(), 0);
     // What the cache holds is taken first, on this thread: only the files to parse are worth others.
     std::vector<std::size_t> unparsed;
     for (std::size_t index = 0; index < files.size(); ++index) {
         const LogFile& file = files[index];
-        lists[index] = cache.cached(file.path, file.size, file.mtime, since);
+        lists[index] = cache.cached(file.path, file.stamp, since);
         if (!lists[index]) unparsed.push_back(index);
     }
     std::atomic<std::size_t> next{0};
     auto work = [&] {
         for (std::size_t i; (i = next.fetch_add(1)) < unparsed.size();) {
-            const LogFile& file = files[unparsed[i]];
-            lists[unparsed[i]] = cache.events(file.path, file.size, file.mtime, since, parse);
+            const std::size_t index = unparsed[i];
+            const LogFile& file = files[index];
+            int* error = &errors[index];
+            lists[index] = cache.events(file.path, file.stamp, since,
+                                        [&](const std::string& path, Moment cutoff) { return parse(path, cutoff, error); });
         }
     };
     std::size_t threads = std::min<std::size_t>({unparsed.size(), 4, std::max(1u, std::thread::hardware_concurrency())});
@@ -153,6 +148,11 @@ std::vector<EventList> eventsOfFiles(const std::vector<LogFile>& files, Moment s
     }
     work();
     for (auto& helper : helpers) helper.join();
+    for (std::size_t index = 0; index < files.size(); ++index) {
+        if (worthAWarning(errors[index]) && errors[index] != LocalLogUsageProvider::notRegularFile) {
+            unreadable.push_back({files[index].path, errors[index], false});
+        }
+    }
     return lists;
 }
 
@@ -321,9 +321,85 @@ const char* findNeedle(std::string_view bytes, std::string_view needle) {
     return static_cast<const char*>(::memmem(bytes.data(), bytes.size(), needle.data(), needle.size()));
 }
 
-std::int64_t wrappingSum(std::int64_t a, std::int64_t b) noexcept {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+// The last line feed among `size` bytes, or nullptr.
+const char* lastLineFeed(const char* bytes, std::size_t size) noexcept {
+#if defined(__GLIBC__)
+    return static_cast<const char*>(::memrchr(bytes, '\n', size));
+#else
+    for (std::size_t at = size; at > 0; --at) {
+        if (bytes[at - 1] == '\n') return bytes + at - 1;
+    }
+    return nullptr;
+#endif
 }
+
+// Whether a figure could be a real token count: a hostile or damaged line with a negative or
+// absurd one is not counted at all, rather than let it swamp or cancel the rest.
+bool plausible(std::int64_t count) noexcept { return count >= 0 && count <= LocalLogUsageProvider::maxTokenCount; }
+
+// Reads a file in pieces, so that memory stays bounded whatever the file's size and a file cut
+// short meanwhile simply ends sooner. `handle` gets the bytes read so far that end in a line feed,
+// each such region once; a last line without one comes alone at the end of the file.
+class PieceReader {
+public:
+    static constexpr std::size_t pieceSize = std::size_t(1) << 20;
+
+    // 0 at the end of the file, or the errno of a read that failed.
+    template <typename Handle>
+    int read(int fd, Handle&& handle) {
+        while (true) {
+            if (capacity_ - kept_ < pieceSize) grow(kept_ + pieceSize);
+            ssize_t count = ::read(fd, buffer_.get() + kept_, capacity_ - kept_);
+            if (count < 0) {
+                if (errno == EINTR) continue;
+                return errno;
+            }
+            if (count == 0) {
+                if (kept_ > 0 && !skipping_) handle(std::string_view(buffer_.get(), kept_));
+                return 0;
+            }
+            std::string_view bytes(buffer_.get(), kept_ + static_cast<std::size_t>(count));
+            std::size_t from = 0;
+            if (skipping_) {
+                // The rest of a line too long to keep.
+                from = bytes.find('\n', kept_);
+                if (from == std::string_view::npos) {
+                    kept_ = 0;
+                    continue;
+                }
+                skipping_ = false;
+                ++from;
+            }
+            // Only the bytes just read can hold a line feed: what was kept has none.
+            const std::size_t fresh = std::max(from, kept_);
+            const char* feed = lastLineFeed(bytes.data() + fresh, bytes.size() - fresh);
+            const std::size_t complete = feed == nullptr ? from : static_cast<std::size_t>(feed - bytes.data()) + 1;
+            if (complete > from) handle(bytes.substr(from, complete - from));
+            kept_ = bytes.size() - complete;
+            if (kept_ > LocalLogUsageProvider::maxLineSize) {
+                skipping_ = true;
+                kept_ = 0;
+            } else if (kept_ > 0 && complete > 0) {
+                std::memmove(buffer_.get(), bytes.data() + complete, kept_);
+            }
+        }
+    }
+
+private:
+    void grow(std::size_t wanted) {
+        // Never more than the longest line kept and a piece after it.
+        std::size_t capacity = std::max(wanted, std::min(2 * capacity_, LocalLogUsageProvider::maxLineSize + pieceSize));
+        auto larger = std::make_unique_for_overwrite<char[]>(capacity);
+        if (kept_ > 0) std::memcpy(larger.get(), buffer_.get(), kept_);
+        buffer_ = std::move(larger);
+        capacity_ = capacity;
+    }
+
+    std::unique_ptr<char[]> buffer_;
+    std::size_t capacity_ = 0;
+    std::size_t kept_ = 0;  // the start of a line whose end is not read yet
+    bool skipping_ = false;
+};
 
 bool twoDigits(std::string_view text, std::size_t at, int& value) {
     if (at + 2 > text.size()) return false;
@@ -367,39 +443,34 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::makeList(std::span<const
 LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, Moment cutoff,
                                                                           const Parse& parse) {
     struct stat info {};
-    std::int64_t size = -1;
-    Moment mtime = distantPast();
-    if (::stat(path.c_str(), &info) == 0) {
-        size = static_cast<std::int64_t>(info.st_size);
-        mtime = momentOf(modificationTime(info));
-    }
-    return events(path, size, mtime, cutoff, parse);
+    FileStamp stamp{-1, distantPast(), distantPast(), 0};
+    if (::stat(path.c_str(), &info) == 0) stamp = stampOf(info);
+    return events(path, stamp, cutoff, parse);
 }
 
-LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path, std::int64_t size,
-                                                                          Moment mtime, Moment cutoff,
+LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::events(const std::string& path,
+                                                                          const FileStamp& stamp, Moment cutoff,
                                                                           const Parse& parse) {
-    if (EventList found = cached(path, size, mtime, cutoff)) return found;
+    if (EventList found = cached(path, stamp, cutoff)) return found;
     EventList parsed = parse(path, cutoff);
-    std::optional<Moment> earliest;
-    if (parsed) earliest = earliestDate(*parsed);
+    if (!parsed) return parsed;
+    std::optional<Moment> earliest = earliestDate(*parsed);
     {
         std::lock_guard guard(lock_);
-        entries_[path] = Entry{size, mtime, cutoff, parsed, earliest};
+        entries_[path] = Entry{stamp, cutoff, parsed, earliest};
         ++generation_;
     }
     return parsed;
 }
 
-LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::cached(const std::string& path, std::int64_t size,
-                                                                          Moment mtime, Moment cutoff) const {
+LocalLogUsageProvider::EventList LocalLogUsageProvider::EventCache::cached(const std::string& path,
+                                                                          const FileStamp& stamp, Moment cutoff) const {
     EventList cached;
     std::optional<Moment> earliest;
     {
         std::lock_guard guard(lock_);
         auto found = entries_.find(path);
-        if (found != entries_.end() && found->second.size == size && found->second.mtime == mtime &&
-            found->second.cutoff <= cutoff) {
+        if (found != entries_.end() && found->second.stamp == stamp && found->second.cutoff <= cutoff) {
             cached = found->second.events;
             earliest = found->second.earliest;
         }
@@ -448,8 +519,8 @@ std::optional<std::string> LocalLogUsageProvider::logRoot(const Profile& profile
 }
 
 std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& profile, ToolKind tool,
-                                                               const std::vector<double>& windows,
-                                                               Moment now) const {
+                                                               const std::vector<double>& windows, Moment now,
+                                                               std::vector<std::string>* warnings) const {
     std::vector<ActivitySummary> summaries;
     for (double window : windows) summaries.push_back(ActivitySummary{tool, window, 0, 0, 0, 0});
     auto root = logRoot(profile, tool);
@@ -458,9 +529,16 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
     Moment since = now - std::chrono::duration<double>(*std::max_element(windows.begin(), windows.end()));
     bool claude = tool == ToolKind::claudeCode;
     std::string folder = *root + (claude ? "/projects" : "/sessions");
-    std::vector<EventList> lists =
-        eventsOfFiles(recentLogs(folder, since), since, *cache_, claude ? parseClaudeFile : parseCodexFile);
+    std::vector<Unreadable> unreadable;
+    std::vector<EventList> lists = eventsOfFiles(recentLogs(folder, since, unreadable), since, *cache_,
+                                                 claude ? parseClaudeFile : parseCodexFile, unreadable);
     std::vector<const UsageEvent*> events = merged(lists, since, claude);
+    if (warnings != nullptr) {
+        for (const Unreadable& item : unreadable) {
+            warnings->push_back(std::string(item.folder ? "Couldn't list " : "Couldn't read ") + item.path + ": " +
+                                std::strerror(item.error));
+        }
+    }
 
     std::unordered_set<std::string_view> sessions;
     for (ActivitySummary& summary : summaries) {
@@ -475,9 +553,9 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
                 sessions.insert(event->session);
             }
             previous = event;
-            summary.inputTokens = wrappingSum(summary.inputTokens, event->input);
-            summary.outputTokens = wrappingSum(summary.outputTokens, event->output);
-            summary.cacheTokens = wrappingSum(summary.cacheTokens, event->cache);
+            summary.inputTokens = saturatingSum(summary.inputTokens, event->input);
+            summary.outputTokens = saturatingSum(summary.outputTokens, event->output);
+            summary.cacheTokens = saturatingSum(summary.cacheTokens, event->cache);
         }
         summary.sessions = static_cast<std::int64_t>(sessions.size());
     }
@@ -486,42 +564,52 @@ std::vector<ActivitySummary> LocalLogUsageProvider::activities(const Profile& pr
 
 LocalLogUsageProvider::EventList LocalLogUsageProvider::claudeEvents(const std::string& folder, Moment since,
                                                                     EventCache& cache) {
-    return mergedList(eventsOfFiles(recentLogs(folder, since), since, cache, parseClaudeFile), since, true);
+    std::vector<Unreadable> unreadable;
+    return mergedList(eventsOfFiles(recentLogs(folder, since, unreadable), since, cache, parseClaudeFile, unreadable),
+                      since, true);
 }
 
 LocalLogUsageProvider::EventList LocalLogUsageProvider::codexEvents(const std::string& folder, Moment since,
                                                                    EventCache& cache) {
-    return mergedList(eventsOfFiles(recentLogs(folder, since), since, cache, parseCodexFile), since, false);
+    std::vector<Unreadable> unreadable;
+    return mergedList(eventsOfFiles(recentLogs(folder, since, unreadable), since, cache, parseCodexFile, unreadable),
+                      since, false);
 }
 
 std::vector<std::string> LocalLogUsageProvider::recentJSONL(const std::string& folder, Moment since) {
     std::vector<std::string> paths;
-    for (LogFile& file : recentLogs(folder, since)) paths.push_back(std::move(file.path));
+    std::vector<Unreadable> unreadable;
+    for (LogFile& file : recentLogs(folder, since, unreadable)) paths.push_back(std::move(file.path));
     return paths;
 }
 
-void LocalLogUsageProvider::forEachLine(const std::string& path, std::string_view needle,
-                                        const std::function<void(std::string_view)>& callback) {
-    MappedFile file(path);
-    std::string_view bytes = file.bytes();
-    if (needle.empty()) return;
-    std::size_t offset = 0;
-    while (offset < bytes.size()) {
-        const char* match = findNeedle(bytes.substr(offset), needle);
-        if (match == nullptr) return;
-        std::size_t at = static_cast<std::size_t>(match - bytes.data());
-#if defined(__GLIBC__)
-        const void* previous = ::memrchr(bytes.data() + offset, '\n', at - offset);
-        std::size_t start = previous == nullptr ? offset : static_cast<std::size_t>(static_cast<const char*>(previous) - bytes.data()) + 1;
-#else
-        std::size_t start = at;
-        while (start > offset && bytes[start - 1] != '\n') --start;
+int LocalLogUsageProvider::forEachLine(const std::string& path, std::string_view needle,
+                                       const std::function<void(std::string_view)>& callback) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd) return errno;
+    // Judged by what was opened, not by the listing: the file may have been swapped since.
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0) return errno;
+    if (!S_ISREG(info.st_mode)) return notRegularFile;
+    if (needle.empty()) return 0;
+#ifdef POSIX_FADV_SEQUENTIAL
+    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 #endif
-        const void* feed = ::memchr(bytes.data() + at, '\n', bytes.size() - at);
-        std::size_t end = feed == nullptr ? bytes.size() : static_cast<std::size_t>(static_cast<const char*>(feed) - bytes.data());
-        callback(bytes.substr(start, end - start));
-        offset = end + 1;
-    }
+    PieceReader reader;
+    return reader.read(fd.get(), [&](std::string_view bytes) {
+        std::size_t offset = 0;
+        while (offset < bytes.size()) {
+            const char* match = findNeedle(bytes.substr(offset), needle);
+            if (match == nullptr) return;
+            std::size_t at = static_cast<std::size_t>(match - bytes.data());
+            const char* previous = lastLineFeed(bytes.data() + offset, at - offset);
+            std::size_t start = previous == nullptr ? offset : static_cast<std::size_t>(previous - bytes.data()) + 1;
+            const void* feed = ::memchr(bytes.data() + at, '\n', bytes.size() - at);
+            std::size_t end = feed == nullptr ? bytes.size() : static_cast<std::size_t>(static_cast<const char*>(feed) - bytes.data());
+            callback(bytes.substr(start, end - start));
+            offset = end + 1;
+        }
+    });
 }
 
 const JSONFieldScanner& LocalLogUsageProvider::claudeScanner() {
@@ -530,7 +618,8 @@ const JSONFieldScanner& LocalLogUsageProvider::claudeScanner() {
     return scanner;
 }
 
-LocalLogUsageProvider::EventList LocalLogUsageProvider::parseClaudeFile(const std::string& path, Moment since) {
+LocalLogUsageProvider::EventList LocalLogUsageProvider::parseClaudeFile(const std::string& path, Moment since,
+                                                                       int* error) {
     const JSONFieldScanner& scanner = claudeScanner();
     const ClaudeSlots& at = claudeSlots();
     std::vector<UsageEvent> events;
@@ -543,11 +632,15 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::parseClaudeFile(const st
         if (session.data() == nullptr || session != name) session = text->store(name);
         return session;
     };
-    forEachLine(path, "\"usage\"", [&](std::string_view line) {
+    int failure = forEachLine(path, "\"usage\"", [&](std::string_view line) {
         if (!scanner.scan(line, slots)) return;
         const RawValue& input = slots[at.input];
         const RawValue& timestamp = slots[at.timestamp];
         if (input.kind != RawValue::Kind::integer || !isString(timestamp)) return;
+        const std::int64_t output = integerOr0(slots[at.output]);
+        const std::int64_t creation = integerOr0(slots[at.cacheCreation]);
+        const std::int64_t read = integerOr0(slots[at.cacheRead]);
+        if (!plausible(input.number) || !plausible(output) || !plausible(creation) || !plausible(read)) return;
         auto date = timestamp.plain ? parseDate(timestamp.bytes) : parseDate(timestamp.text());
         if (!date || *date < since) return;
 
@@ -575,20 +668,26 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::parseClaudeFile(const st
             }
         }
         event.input = input.number;
-        event.output = integerOr0(slots[at.output]);
-        event.cache = wrappingSum(integerOr0(slots[at.cacheCreation]), integerOr0(slots[at.cacheRead]));
+        event.output = output;
+        event.cache = creation + read;
         events.push_back(event);
     });
+    if (error != nullptr) *error = failure;
+    if (failure != 0) return nullptr;
     return makeList(std::move(events), std::move(text));
 }
 
-LocalLogUsageProvider::EventList LocalLogUsageProvider::parseCodexFile(const std::string& path, Moment since) {
+LocalLogUsageProvider::EventList LocalLogUsageProvider::parseCodexFile(const std::string& path, Moment since,
+                                                                      int* error) {
     std::vector<UsageEvent> events;
     auto text = std::make_shared<TextArena>();
     const std::string_view session = text->store(path);
-    forEachLine(path, "\"token_count\"", [&](std::string_view line) {
+    int failure = forEachLine(path, "\"token_count\"", [&](std::string_view line) {
         std::optional<CodexTokenCount> count = readCodexTokenCount(line);
-        if (!count) return;
+        if (!count || !plausible(count->input) || !plausible(count->cachedInput) || !plausible(count->output) ||
+            !plausible(count->cacheWriteInput)) {
+            return;
+        }
         auto date = parseDate(count->timestamp);
         if (!date || *date < since) return;
 
@@ -599,12 +698,13 @@ LocalLogUsageProvider::EventList LocalLogUsageProvider::parseCodexFile(const std
         event.session = session;
         // Codex counts cached input inside the input figure; some versions report more cached
         // than input, which must not make the remainder negative.
-        event.input = std::max<std::int64_t>(0, static_cast<std::int64_t>(static_cast<std::uint64_t>(input) -
-                                                                         static_cast<std::uint64_t>(cached)));
+        event.input = std::max<std::int64_t>(0, input - cached);
         event.output = count->output;
-        event.cache = wrappingSum(cached, count->cacheWriteInput);
+        event.cache = cached + count->cacheWriteInput;
         events.push_back(event);
     });
+    if (error != nullptr) *error = failure;
+    if (failure != 0) return nullptr;
     return makeList(std::move(events), std::move(text));
 }
 

@@ -50,27 +50,39 @@ public:
     // Parsed events per log file, shared by every copy of the provider so that repeated queries
     // re-read only the files that changed. Thread-safe; the lock is never held while a file is
     // read or parsed, so two threads may parse one file at once and the last to store wins.
+    // What tells one state of a log file from another without reading it. The size and the
+    // modification date alone miss an edit that keeps both; the change time moves with any write
+    // (and with a change of mode), and a file put in another's place has a new inode.
+    struct FileStamp {
+        std::int64_t size = -1;  // bytes; -1 when unknown
+        Moment mtime;
+        Moment ctime;
+        std::uint64_t inode = 0;
+
+        bool operator==(const FileStamp&) const = default;
+    };
+
     class EventCache {
     public:
         struct Entry {
-            std::int64_t size = -1;  // bytes; -1 when unknown
-            Moment mtime;
+            FileStamp stamp;
             Moment cutoff;           // the events hold everything from here on
             EventList events;
             // The earliest event's date, when known: it tells at once whether a later cutoff
             // leaves every event in.
             std::optional<Moment> earliest;
         };
+        // A parse answers nothing (a null list) when the file could not be read: that is never
+        // stored, so that the file is read again once it can be.
         using Parse = std::function<EventList(const std::string& path, Moment cutoff)>;
 
-        // The file's events at or after `cutoff`: the cached ones while the file keeps its size and
-        // modification date and was parsed from this cutoff or an earlier one, else `parse`'s.
+        // The file's events at or after `cutoff`: the cached ones while the file keeps its stamp
+        // and was parsed from this cutoff or an earlier one, else `parse`'s.
         EventList events(const std::string& path, Moment cutoff, const Parse& parse);
-        // The same with the file's size (-1 when unknown) and modification date as the caller
-        // just read them.
-        EventList events(const std::string& path, std::int64_t size, Moment mtime, Moment cutoff, const Parse& parse);
+        // The same with the file's stamp as the caller just read it.
+        EventList events(const std::string& path, const FileStamp& stamp, Moment cutoff, const Parse& parse);
         // The events `events` would give without parsing, or nothing when the file must be parsed.
-        EventList cached(const std::string& path, std::int64_t size, Moment mtime, Moment cutoff) const;
+        EventList cached(const std::string& path, const FileStamp& stamp, Moment cutoff) const;
 
         // For the copy kept on disk between runs.
         std::map<std::string, Entry> entries() const;
@@ -93,8 +105,10 @@ public:
 
     ActivitySummary activity(const Profile& profile, ToolKind tool, double window, Moment now) const override;
     // One summary per window, in the order given. Events are read once, for the longest window.
+    // Folders and logs that exist but could not be read count nothing; each is named in
+    // `warnings`, when given, as "Couldn't list PATH: WHY" or "Couldn't read PATH: WHY".
     std::vector<ActivitySummary> activities(const Profile& profile, ToolKind tool, const std::vector<double>& windows,
-                                            Moment now) const;
+                                            Moment now, std::vector<std::string>* warnings = nullptr) const;
     // Where the tool keeps its data for the profile; nothing for the desktop apps.
     std::optional<std::string> logRoot(const Profile& profile, ToolKind tool) const;
 
@@ -106,11 +120,22 @@ public:
     // the order the folder is listed.
     static std::vector<std::string> recentJSONL(const std::string& folder, Moment since);
     // Hands each line containing `needle` to `callback` once, in file order, without its line
-    // feed. Lines without the needle are never looked at beyond the search for it.
-    static void forEachLine(const std::string& path, std::string_view needle,
-                            const std::function<void(std::string_view)>& callback);
-    static EventList parseClaudeFile(const std::string& path, Moment since);
-    static EventList parseCodexFile(const std::string& path, Moment since);
+    // feed. Lines without the needle are never looked at beyond the search for it. The tools
+    // rewrite and cut their logs at any time: the file is read in pieces (a mapping would fault
+    // on a file cut short), and a file cut while it is read gives the lines read until then. A
+    // line longer than maxLineSize is passed over. 0 when the file was read, notRegularFile for
+    // anything else in its place (opened non-blocking, so a FIFO cannot hang the read), otherwise
+    // the errno of the failure.
+    static int forEachLine(const std::string& path, std::string_view needle,
+                           const std::function<void(std::string_view)>& callback);
+    static constexpr int notRegularFile = -1;
+    static constexpr std::size_t maxLineSize = 32 * 1024 * 1024;
+    // A count no request comes near: a line with a figure above it, or below 0, is not counted.
+    static constexpr std::int64_t maxTokenCount = 1'000'000'000'000;
+    // The file's events from `since` on; nothing when it could not be read, with `error` set to
+    // forEachLine's answer.
+    static EventList parseClaudeFile(const std::string& path, Moment since, int* error = nullptr);
+    static EventList parseCodexFile(const std::string& path, Moment since, int* error = nullptr);
     // The ISO 8601 forms both tools write: "2025-01-02T03:04:05Z", "... 03:04:05", fractions,
     // "+02:00" zones.
     static std::optional<Moment> parseDate(std::string_view text);

@@ -1,6 +1,5 @@
 #include "usage/usage_cache_file.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -135,8 +134,10 @@ Moment moment(double value) { return Moment(std::chrono::duration<double>(value)
 void encodeEntry(Writer& writer, const std::string& path, const EventCache::Entry& entry) {
     const std::size_t start = writer.out.size();
     writer.putText(path);
-    writer.put(entry.size);
-    writer.put(seconds(entry.mtime));
+    writer.put(entry.stamp.size);
+    writer.put(seconds(entry.stamp.mtime));
+    writer.put(seconds(entry.stamp.ctime));
+    writer.put(entry.stamp.inode);
     writer.put(seconds(entry.cutoff));
     // A file's events share a handful of session names: store each once.
     std::vector<std::string_view> sessions;
@@ -176,13 +177,16 @@ bool decodeEntry(Reader& reader, UsageEvent*& events, std::size_t& room, std::st
                  EventCache::Entry& entry, std::span<const UsageEvent>& taken) {
     const std::size_t start = reader.position();
     double mtime = 0;
+    double ctime = 0;
     double cutoff = 0;
     std::uint32_t sessionCount = 0;
-    if (!reader.getText(path) || !reader.get(entry.size) || !reader.get(mtime) || !reader.get(cutoff) ||
-        !reader.get(sessionCount) || sessionCount > reader.remaining() / 4) {
+    if (!reader.getText(path) || !reader.get(entry.stamp.size) || !reader.get(mtime) || !reader.get(ctime) ||
+        !reader.get(entry.stamp.inode) || !reader.get(cutoff) || !reader.get(sessionCount) ||
+        sessionCount > reader.remaining() / 4) {
         return false;
     }
-    entry.mtime = moment(mtime);
+    entry.stamp.mtime = moment(mtime);
+    entry.stamp.ctime = moment(ctime);
     entry.cutoff = moment(cutoff);
     std::vector<std::string_view> sessions(sessionCount);
     for (std::string_view& session : sessions) {
@@ -241,27 +245,22 @@ std::string location(const std::string& home, const Environment& environment) {
     return platform::cacheDirectory(home, lookup(environment, "XDG_CACHE_HOME")) + "/usage-cache.bin";
 }
 
-void load(const std::string& path, EventCache& cache) noexcept {
+LoadResult load(const std::string& path, EventCache& cache) noexcept {
     try {
-        FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+        // Looked at before it is opened: a link, a FIFO or a device is not the cache, and someone
+        // else's file in the user's cache folder is not to be trusted with the counts.
         struct stat info {};
-        // Someone else's file in the user's cache folder is not to be trusted with the counts.
-        if (!fd || ::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::getuid()) return;
-        const auto size = static_cast<std::size_t>(info.st_size);
-        if (size < kHeaderSize) return;
-        // The loaded events point into it. Huge pages spare a fault per 4 kB, which would cost more
-        // than the reading.
-        std::shared_ptr<char[]> buffer = platform::largeZeroedMemory(size);
-        if (!buffer) return;
-        std::size_t filled = 0;
-        while (filled < size) {
-            ssize_t count = ::read(fd.get(), buffer.get() + filled, size - filled);
-            if (count < 0 && errno == EINTR) continue;
-            if (count <= 0) return;
-            filled += static_cast<std::size_t>(count);
+        if (::lstat(path.c_str(), &info) != 0) return errno == ENOENT ? LoadResult::missing : LoadResult::rejected;
+        if (!S_ISREG(info.st_mode) || info.st_uid != ::getuid() || info.st_size < static_cast<off_t>(kHeaderSize) ||
+            static_cast<std::uintmax_t>(info.st_size) > maxFileSize) {
+            return LoadResult::rejected;
         }
-        std::string_view bytes(buffer.get(), size);
-        Reader header(bytes.substr(0, kHeaderSize));
+        std::optional<std::string> read = readRegularFile(path, maxFileSize);
+        if (!read) return LoadResult::missing;
+        // The loaded events point into it.
+        auto bytes = std::make_shared<const std::string>(std::move(*read));
+        if (bytes->size() < kHeaderSize) return LoadResult::rejected;
+        Reader header(std::string_view(*bytes).substr(0, kHeaderSize));
         char magic[16];
         std::uint32_t version = 0;
         std::uint32_t byteOrder = 0;
@@ -273,14 +272,19 @@ void load(const std::string& path, EventCache& cache) noexcept {
         header.get(length);
         header.get(sum);
         if (std::memcmp(magic, kMagic, sizeof kMagic) != 0 || version != formatVersion || byteOrder != kByteOrder ||
-            length != bytes.size() - kHeaderSize) {
-            return;
+            length != bytes->size() - kHeaderSize) {
+            return LoadResult::rejected;
         }
-        std::string_view payload = bytes.substr(kHeaderSize);
-        if (checksum(payload.substr(0, kCountsSize)) != sum) return;
-        if (auto entries = decodePayload(payload, buffer)) cache.insert(*entries);
+        std::string_view payload = std::string_view(*bytes).substr(kHeaderSize);
+        if (checksum(payload.substr(0, kCountsSize)) != sum) return LoadResult::rejected;
+        auto entries = decodePayload(payload, bytes);
+        if (!entries) return LoadResult::rejected;
+        cache.insert(*entries);
+        return LoadResult::loaded;
     } catch (...) {
-        // Only allocation can fail here; the counts are then taken from the logs.
+        // A file that could not be read, or memory that ran out: the counts are then taken from
+        // the logs, and the cache written afresh.
+        return LoadResult::rejected;
     }
 }
 
@@ -328,7 +332,7 @@ void save(const std::string& path, const EventCache& cache, Moment keepModifiedS
         payload.put(eventTotal);
         for (const auto& [file, entry] : entries) {
             struct stat info {};
-            if (entry.mtime < keepModifiedSince || ::stat(file.c_str(), &info) != 0) continue;
+            if (entry.stamp.mtime < keepModifiedSince || ::stat(file.c_str(), &info) != 0) continue;
             encodeEntry(payload, file, entry);
             ++count;
             eventTotal += entry.events ? entry.events->size() : 0;
@@ -344,12 +348,14 @@ void save(const std::string& path, const EventCache& cache, Moment keepModifiedS
         file.put(checksum(std::string_view(payload.out).substr(0, kCountsSize)));
         file.out += payload.out;
 
+        if (file.out.size() > maxFileSize) {
+            // It would be dropped unread on the next load: better none than a stale one.
+            ::unlink(path.c_str());
+            return;
+        }
         std::size_t slash = path.find_last_of('/');
         if (slash == std::string::npos || slash == 0 || !makeFolders(path.substr(0, slash))) return;
-        TemporaryFile temporary(path + "." + std::to_string(::getpid()) + ".tmp");
-        FileDescriptor fd(::open(temporary.path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-        if (!fd || ::fchmod(fd.get(), 0600) != 0 || writeAll(fd.get(), file.out) != 0 || fd.close() != 0) return;
-        if (::rename(temporary.path().c_str(), path.c_str()) == 0) temporary.keep();
+        writeFileAtomically(path, file.out, 0600);
     } catch (...) {
         // A cache that could not be written is rebuilt on the next run.
     }

@@ -22,9 +22,9 @@ TEST(CodexLineReaderTest, AnswersAsTheParsedDocumentWould) {
     const Case cases[] = {
         {line(R"({"input_tokens":120,"cached_input_tokens":20,"output_tokens":7.9,"cache_write_input_tokens":-3})"),
          CodexTokenCount{"t1", 120, 20, 7, -3}},
-        // Past the signed range: clamped when an integer, nothing when a fraction.
-        {line(R"({"input_tokens":18446744073709551615,"output_tokens":1e19,"cached_input_tokens":"5"})"),
-         CodexTokenCount{"t1", 9223372036854775807, 0, 0, 0}},
+        // Past the signed range, integers and fractions alike are clamped, so they still read as absurd.
+        {line(R"({"input_tokens":18446744073709551615,"output_tokens":1e19,"cached_input_tokens":"5","cache_write_input_tokens":-1e300})"),
+         CodexTokenCount{"t1", 9223372036854775807, 0, 9223372036854775807, -9223372036854775807 - 1}},
         // The last of a repeated key counts, and a repeated object replaces the whole earlier one.
         {line(R"({"input_tokens":1,"input_tokens":2,"output_tokens":{"input_tokens":9}})",
               R"(,"timestamp":"t2","payload":{"info":{"last_token_usage":{}},"type":"token_count"})"),

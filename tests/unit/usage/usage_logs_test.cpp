@@ -4,13 +4,24 @@
 // for reading a file again), and how the figures are written.
 
 #include <fcntl.h>
-#include <algorithm>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <limits>
 
 #include <nlohmann/json.hpp>
 
+#include "base/file_io.h"
 #include "support/test_support.h"
 #include "usage/local_log_usage_provider.h"
 #include "usage/text_arena.h"
@@ -48,9 +59,14 @@ TEST(JSONFieldScannerTest, CapturesWantedFieldsAndRejectsMalformedLines) {
         {" \t\r{ \"timestamp\" : \"T\" , \"message\" : { \"usage\" :{ \"input_tokens\" : 12 } } }\r\t ", both},
         {R"({"a":{},"b":[],"c":{ },"d":[ ],"timestamp":"T"})", timeOnly},
         {R"({})", ""}, {R"({"timestamp":"first","timestamp":"T"})", timeOnly},
-        // A repeated key replaces the earlier member and everything that was under it.
-        {R"({"message":{"usage":{"input_tokens":12}},"message":"","timestamp":"T"})", timeOnly},
-        {R"({"message":{"usage":{"input_tokens":12}},"message":{"usage":{"input_tokens":true}},"timestamp":"T"})", timeOnly},
+        // A repeated key replaces an earlier value only where it stores one of its own.
+        {R"({"message":{"usage":{"input_tokens":12}},"message":"","timestamp":"T"})", both},
+        {R"({"message":{"usage":{"input_tokens":12}},"message":{"id":"m9"},"timestamp":"T"})", both},
+        {R"({"message":{"usage":{"input_tokens":12}},"message":{"usage":{"input_tokens":true}},"timestamp":"T"})", both},
+        {R"({"message":{"usage":{"input_tokens":5}},"message":{"usage":{"input_tokens":12}},"timestamp":"T"})", both},
+        // Past the 64-bit range a count is held at its limit, so that it still reads as absurd.
+        {usage("99999999999999999999"), R"(input_tokens=9223372036854775807 timestamp="T")"},
+        {usage("-1e999"), R"(input_tokens=-9223372036854775808 timestamp="T")"},
         {R"({"timestamp":"T",})", "-"}, {R"([{"timestamp":"T"}])", "-"}, {R"({"timestamp":"T"}{"timestamp":"U"})", "-"},
         {R"({"timestamp":"T","message":{"usage":{"input_tok)", "-"}, {R"({"timestamp":"T","x":[1,2)", "-"},
         {R"({"timestamp" "T"})", "-"}, {R"({"timestamp":"T" "x":1})", "-"}, {R"({timestamp:"T"})", "-"}, {"", "-"}, {"   ", "-"},
@@ -171,7 +187,7 @@ TEST_F(LocalLogUsageProviderTest, CountsEachRequestOnceWithInclusiveWindowEdges)
 
 TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMovesEarlier) {
     const std::string file = projects + "/p/a.jsonl", cacheFile = home / "cache/usage-cache.bin";
-    // Every rewrite keeps the modification date, so only the size can tell the cache it changed.
+    // Every rewrite keeps the modification date.
     auto rewrite = [&](const std::string& content) {
         writeFile(file, content);
         struct timespec times[2] = {{static_cast<time_t>(kNow), 0}, {static_cast<time_t>(kNow), 0}};
@@ -186,16 +202,22 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
     auto cache = std::make_shared<Provider::EventCache>();
     EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::sevenDays}, cache)[0], 10);
 
-    // Same size and date: a later, shorter query trusts what was parsed.
+    // An edit that keeps the size and the modification date still moves the change time.
     rewrite(claudeLine(100, "m1", 20) + "\n");
-    EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, cache)[0], 10);
-    EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::sevenDays}, cache, kNow - 1)[0], 20);
+    EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, cache)[0], 20);
+    // Unchanged, the file is parsed again only for an earlier cutoff.
+    int parses = 0;
+    auto parse = [&](const std::string& path, Moment since) { return ++parses, Provider::parseClaudeFile(path, since); };
+    EXPECT_EQ(cache->events(file, at(kNow - 100), parse)->size(), 1u);
+    EXPECT_EQ(parses, 0);
+    EXPECT_EQ(cache->events(file, at(kNow - 2 * ActivitySummary::sevenDays), parse)->size(), 1u);
+    EXPECT_EQ(parses, 1);
 
     // What was parsed survives the process in the cache file, until the log changes.
     UsageCacheFile::save(cacheFile, *cache, at(kNow));
-    rewrite(claudeLine(100, "m1", 30) + "\n");
     auto reloaded = loaded();
-    EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, reloaded)[0], 20);
+    EXPECT_EQ(reloaded->events(file, at(kNow - 100), parse)->front().input, 20);
+    EXPECT_EQ(parses, 1);
     rewrite(claudeLine(100, "m1", 30) + "\n" + claudeLine(10, "m2", 400) + "\n");
     EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, reloaded)[0], 430);
 
@@ -229,7 +251,153 @@ TEST_F(LocalLogUsageProviderTest, ReusesParsedFilesUntilTheyChangeOrTheCutoffMov
     auto logs = Provider::recentJSONL(projects, at(0));
     std::sort(logs.begin(), logs.end());
     EXPECT_EQ(logs, (std::vector<std::string>{file, projects + "/p/big.jsonl"}));
-    EXPECT_EQ(reloadedBig->events(projects + "/p/big.jsonl", at(0), Provider::parseClaudeFile)->size(), 20000u);
+    EXPECT_EQ(reloadedBig->events(projects + "/p/big.jsonl", at(0), parse)->size(), 20000u);
+}
+
+
+TEST_F(LocalLogUsageProviderTest, HostileCountsLeaveTheirLineOutAndSumsSaturate) {
+    // Each value in turn in every figure of both formats, beside a line at the largest count that
+    // still counts.
+    const std::pair<const char*, const char*> values[] = {{"negative", "-5000"}, {"above 10^12", "1000000000001"},
+        {"int64 max", "9223372036854775807"}, {"past int64", "99999999999999999999"}, {"huge fraction", "1e300"}};
+    auto claudeWith = [](const std::string& figures) {
+        return R"({"sessionId":"s","timestamp":")" + stamp(10) + R"(","message":{"usage":{)" + figures + "}}}\n";
+    };
+    for (const auto& [name, value] : values) {
+        std::string claude = claudeWith(R"("input_tokens":1000000000000,"output_tokens":2)");
+        std::string codex = codexLine(R"({"last_token_usage":{"input_tokens":1000000000000,"output_tokens":2}})") + "\n";
+        for (std::string figure : {"input_tokens", "output_tokens", "cache_creation_input_tokens", "cache_read_input_tokens"})
+            claude += claudeWith(R"("input_tokens":1,")" + figure + "\":" + value);
+        for (std::string figure : {"input_tokens", "cached_input_tokens", "output_tokens", "cache_write_input_tokens"})
+            codex += codexLine(R"({"last_token_usage":{"input_tokens":1,")" + figure + "\":" + value + "}}") + "\n";
+        writeFile(projects + "/p/a.jsonl", claude);
+        writeFile(sessions + "/s.jsonl", codex);
+        const std::vector<std::int64_t> good{1000000000000, 2, 0, 1};
+        EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}), good) << name;
+        EXPECT_EQ(counts(ToolKind::codex, {ActivitySummary::fiveHours}), good) << name;
+    }
+
+    // Counts that passed one by one (from a cache file written by anyone) are held at the limit.
+    auto cache = std::make_shared<Provider::EventCache>();
+    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+    for (const std::string& file : {projects + "/p/a.jsonl", projects + "/p/b.jsonl"}) {
+        writeFile(file, "{}\n");
+        cache->events(file, at(0), [](const std::string&, Moment) {
+            return Provider::makeList(std::vector<Provider::UsageEvent>{{at(kNow - 1), "s", most, most, most, std::nullopt}}, nullptr);
+        });
+    }
+    EXPECT_EQ(counts(ToolKind::claudeCode, {ActivitySummary::fiveHours}, cache), (std::vector<std::int64_t>{most, most, most, 1}));
+    const ActivitySummary huge{ToolKind::codex, 1, 1, most, most, most};
+    EXPECT_EQ(std::to_string(huge.workTokens()) + " " + std::to_string(huge.totalTokens()) + " " +
+                  std::to_string(saturatingSum(std::numeric_limits<std::int64_t>::min(), -1)),
+              std::to_string(most) + " " + std::to_string(most) + " " + std::to_string(std::numeric_limits<std::int64_t>::min()));
+}
+
+// A socket's path may be short only: it is bound by name inside its folder.
+void bindSocket(const std::string& path) {
+    std::string here = std::filesystem::current_path();
+    std::filesystem::current_path(path.substr(0, path.rfind('/')));
+    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    std::string name = path.substr(path.rfind('/') + 1);
+    std::memcpy(address.sun_path, name.c_str(), name.size() + 1);
+    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ::close(fd);
+    std::filesystem::current_path(here);
+}
+
+TEST_F(LocalLogUsageProviderTest, SpecialFilesInPlaceOfALogOrTheCacheNeitherBlockNorStick) {
+    const std::string cacheFile = home / "cache/usage-cache.bin", log = projects + "/p/x.jsonl";
+    makeDirs(home / "cache");
+    makeDirs(projects + "/p");
+    // A hole longer than the longest line kept, then a line each tool would count.
+    const std::string lines = "\n" + claudeLine(10, "m1", 7) + "\n" + codexLine(R"({"last_token_usage":{"input_tokens":7}})") + "\n";
+    const std::pair<const char*, std::function<void(const std::string&, bool)>> kinds[] = {
+        {"FIFO", [](const std::string& path, bool) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }},
+        {"device", [](const std::string& path, bool) { makeSymlink("/dev/zero", path); }},
+        {"socket", [](const std::string& path, bool) { bindSocket(path); }},
+        {"link loop", [](const std::string& path, bool) { makeSymlink(path, path); }},
+        {"huge sparse file", [&](const std::string& path, bool isLog) {
+             const off_t hole = isLog ? static_cast<off_t>(Provider::maxLineSize + (1 << 20)) : off_t(3) << 30;
+             writeFile(path, "");
+             ASSERT_EQ(::truncate(path.c_str(), hole), 0);
+         }},
+    };
+    for (const auto& [kind, make] : kinds) {
+        make(cacheFile, false);
+        auto cache = std::make_shared<Provider::EventCache>();
+        EXPECT_EQ(UsageCacheFile::load(cacheFile, *cache), UsageCacheFile::LoadResult::rejected) << kind;
+        UsageCacheFile::save(cacheFile, *cache, at(0));
+        EXPECT_EQ(UsageCacheFile::load(cacheFile, *cache), UsageCacheFile::LoadResult::loaded) << kind << ": rebuilt";
+        ::unlink(cacheFile.c_str());
+
+        make(log, true);
+        const bool sparse = std::string(kind) == "huge sparse file";
+        if (sparse) {
+            std::ofstream out(log, std::ios::app);
+            out << lines;
+        }
+        for (const Provider::EventCache::Parse& parse :
+             {Provider::EventCache::Parse([](const std::string& path, Moment since) { return Provider::parseClaudeFile(path, since); }),
+              Provider::EventCache::Parse([](const std::string& path, Moment since) { return Provider::parseCodexFile(path, since); })}) {
+            Provider::EventCache fresh;
+            auto events = fresh.events(log, at(0), parse);
+            EXPECT_EQ(events ? events->size() : 0, sparse ? 1u : 0u) << kind;
+            EXPECT_EQ(fresh.entries().size(), sparse ? 1u : 0u) << kind << ": only a file read is remembered";
+        }
+        ::unlink(log.c_str());
+    }
+}
+
+TEST_F(LocalLogUsageProviderTest, ALogCutShortWhileReadGivesTheLinesReadUntilThen) {
+    const std::string log = projects + "/p/cut.jsonl";
+    std::string content;
+    for (int i = 0; i < 20000; ++i) content += claudeLine(10, "m" + std::to_string(i), 1) + "\n";
+    writeFile(log, content);
+    int lines = 0;
+    Provider::forEachLine(log, "\"usage\"", [&](std::string_view) {
+        if (lines++ == 0) {
+            ASSERT_EQ(::truncate(log.c_str(), 0), 0);
+        }
+    });
+    EXPECT_GT(lines, 0);
+    EXPECT_LT(lines, 20000);
+}
+
+TEST_F(LocalLogUsageProviderTest, SavingTheCacheSweepsWhatKilledWritersLeft) {
+    pid_t gone = ::fork();
+    if (gone == 0) ::_exit(0);
+    ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
+    const std::string leftover = home / "cache/.usage-cache.bin." + std::to_string(gone) + ".0.tmp";
+    writeFile(leftover, std::string(4096, 'x'), 0600);
+    UsageCacheFile::save(home / "cache/usage-cache.bin", Provider::EventCache(), at(0));
+    EXPECT_TRUE(exists(home / "cache/usage-cache.bin"));
+    EXPECT_FALSE(exists(leftover));
+}
+
+TEST_F(LocalLogUsageProviderTest, FoldersAndLogsPastThePathLimitAreNamedInWarnings) {
+    // Folders of 200-byte names, each made inside the last, down to where one more would be too
+    // long a path; there a folder and a log whose paths are.
+    makeDirs(projects);
+    const std::string name(200, 'd');
+    std::string deep = projects;
+    FileDescriptor top(::open(projects.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    FileDescriptor folder(::dup(top.get()));
+    for (; deep.size() + 1 + name.size() < PATH_MAX; deep += "/" + name) {
+        ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0755), 0);
+        folder = FileDescriptor(::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    const std::string logName = std::string(194, 'f') + ".jsonl", line = claudeLine(10, "m1", 7) + "\n";
+    ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0755), 0);
+    FileDescriptor log(::openat(folder.get(), logName.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    ASSERT_EQ(writeAll(log.get(), line), 0);
+
+    std::vector<std::string> warnings;
+    Provider(ToolContext{paths, {}}, nullptr).activities(work, ToolKind::claudeCode, {ActivitySummary::sevenDays}, at(kNow), &warnings);
+    EXPECT_EQ(warnings, (std::vector<std::string>{"Couldn't list " + deep + "/" + name + ": " + std::strerror(ENAMETOOLONG),
+                                                  "Couldn't read " + deep + "/" + logName + ": " + std::strerror(ENAMETOOLONG)}));
+    EXPECT_EQ(removeTreeAt(top.get(), name), 0);
 }
 
 }  // namespace
