@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "base/error.h"
+#include "base/json_input.h"
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
@@ -316,7 +317,7 @@ std::optional<std::string> statusLineFolder(const Context& context) {
         if (got <= 0) break;
         input.append(buffer, static_cast<std::size_t>(got));
     }
-    nlohmann::json object = nlohmann::json::parse(input, nullptr, false);
+    nlohmann::json object = JsonInput::parse(input).value_or(nullptr);
     if (!object.is_object()) return std::nullopt;
     auto workspace = object.find("workspace");
     if (workspace != object.end() && workspace->is_object()) {

@@ -446,7 +446,7 @@ void ProfileSharing::checkSource() const {
     refuse(source_, "it");
     for (const std::string& name : read) {
         const std::string path = name == ".claude.json" ? claudeStateFile() : source_ + "/" + name;
-        refuse(path, "its " + (name == ".claude.json" ? paths_.abbreviate(path) : name));
+        refuse(path, path == source_ + "/" + name ? "its " + name : paths_.abbreviate(path));
     }
 }
 
