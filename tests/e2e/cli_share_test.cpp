@@ -436,16 +436,19 @@ TEST_F(CliShareTest, SharedSetupChangesThroughTheShimsAndSurvivesToolRewrites) {
         ASSERT_EQ(added.exitCode, 0) << added.err;
     }
     EXPECT_EQ(readFile(codex + "/config.toml").find("veerline share"), std::string::npos) << "Codex drops the comments";
-    for (const char* name : {"codex", "claude"}) {
-        RunResult edit = cli({"share", "edit", name, "--", "mcp", "add", "--scope", "user", "docs", "--", "docs-v2"});
-        ASSERT_EQ(edit.exitCode, 0) << edit.err;
-    }
-    EXPECT_NE(readFile(home + "/.codex/config.toml").find("docs-v2"), std::string::npos);
-    EXPECT_EQ(json::parse(readFile(home + "/.claude.json"))["mcpServers"]["docs"]["command"], "docs-v2");
+    writeFile(home + "/.codex/config.toml", "[mcp_servers.docs]\ncommand = \"docs-v2\"\n");
+    ASSERT_EQ(cli({"share", "sync"}).exitCode, 0);
     const std::string codexServers = readFile(codex + "/config.toml");
     EXPECT_NE(codexServers.find("docs-v2"), std::string::npos) << codexServers;
     EXPECT_EQ(codexServers.find("docs-server"), std::string::npos) << codexServers;
-    EXPECT_EQ(json::parse(readFile(claude + "/.claude.json"))["mcpServers"]["docs"]["command"], "docs-v2");
+    for (const char* name : {"codex", "claude"}) {
+        RunResult edit = cli({"share", "edit", name, "--", "mcp", "add", "--scope", "user", "team", "--", "team-server"});
+        ASSERT_EQ(edit.exitCode, 0) << edit.err;
+    }
+    EXPECT_NE(readFile(home + "/.codex/config.toml").find("team-server"), std::string::npos);
+    EXPECT_NE(readFile(codex + "/config.toml").find("team-server"), std::string::npos);
+    EXPECT_EQ(json::parse(readFile(home + "/.claude.json"))["mcpServers"]["team"]["command"], "team-server");
+    EXPECT_EQ(json::parse(readFile(claude + "/.claude.json"))["mcpServers"]["team"]["command"], "team-server");
     const json status = json::parse(cli({"share", "status", "--json"}).out);
     for (const char* name : {"codex", "claude-code"}) {
         EXPECT_EQ(status[name]["profiles"][0]["onlyHere"], json::array({"MCP server mine"})) << status;
@@ -454,6 +457,7 @@ TEST_F(CliShareTest, SharedSetupChangesThroughTheShimsAndSurvivesToolRewrites) {
     const std::string taken = readFile(codex + "/config.toml");
     EXPECT_NE(taken.find("cli_auth_credentials_store"), std::string::npos) << taken;
     EXPECT_EQ(taken.find("docs"), std::string::npos) << taken;
+    EXPECT_EQ(taken.find("team"), std::string::npos) << taken;
     EXPECT_NE(taken.find("[mcp_servers.mine]"), std::string::npos) << taken;
     EXPECT_EQ(json::parse(readFile(claude + "/.claude.json"))["mcpServers"], json::parse(R"({"mine": {"command":
         "my-server", "args": [], "type": "stdio"}})"));
