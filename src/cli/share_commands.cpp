@@ -330,8 +330,10 @@ void addShareCommands(CLI::App& app, const Context& context, Action& chosen) {
                  "--scope user tickets -- npx tickets-server\n               veerline share edit codex -- mcp add "
                  "tickets -- npx tickets-server");
     onSelected(edit, chosen, [&context, options] { return shareEdit(context, *options); });
-    group->footer("Never shared: sign-in state (.credentials.json, auth.json, stored keys), sessions, history and "
-                  "caches. A profile's own settings and MCP servers win over the shared ones.");
+    group->footer("Never shared: sign-in state (.credentials.json, auth.json, stored keys), the settings that sign in "
+                  "or pick an account (`share status` names them), sessions, history and caches. A profile's own "
+                  "settings and MCP servers win over the shared ones. To change the shared setup with the shims "
+                  "installed, use `veerline share edit`.");
 }
 
 }  // namespace veerline::cli

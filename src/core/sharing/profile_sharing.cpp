@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -379,11 +380,20 @@ struct ProfileSharing::Run {
         if (sharingOn) source = readRegularFile(sourcePath, sharing::maxSharedFileSize);
         if (source) report.signInKept = sharing::CodexConfig::signInKeys(*source, shown(sourcePath));
         const Written veerlines(record, "mcpServers");
+        // Records of the first version listed the names only: those servers sat in Veerline's block.
+        std::set<std::string> listed;
+        if (auto names = record.find("mcpServers"); names != record.end() && names->is_array()) {
+            for (const Json& name : *names) {
+                if (name.is_string()) listed.insert(name.get<std::string>());
+            }
+        }
         std::optional<std::string> existing = sharing::readOwnFile(path);
         const std::string text = existing.value_or("");
         auto merged = sharing::CodexConfig::merge(
             text, shown(path), lineBreakAdded(), source ? &*source : nullptr, shown(sourcePath),
-            [&](const std::string& name, const nlohmann::json& value) { return veerlines.holds(name, value); });
+            [&](const std::string& name, const nlohmann::json& value) {
+                return listed.contains(name) || veerlines.holds(name, value);
+            });
         for (const std::string& own : merged.ownServers) report.onlyHere.push_back("MCP server " + own);
         if (merged.text == text) {
             record["mcpServers"] = std::move(merged.written);
