@@ -23,17 +23,14 @@ toml::table parsed(const std::string& text, const std::string& path) {
     }
 }
 
-// A TOML value as JSON, to compare with and keep in the sharing record.
+// A server's table as JSON, to compare with and keep in the sharing record; null for anything
+// else, which Veerline never writes.
 nlohmann::json asJson(const toml::node& node) {
+    const toml::table* table = node.as_table();
+    if (!table) return nullptr;
     std::ostringstream text;
-    if (const toml::table* table = node.as_table()) {
-        text << toml::json_formatter(*table);
-    } else {
-        text << toml::json_formatter(toml::table{{"value", node}});
-    }
-    std::optional<nlohmann::json> json = JsonInput::parse(text.str());
-    if (!json) return nullptr;
-    return node.is_table() ? std::move(*json) : (*json)["value"];
+    text << toml::json_formatter(*table);
+    return JsonInput::parse(text.str()).value_or(nullptr);
 }
 
 std::string_view trimmed(std::string_view line) {
