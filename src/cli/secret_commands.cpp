@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "base/error.h"
+#include "base/json_input.h"
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
@@ -115,10 +116,13 @@ int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile) {
     // A damaged settings file stops everything before a key is stored, and is never replaced.
     nlohmann::ordered_json settings = nlohmann::ordered_json::object();
     if (PathUtil::isRegularFile(settingsFile)) {
-        settings = nlohmann::ordered_json::parse(files.read(settingsFile), nullptr, false);
+        JsonInput::Problem problem = JsonInput::Problem::none;
+        settings = JsonInput::parseOrdered(files.read(settingsFile), &problem).value_or(nullptr);
         if (!settings.is_object()) {
-            throw VeerlineError::io("Couldn't read " + context.paths.abbreviate(settingsFile) +
-                                    ": it isn't a JSON object. Fix it or move it away, then try again.");
+            const std::string why = problem == JsonInput::Problem::tooDeep ? JsonInput::describe(problem)
+                                                                             : "it isn't a JSON object";
+            throw VeerlineError::io("Couldn't read " + context.paths.abbreviate(settingsFile) + ": " + why +
+                                    ". Fix it or move it away, then try again.");
         }
     }
     auto self = platform::executablePath();

@@ -3,8 +3,13 @@
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <spawn.h>
+#include <sys/wait.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -12,10 +17,16 @@
 #include "cli/cli.h"
 #include "cli/options.h"
 #include "cli/output.h"
+#include "base/environment.h"
 #include "base/error.h"
 #include "profiles/profile_store.h"
 #include "sharing/profile_sharing.h"
+#include "sharing/share_files.h"
 #include "sharing/share_settings.h"
+#include "tools/claude_code_adapter.h"
+#include "tools/codex_adapter.h"
+
+extern char** environ;
 
 namespace veerline::cli {
 
@@ -25,6 +36,7 @@ struct ShareOptions {
     std::string tool;
     std::string from;
     bool json = false;
+    std::vector<std::string> arguments;  // `edit`: the tool's own arguments, after --
 };
 
 std::string joined(const std::vector<std::string>& parts) {
@@ -78,9 +90,13 @@ int shareOn(const Context& context, const ShareOptions& options) {
         from = PathUtil::normalize(PathUtil::expandTilde(options.from, context.paths.home), context.workingDirectory());
         if (!PathUtil::isDirectory(*from)) throw UsageError("There's no folder at " + curlyQuoted(options.from) + ".");
     }
+    sharing::SharingLock lock(context.paths);
     ShareSettings settings = ShareSettings::load(context.paths);
     for (ToolKind tool : tools) {
         settings.sources[tool] = from.value_or(ShareSettings::defaultSource(tool, context.paths));
+        ProfileSharing(context.paths, tool, settings.sources[tool]).checkSource();
+    }
+    for (ToolKind tool : tools) {
         std::cout << "Sharing " << toolName(tool) << "'s setup from " << context.paths.abbreviate(settings.sources[tool])
                   << " with every managed profile.\n";
     }
@@ -92,6 +108,7 @@ int shareOn(const Context& context, const ShareOptions& options) {
 
 int shareOff(const Context& context, const ShareOptions& options) {
     std::vector<ToolKind> tools = chosenTools(options);
+    sharing::SharingLock lock(context.paths);
     ShareSettings settings = ShareSettings::load(context.paths);
     ProfileDocument document = ProfileStore(context.paths).load();
     std::vector<ShareReport> reports;
@@ -116,6 +133,7 @@ int shareOff(const Context& context, const ShareOptions& options) {
 }
 
 int shareSync(const Context& context) {
+    sharing::SharingLock lock(context.paths);
     ShareSettings settings = ShareSettings::load(context.paths);
     if (settings.sources.empty()) {
         std::cout << "Nothing is shared. Share a setup with `veerline share on`.\n";
@@ -130,6 +148,7 @@ int shareSync(const Context& context) {
 }
 
 int shareStatus(const Context& context, const ShareOptions& options) {
+    sharing::SharingLock lock(context.paths);
     ShareSettings settings = ShareSettings::load(context.paths);
     ProfileDocument document = ProfileStore(context.paths).load();
     auto reports = ProfileSharing::applyAll(context.paths, document, settings, true);
@@ -145,16 +164,29 @@ int shareStatus(const Context& context, const ShareOptions& options) {
         }
         entry["source"] = shared->second;
         entry["profiles"] = nlohmann::json::array();
-        if (!options.json) std::cout << toolName(tool) << ": shared from " << context.paths.abbreviate(shared->second) << "\n";
+        // The same for every profile, as all read one source.
+        std::vector<std::string> signInKept;
+        for (const ShareReport& profile : reports) {
+            if (profile.tool == tool && !profile.failed) signInKept = profile.signInKept;
+        }
+        entry["signInKeptAside"] = signInKept;
+        if (!options.json) {
+            std::cout << toolName(tool) << ": shared from " << context.paths.abbreviate(shared->second) << "\n";
+            if (!signInKept.empty()) {
+                std::cout << "  not shared, as each profile signs in itself: " << joined(signInKept) << "\n";
+            }
+        }
         for (const ShareReport& profile : reports) {
             if (profile.tool != tool) continue;
-            nlohmann::json line = {{"name", profile.profileName}, {"outOfDate", profile.changes}, {"keptAside", profile.keptAside}};
+            nlohmann::json line = {{"name", profile.profileName}, {"outOfDate", profile.changes},
+                                   {"keptAside", profile.keptAside}, {"onlyHere", profile.onlyHere}};
             std::string state = profile.changes.empty() ? "up to date" : "out of date: " + joined(profile.changes);
             if (profile.skipped) {
                 line["skipped"] = *profile.skipped;
                 state = "skipped: " + *profile.skipped;
             }
             if (!profile.keptAside.empty()) state += "; own items kept aside: " + joined(profile.keptAside);
+            if (!profile.onlyHere.empty()) state += "; only in this profile: " + joined(profile.onlyHere);
             if (!options.json) std::cout << "  " << profile.profileName << ": " << state << "\n";
             entry["profiles"].push_back(std::move(line));
         }
@@ -164,11 +196,98 @@ int shareStatus(const Context& context, const ShareOptions& options) {
     return 0;
 }
 
+
+// Runs `file` with `arguments` on this terminal and waits for it: its exit status, 128 + the
+// signal that ended it, or 126/127 when it couldn't start. Interrupts go to the tool, as a
+// shell does it, so that the profiles can still be brought up to date after it.
+int runAndWait(const std::string& file, const std::vector<std::string>& arguments, const Environment& environment) {
+    std::vector<std::string> args = arguments;
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
+    auto pointers = [](std::vector<std::string>& strings) {
+        std::vector<char*> list;
+        for (auto& text : strings) list.push_back(text.data());
+        list.push_back(nullptr);
+        return list;
+    };
+    std::vector<char*> argv = pointers(args), envp = pointers(entries);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGQUIT);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    struct sigaction ignore {}, oldInt {}, oldQuit {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGINT, &ignore, &oldInt);
+    ::sigaction(SIGQUIT, &ignore, &oldQuit);
+    std::cout.flush();
+    pid_t child = 0;
+    int spawnError = ::posix_spawn(&child, file.c_str(), nullptr, &attributes, argv.data(), envp.data());
+    posix_spawnattr_destroy(&attributes);
+    int status = 0;
+    while (spawnError == 0 && ::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    ::sigaction(SIGINT, &oldInt, nullptr);
+    ::sigaction(SIGQUIT, &oldQuit, nullptr);
+    if (spawnError != 0) {
+        std::cerr << "veerline: Couldn't run " << curlyQuoted(file) << ": " << std::strerror(spawnError) << "\n";
+        return spawnError == ENOENT ? 127 : 126;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs the real tool (never the shim) on the shared source itself, so that what it changes
+// (`claude mcp add --scope user`, `codex mcp add`) lands in the shared setup, then brings every
+// profile up to date with it.
+int shareEdit(const Context& context, const ShareOptions& options) {
+    ToolKind tool = chosenTools(options).front();
+    ShareSettings settings;
+    {
+        sharing::SharingLock lock(context.paths);
+        settings = ShareSettings::load(context.paths);
+    }
+    auto shared = settings.sources.find(tool);
+    if (shared == settings.sources.end()) {
+        throw UsageError(toolName(tool) + "'s setup isn't shared. Share it first with `veerline share on " +
+                         std::string(toolkind::rawValue(tool)) + "`.");
+    }
+    ToolContext tools{context.paths, context.environment};
+    const bool codex = tool == ToolKind::codex;
+    std::optional<std::string> binary = codex ? CodexAdapter(tools).binaryPath() : ClaudeCodeAdapter(tools).binaryPath();
+    if (!binary) throw VeerlineError::io("Couldn't find " + toolName(tool) + " on your PATH.");
+    Environment environment = context.environment;
+    const std::string variable = codex ? "CODEX_HOME" : "CLAUDE_CONFIG_DIR";
+    // The tool's own default folder is what it uses with the variable unset (Claude Code keeps
+    // ~/.claude.json outside it).
+    if (shared->second == ShareSettings::defaultSource(tool, context.paths)) {
+        environment.erase(variable);
+    } else {
+        environment[variable] = shared->second;
+    }
+    // Anything the tool starts in turn stays on the shared setup too.
+    environment["VEERLINE_DISABLE"] = "1";
+    environment.erase("VEERLINE_PROFILE");
+    environment.erase("VEERLINE_MANAGED_VARS");
+    std::vector<std::string> arguments = {*binary};
+    arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
+    std::cerr << "Running " << toolName(tool) << " on the shared setup in "
+              << context.paths.abbreviate(shared->second) << ".\n";
+    if (int status = runAndWait(*binary, arguments, environment); status != 0) return status;
+    sharing::SharingLock lock(context.paths);
+    settings = ShareSettings::load(context.paths);
+    ProfileDocument document = ProfileStore(context.paths).load();
+    return report(context, ProfileSharing::applyAll(context.paths, document, settings, false, tool), "Updated") ? 0 : 1;
+}
+
 }  // namespace
 
 void shareSetupWith(const Context& context, std::optional<ProfileID> profile, std::optional<ToolKind> tool) {
     try {
         if (!ShareSettings::exists(context.paths)) return;
+        sharing::SharingLock lock(context.paths);
         ShareSettings settings = ShareSettings::load(context.paths);
         ProfileDocument document = ProfileStore(context.paths).load();
         if (profile) std::erase_if(document.profiles, [&](const Profile& each) { return each.id != *profile; });
@@ -202,8 +321,19 @@ void addShareCommands(CLI::App& app, const Context& context, Action& chosen) {
 
     CLI::App* sync = group->add_subcommand("sync", "Bring every profile up to date after the shared setup changed");
     onSelected(sync, chosen, [&context] { return shareSync(context); });
-    group->footer("Never shared: sign-in state (.credentials.json, auth.json, stored keys), sessions, history and "
-                  "caches. A profile's own settings and MCP servers win over the shared ones.");
+
+    CLI::App* edit = group->add_subcommand(
+        "edit", "Run the tool on the shared setup itself (not a profile's), then bring every profile up to date");
+    edit->add_option("tool", options->tool, "claude-code (or claude) or codex")->required();
+    edit->add_option("arguments", options->arguments, "The tool's arguments, after --");
+    edit->footer("Write it as: veerline share edit TOOL -- ARGS...\nFor example: veerline share edit claude -- mcp add "
+                 "--scope user tickets -- npx tickets-server\n               veerline share edit codex -- mcp add "
+                 "tickets -- npx tickets-server");
+    onSelected(edit, chosen, [&context, options] { return shareEdit(context, *options); });
+    group->footer("Never shared: sign-in state (.credentials.json, auth.json, stored keys), the settings that sign in "
+                  "or pick an account (`share status` names them), sessions, history and caches. A profile's own "
+                  "settings and MCP servers win over the shared ones. To change the shared setup with the shims "
+                  "installed, use `veerline share edit`.");
 }
 
 }  // namespace veerline::cli

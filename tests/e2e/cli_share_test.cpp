@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <filesystem>
+#include <future>
 #include <map>
 
 #include "support/test_support.h"
@@ -32,6 +34,7 @@ protected:
     std::string home = root / "home";
     std::string tools = root / "tools";
     std::string support = home + "/Library/Application Support/Veerline";
+    std::string path = tools + ":/usr/bin:/bin";
 
     void SetUp() override {
         writeFakeTool(tools + "/claude");
@@ -56,10 +59,21 @@ protected:
 
     RunResult cli(const std::vector<std::string>& args, const std::string& input = "") const {
         RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}, {"SHELL", "/bin/bash"}};
+        options.environment = {{"HOME", home}, {"PATH", path}, {"SHELL", "/bin/bash"}};
         options.cwd = home;
         options.input = input;
         return run(VEERLINE_CLI_BINARY, args, options);
+    }
+
+    // A tool run as the user would, through the shims when they are installed.
+    RunResult tool(const std::string& name, const std::vector<std::string>& args,
+                   std::map<std::string, std::string> environment = {}) const {
+        environment.insert({{"HOME", home}, {"PATH", home + "/.veerline/bin:" + tools + ":/usr/bin:/bin"}});
+        RunOptions options;
+        options.environment = std::move(environment);
+        options.cwd = home;
+        const std::string shim = home + "/.veerline/bin/" + name;
+        return run(exists(shim) ? shim : tools + "/" + name, args, options);
     }
 
     std::string added(const std::string& name) {
@@ -249,6 +263,228 @@ TEST_F(CliShareTest, BadInputAndFoldersThatCannotBeSharedAreNamedAndLeftAsTheyWe
                                "`veerline share on` again.\n");
     }
     EXPECT_EQ(doctorCheck("sharing")["level"], "warning");
+}
+
+// What signs in or picks an account stays in the source: no profile gets it, `share status` names it.
+TEST_F(CliShareTest, SignInAndAccountKeysNeverReachAProfile) {
+    struct Row {
+        const char* tool;
+        std::string key;  // "env.NAME" for a variable under Claude Code's "env"
+        bool keptAside;
+    };
+    const std::vector<Row> rows = {
+        {"claude-code", "env.ANTHROPIC_API_KEY", true}, {"claude-code", "env.ANTHROPIC_AUTH_TOKEN", true},
+        {"claude-code", "env.CLAUDE_CODE_OAUTH_TOKEN", true}, {"claude-code", "env.ANTHROPIC_BASE_URL", true},
+        {"claude-code", "env.AWS_ACCESS_KEY_ID", true}, {"claude-code", "env.AWS_PROFILE", true},
+        {"claude-code", "env.AWS_BEARER_TOKEN_BEDROCK", true}, {"claude-code", "env.CLAUDE_CODE_USE_BEDROCK", true},
+        {"claude-code", "env.CLAUDE_CODE_USE_VERTEX", true}, {"claude-code", "env.ANTHROPIC_VERTEX_PROJECT_ID", true},
+        {"claude-code", "env.GOOGLE_APPLICATION_CREDENTIALS", true}, {"claude-code", "env.GITHUB_TOKEN", true},
+        {"claude-code", "apiKeyHelper", true}, {"claude-code", "awsCredentialExport", true},
+        {"claude-code", "awsAuthRefresh", true}, {"claude-code", "otelHeadersHelper", true},
+        {"claude-code", "forceLoginMethod", true}, {"claude-code", "forceLoginOrgUUID", true},
+        {"claude-code", "env.DISABLE_TELEMETRY", false}, {"claude-code", "model", false},
+        {"codex", "preferred_auth_method", true}, {"codex", "forced_login_method", true},
+        {"codex", "forced_chatgpt_workspace_id", true}, {"codex", "cli_auth_credentials_store", true},
+        {"codex", "model_provider", true}, {"codex", "chatgpt_base_url", true}, {"codex", "model", false},
+    };
+    json settings = json::object();
+    std::string config;
+    for (const Row& row : rows) {
+        const std::string value = "source-" + row.key;
+        if (row.tool == std::string("codex")) {
+            config += row.key + " = \"" + value + "\"\n";
+        } else if (row.key.starts_with("env.")) {
+            settings["env"][row.key.substr(4)] = value;
+        } else {
+            settings[row.key] = value;
+        }
+    }
+    writeFile(home + "/.claude/settings.json", settings.dump());
+    writeFile(home + "/.codex/config.toml", config + "[mcp_servers.docs]\ncommand = \"docs-server\"\n");
+    const std::string work = added("Work");
+    ASSERT_EQ(cli({"share", "on"}).exitCode, 0);
+    const json profile = json::parse(readFile(support + "/claude-code/" + work + "/settings.json"));
+    const std::string profileConfig = readFile(support + "/codex/" + work + "/config.toml");
+    const json status = json::parse(cli({"share", "status", "--json"}).out);
+    const std::string text = cli({"share", "status"}).out;
+    for (const Row& row : rows) {
+        const json& kept = status[row.tool]["signInKeptAside"];
+        EXPECT_EQ(std::find(kept.begin(), kept.end(), row.key) != kept.end(), row.keptAside) << row.key << " " << kept;
+        const bool named = text.find(" " + row.key + ",") != std::string::npos || text.find(" " + row.key + "\n") != std::string::npos;
+        EXPECT_EQ(named, row.keptAside) << row.key;
+        const bool shared = row.tool == std::string("codex") ? profileConfig.find("source-" + row.key) != std::string::npos
+                            : row.key.starts_with("env.") ? profile.contains("env") && profile["env"].contains(row.key.substr(4))
+                                                          : profile.contains(row.key);
+        EXPECT_EQ(shared, !row.keptAside && row.tool != std::string("codex")) << row.key;
+    }
+}
+
+// A source that is, or leads into, Veerline's own folders would hand one profile's files to the others.
+TEST_F(CliShareTest, SourcesThatLeadIntoVeerlinesOwnFoldersAreRefused) {
+    const std::string work = added("Work");
+    const std::string workClaude = support + "/claude-code/" + work;
+    writeFile(workClaude + "/.claude.json", R"({"oauthAccount": {"emailAddress": "work@example.com"}, "mcpServers": {}})");
+    writeFile(home + "/.veerline/bin/claude", "shim\n");
+    const std::string other = root / "other";
+    const std::vector<std::pair<std::string, std::string>> links = {
+        {"", workClaude},                                  // the source folder itself
+        {"settings.json", workClaude + "/.claude.json"},
+        {".claude.json", workClaude + "/.claude.json"},
+        {"commands", home + "/.veerline/bin"},
+        {"CLAUDE.md", support + "/profiles.json"},
+    };
+    for (const auto& [name, target] : links) {
+        fs::remove_all(other);
+        fs::create_directories(other);
+        makeSymlink(target, name.empty() ? other + "/team" : other + "/" + name);
+        const std::string from = name.empty() ? other + "/team" : other;
+        RunResult on = cli({"share", "on", "claude", "--from", from});
+        EXPECT_EQ(on.exitCode, 1) << name;
+        EXPECT_NE(on.err.find("Veerline won't share"), std::string::npos) << name << on.err;
+        EXPECT_FALSE(exists(support + "/sharing.json")) << name;
+    }
+    // Linked after sharing was turned on: sync refuses it too.
+    fs::remove_all(other);
+    writeFile(other + "/CLAUDE.md", "Team.\n");
+    ASSERT_EQ(cli({"share", "on", "claude", "--from", other}).exitCode, 0);
+    const std::string home2 = support + "/claude-code/" + added("Home");
+    makeSymlink(workClaude + "/.claude.json", other + "/.claude.json");
+    RunResult sync = cli({"share", "sync"});
+    EXPECT_EQ(sync.exitCode, 1);
+    EXPECT_NE(sync.err.find("its .claude.json leads into"), std::string::npos) << sync.err;
+    EXPECT_FALSE(exists(home2 + "/.claude.json")) << readFile(home2 + "/.claude.json");
+}
+
+// Writers at once: four syncs while the source changes, and Claude Code rewriting .claude.json
+// under its lock. Every update counts, the record follows what was written, `share off` takes
+// back exactly the shared keys.
+TEST_F(CliShareTest, ConcurrentWritersEndConsistentAndLoseNothing) {
+    std::vector<std::string> folders;
+    for (const char* name : {"One", "Two", "Three"}) {
+        folders.push_back(support + "/claude-code/" + added(name));
+        writeFile(folders.back() + "/settings.json", R"({"theme": "own"})");
+    }
+    ASSERT_EQ(cli({"share", "on", "claude"}).exitCode, 0);
+    // Replaced whole, as the tools do, so that no reader sees half a file.
+    auto replace = [&](const std::string& file, const json& content) {
+        writeFile(file + ".new", content.dump());
+        fs::rename(file + ".new", file);
+    };
+    auto source = [&](int round) {
+        replace(home + "/.claude/settings.json", {{"model", "m" + std::to_string(round)}, {"effort", "e" + std::to_string(round)}});
+        replace(home + "/.claude.json", {{"mcpServers", {{"s" + std::to_string(round % 3), {{"command", "c"}}}}}});
+    };
+    std::atomic<bool> syncing = true;
+    std::atomic<int> startups = 0;
+    auto claudeWriter = std::async(std::launch::async, [&] {
+        while (syncing) {
+            ASSERT_EQ(tool("claude", {}, {{"CLAUDE_CONFIG_DIR", folders[0]}, {"VEERLINE_FAKE_CLAUDE_STARTUPS", "5"}}).exitCode, 0);
+            startups += 5;
+        }
+    });
+    for (int round = 0; round < 10; ++round) {
+        source(round);
+        std::vector<std::future<RunResult>> syncs;
+        for (int each = 0; each < 4; ++each) {
+            syncs.push_back(std::async(std::launch::async, [&] { return cli({"share", "sync"}); }));
+        }
+        source(100 + round);
+        for (auto& sync : syncs) {
+            RunResult result = sync.get();
+            EXPECT_EQ(result.exitCode, 0) << result.err;
+        }
+    }
+    syncing = false;
+    claudeWriter.get();
+    ASSERT_EQ(cli({"share", "sync"}).exitCode, 0);
+    for (const std::string& folder : folders) {
+        EXPECT_EQ(json::parse(readFile(folder + "/settings.json")),
+                  json::parse(R"({"theme": "own", "model": "m109", "effort": "e109"})")) << folder;
+        EXPECT_EQ(json::parse(readFile(folder + "/.claude.json"))["mcpServers"], json::parse(R"({"s1": {"command": "c"}})"));
+    }
+    EXPECT_EQ(json::parse(readFile(folders[0] + "/.claude.json"))["numStartups"], startups.load());
+    EXPECT_FALSE(exists(folders[0] + "/.claude.json.lock"));
+    ASSERT_EQ(cli({"share", "off"}).exitCode, 0);
+    for (const std::string& folder : folders) EXPECT_EQ(json::parse(readFile(folder + "/settings.json")), json({{"theme", "own"}}));
+}
+
+// A sync that stops halfway (one file damaged) leaves a record that still covers what it wrote.
+TEST_F(CliShareTest, ASyncThatFailsHalfwayIsTakenBackInFull) {
+    const std::string work = support + "/claude-code/" + added("Work");
+    writeFile(work + "/settings.json", R"({"theme": "own"})");
+    writeFile(work + "/.claude.json", R"({"mcpServers": []})");
+    RunResult on = cli({"share", "on", "claude"});
+    EXPECT_EQ(on.exitCode, 1);
+    EXPECT_EQ(json::parse(readFile(work + "/settings.json"))["model"], "opus");
+    writeFile(work + "/.claude.json", R"({"mcpServers": {}})");
+    ASSERT_EQ(cli({"share", "off"}).exitCode, 0);
+    EXPECT_EQ(json::parse(readFile(work + "/settings.json")), json::parse(R"({"theme": "own"})"));
+}
+
+// Codex rewrites config.toml without Veerline's comments; the servers stay Veerline's to update
+// and take back. With the shims installed, `share edit` changes the shared setup itself, and
+// `share status` names what one profile has alone.
+TEST_F(CliShareTest, SharedSetupChangesThroughTheShimsAndSurvivesToolRewrites) {
+    const std::string work = added("Work");
+    const std::string codex = support + "/codex/" + work, claude = support + "/claude-code/" + work;
+    ASSERT_EQ(cli({"rule", "add", home, "Work"}).exitCode, 0);
+    ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
+    path = home + "/.veerline/bin:" + path;
+    ASSERT_EQ(cli({"share", "on"}).exitCode, 0);
+    for (const char* name : {"codex", "claude"}) {
+        RunResult added = tool(name, {"mcp", "add", "--scope", "user", "mine", "--", "my-server"});
+        ASSERT_EQ(added.exitCode, 0) << added.err;
+    }
+    EXPECT_EQ(readFile(codex + "/config.toml").find("veerline share"), std::string::npos) << "Codex drops the comments";
+    writeFile(home + "/.codex/config.toml", "[mcp_servers.docs]\ncommand = \"docs-v2\"\n");
+    ASSERT_EQ(cli({"share", "sync"}).exitCode, 0);
+    const std::string codexServers = readFile(codex + "/config.toml");
+    EXPECT_NE(codexServers.find("docs-v2"), std::string::npos) << codexServers;
+    EXPECT_EQ(codexServers.find("docs-server"), std::string::npos) << codexServers;
+    for (const char* name : {"codex", "claude"}) {
+        RunResult edit = cli({"share", "edit", name, "--", "mcp", "add", "--scope", "user", "team", "--", "team-server"});
+        ASSERT_EQ(edit.exitCode, 0) << edit.err;
+    }
+    EXPECT_NE(readFile(home + "/.codex/config.toml").find("team-server"), std::string::npos);
+    EXPECT_NE(readFile(codex + "/config.toml").find("team-server"), std::string::npos);
+    EXPECT_EQ(json::parse(readFile(home + "/.claude.json"))["mcpServers"]["team"]["command"], "team-server");
+    EXPECT_EQ(json::parse(readFile(claude + "/.claude.json"))["mcpServers"]["team"]["command"], "team-server");
+    const json status = json::parse(cli({"share", "status", "--json"}).out);
+    for (const char* name : {"codex", "claude-code"}) {
+        EXPECT_EQ(status[name]["profiles"][0]["onlyHere"], json::array({"MCP server mine"})) << status;
+    }
+    ASSERT_EQ(cli({"share", "off"}).exitCode, 0);
+    const std::string taken = readFile(codex + "/config.toml");
+    EXPECT_NE(taken.find("cli_auth_credentials_store"), std::string::npos) << taken;
+    EXPECT_EQ(taken.find("docs"), std::string::npos) << taken;
+    EXPECT_EQ(taken.find("team"), std::string::npos) << taken;
+    EXPECT_NE(taken.find("[mcp_servers.mine]"), std::string::npos) << taken;
+    EXPECT_EQ(json::parse(readFile(claude + "/.claude.json"))["mcpServers"], json::parse(R"({"mine": {"command":
+        "my-server", "args": [], "type": "stdio"}})"));
+}
+
+// JSON nested far deeper than any real file is refused by name, by every command that reads it.
+TEST_F(CliShareTest, DeeplyNestedJsonIsRefusedNotCrashedOn) {
+    auto deep = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    const std::string work = support + "/claude-code/" + added("Work");
+    ASSERT_EQ(cli({"share", "on", "claude"}).exitCode, 0);
+    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+        {home + "/.claude/settings.json", {"share", "sync"}},
+        {home + "/.claude.json", {"profile", "add", "Deep", "--tools", "claude"}},
+        {work + "/settings.json", {"share", "status"}},
+        {work + "/.veerline-share.json", {"share", "off"}},
+        {support + "/sharing.json", {"share", "sync"}},
+    };
+    for (const auto& [file, args] : cases) {
+        const std::string before = exists(file) ? readFile(file) : "";
+        // sharing.json is read only up to 16 kB.
+        writeFile(file, "{\"mcpServers\": " + deep(file.ends_with("sharing.json") ? 4000 : 150000) + "}");
+        RunResult result = cli(args);
+        EXPECT_LT(result.exitCode, 128) << file;
+        EXPECT_NE((result.out + result.err).find("too deeply nested"), std::string::npos) << file << ": " << result.err;
+        writeFile(file, before);
+        if (before.empty()) fs::remove(file);
+    }
 }
 
 }  // namespace

@@ -2,9 +2,13 @@
 // received. Installed under the name `codex`, it answers the sign-in commands word for word as
 // codex-cli 0.169.0 does on a machine without a Secret Service: with
 // `cli_auth_credentials_store = "keyring"` in its config.toml every sign-in fails, otherwise the
-// key is kept in auth.json in CODEX_HOME.
+// key is kept in auth.json in CODEX_HOME. `codex mcp add` and `claude mcp add` add a server the way
+// the real tools do: Codex rewrites config.toml whole, dropping its comments; Claude Code rewrites
+// .claude.json while holding its lock folder ".claude.json.lock", as it does on every start (set
+// VEERLINE_FAKE_CLAUDE_STARTUPS to N for N such rewrites, each counting "numStartups" up).
 #include <dirent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,9 +16,13 @@
 #include <iostream>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <nlohmann/json.hpp>
+#include <toml++/toml.h>
 
 extern char** environ;
 
@@ -99,11 +107,117 @@ int answerAsCodex(const std::vector<std::string_view>& arguments) {
     return -1;
 }
 
+std::string variable(const char* name) {
+    return std::getenv(name) ? std::getenv(name) : "";
+}
+
+// Replaces `path` by way of a temporary file and rename, as both tools do.
+void replace(const std::string& path, const std::string& content) {
+    std::string temporary = path + ".tmp." + std::to_string(::getpid());
+    std::ofstream(temporary) << content;
+    ::chmod(temporary.c_str(), 0600);
+    std::rename(temporary.c_str(), path.c_str());
+}
+
+// `mcp add [--scope user] [--env K=V]... NAME -- COMMAND ARGS...`: the server's table.
+nlohmann::json serverFrom(const std::vector<std::string_view>& arguments, std::string& name, std::string& scope) {
+    nlohmann::json server = {{"command", ""}, {"args", nlohmann::json::array()}};
+    std::size_t at = 2;
+    for (; at < arguments.size() && arguments[at] != "--"; ++at) {
+        if (arguments[at] == "--scope" || arguments[at] == "-s") {
+            scope = arguments[++at];
+        } else if (arguments[at] == "--env" || arguments[at] == "-e") {
+            std::string entry(arguments[++at]);
+            server["env"][entry.substr(0, entry.find('='))] = entry.substr(entry.find('=') + 1);
+        } else {
+            name = arguments[at];
+        }
+    }
+    if (++at < arguments.size()) server["command"] = arguments[at];
+    for (++at; at < arguments.size(); ++at) server["args"].push_back(arguments[at]);
+    return server;
+}
+
+int codexMcpAdd(const std::vector<std::string_view>& arguments) {
+    std::string folder = variable("CODEX_HOME").empty() ? variable("HOME") + "/.codex" : variable("CODEX_HOME");
+    std::string name, scope;
+    nlohmann::json server = serverFrom(arguments, name, scope);
+    toml::table config = toml::parse_file(folder + "/config.toml");
+    toml::table entry{{"command", server["command"].get<std::string>()}};
+    toml::array args;
+    for (const auto& arg : server["args"]) args.push_back(arg.get<std::string>());
+    entry.insert("args", args);
+    if (server.contains("env")) {
+        toml::table env;
+        for (const auto& [key, value] : server["env"].items()) env.insert(key, value.get<std::string>());
+        entry.insert("env", env);
+    }
+    if (!config.contains("mcp_servers")) config.insert("mcp_servers", toml::table{});
+    config["mcp_servers"].as_table()->insert_or_assign(name, entry);
+    std::ostringstream text;
+    text << config << "\n";
+    replace(folder + "/config.toml", text.str());
+    std::printf("Added global MCP server '%s'.\n", name.c_str());
+    return 0;
+}
+
+// Claude Code's lock on its state file: a folder made by mkdir, taken over when stale.
+struct StateLock {
+    std::string folder;
+    explicit StateLock(std::string path) : folder(std::move(path) + ".lock") {
+        while (::mkdir(folder.c_str(), 0755) != 0) {
+            struct stat info {};
+            if (::stat(folder.c_str(), &info) == 0 && ::time(nullptr) - info.st_mtime > 10) ::rmdir(folder.c_str());
+            ::usleep(500);
+        }
+    }
+    ~StateLock() { ::rmdir(folder.c_str()); }
+};
+
+std::string claudeStateFile() {
+    return variable("CLAUDE_CONFIG_DIR").empty() ? variable("HOME") + "/.claude.json"
+                                                 : variable("CLAUDE_CONFIG_DIR") + "/.claude.json";
+}
+
+// One read-modify-write of the state file under the lock.
+template <typename Change>
+void rewriteState(Change&& change) {
+    const std::string path = claudeStateFile();
+    StateLock lock(path);
+    nlohmann::ordered_json state = nlohmann::ordered_json::parse(readWhole(std::ifstream(path)), nullptr, false);
+    if (!state.is_object()) state = nlohmann::ordered_json::object();
+    change(state);
+    replace(path, state.dump(2));
+}
+
+int claudeMcpAdd(const std::vector<std::string_view>& arguments) {
+    std::string name, scope = "local";
+    nlohmann::json server = serverFrom(arguments, name, scope);
+    server["type"] = "stdio";
+    rewriteState([&](nlohmann::ordered_json& state) {
+        // Without --scope user the server is the working folder's only.
+        char cwd[4096];
+        auto& servers = scope == "user" ? state["mcpServers"] : state["projects"][::getcwd(cwd, sizeof cwd)]["mcpServers"];
+        servers[name] = server;
+    });
+    std::printf("Added stdio MCP server %s to %s config\n", name.c_str(), scope.c_str());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::vector<std::string_view> arguments(argv + 1, argv + argc);
+    const bool addsServer = arguments.size() > 1 && arguments[0] == "mcp" && arguments[1] == "add";
+    if (argc > 0 && std::string_view(argv[0]).ends_with("claude")) {
+        for (int startup = std::atoi(variable("VEERLINE_FAKE_CLAUDE_STARTUPS").c_str()); startup > 0; --startup) {
+            rewriteState([](nlohmann::ordered_json& state) { state["numStartups"] = state.value("numStartups", 0) + 1; });
+        }
+        if (addsServer) return claudeMcpAdd(arguments);
+    }
     std::string_view invokedAs = argc > 0 ? argv[0] : "";
     bool codex = invokedAs == "codex" || invokedAs.ends_with("/codex");
+    if (codex && addsServer) return codexMcpAdd(arguments);
     if (int exitCode = codex ? answerAsCodex({argv + 1, argv + argc}) : -1; exitCode >= 0) return exitCode;
     std::printf("ARGV0:%s\n", argc > 0 ? argv[0] : "");
     for (int i = 1; i < argc; ++i) std::printf("ARG:%s\n", argv[i]);

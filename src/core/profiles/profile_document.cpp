@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "base/json_input.h"
 #include "base/unicode.h"
 
 namespace veerline {
@@ -347,8 +348,11 @@ ProfileDocument decodeDocument(std::string_view text) {
         throw DocumentDecodeError("not valid JSON (a NUL byte at " + position(text, nul) + ")");
     }
     json root;
+    JsonInput::Problem problem = JsonInput::Problem::none;
+    if (std::optional<json> parsed = JsonInput::parse(text, &problem)) root = std::move(*parsed);
+    if (problem == JsonInput::Problem::tooDeep) throw DocumentDecodeError("too deeply nested (more than " + std::to_string(JsonInput::maxDepth) + " levels)");
     try {
-        root = json::parse(text.begin(), text.end());
+        if (problem != JsonInput::Problem::none) root = json::parse(text.begin(), text.end());
     } catch (const json::parse_error& error) {
         if (text.find_first_not_of(" \t\r\n") == std::string_view::npos) {
             throw DocumentDecodeError("the file is empty");

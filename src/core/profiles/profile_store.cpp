@@ -15,6 +15,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/json_input.h"
 #include "profiles/quick_document_decoder.h"
 
 namespace veerline {
@@ -126,7 +127,7 @@ ProfileDocument ProfileStore::decode(std::string_view bytes) const {
         if (std::optional<ProfileDocument> document = decodeDocumentQuickly(bytes)) return std::move(*document);
     }
     auto root = holdsNUL ? nlohmann::json(nlohmann::json::value_t::discarded)
-                         : nlohmann::json::parse(bytes.begin(), bytes.end(), nullptr, false);
+                         : JsonInput::parse(bytes).value_or(nlohmann::json(nlohmann::json::value_t::discarded));
     try {
         // Text that is not JSON is parsed again only to describe where it goes wrong.
         if (root.is_discarded()) return decodeDocument(bytes);

@@ -4,13 +4,18 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/json_input.h"
 #include "sharing/codex_sharing.h"
 #include "sharing/share_files.h"
+#include "sharing/sign_in_keys.h"
 #include "tools/claude_code_adapter.h"
 #include "tools/codex_adapter.h"
 
@@ -34,50 +39,127 @@ std::string encoded(const Json& json) {
     return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-// Equal values, whatever order their keys were written in: a tool may rewrite its file.
-bool sameValue(const Json& a, const Json& b) {
-    return nlohmann::json::parse(a.dump(-1, ' ', false, Json::error_handler_t::replace)) ==
-           nlohmann::json::parse(b.dump(-1, ' ', false, Json::error_handler_t::replace));
+// The members of an object, to append to without ordered_map's search for an existing key:
+// every key added here is known to be new, and that search made merging quadratic.
+Json::object_t::Container& members(Json& object) {
+    return object.get_ref<Json::object_t&>();
 }
 
-// Merges `shared` into `target`, into which Veerline wrote `written` last time: an entry of
-// `target` still equal to what was written is Veerline's, to update or drop; any other entry is
-// the profile's own and wins. `written` becomes what is written now. True when `target` changed.
-bool mergeEntries(Json& target, Json& written, const Json& shared) {
+const Json::object_t& membersOf(const Json& object) {
+    static const Json::object_t none;
+    return object.is_object() ? object.get_ref<const Json::object_t&>() : none;
+}
+
+// Equal values, whatever order their keys were written in: a tool may rewrite its file.
+bool sameValue(const nlohmann::json& a, const nlohmann::json& b) {
+    return a == b;
+}
+
+// The values Veerline wrote under one record key, by entry name: those of the record, and those of
+// writes recorded as about to happen that may not have finished.
+class Written {
+public:
+    Written(const Json& record, const char* key) {
+        if (const auto current = record.find(key); current != record.end()) add(*current);
+        if (const auto previous = record.find("previous"); previous != record.end() && previous->is_object()) {
+            if (const auto older = previous->find(key); older != previous->end() && older->is_array()) {
+                for (const Json& generation : *older) add(generation);
+            }
+        }
+    }
+
+    bool holds(const std::string& name, const nlohmann::json& value) const {
+        auto found = values_.find(name);
+        if (found == values_.end()) return false;
+        return std::any_of(found->second.begin(), found->second.end(),
+                           [&](const Json* written) { return sameValue(nlohmann::json(*written), value); });
+    }
+
+private:
+    std::unordered_map<std::string, std::vector<const Json*>> values_;
+
+    void add(const Json& generation) {
+        for (const auto& [name, value] : membersOf(generation)) values_[name].push_back(&value);
+    }
+};
+
+struct Merged {
+    Json entries = Json::object();
+    Json written = Json::object();
     bool changed = false;
-    Json now = Json::object();
-    for (const auto& entry : written.items()) {
-        auto current = target.find(entry.key());
-        if (current == target.end() || !sameValue(*current, entry.value())) continue;
-        auto offered = shared.find(entry.key());
-        if (offered == shared.end()) {
-            target.erase(entry.key());
-            changed = true;
+    std::vector<std::string> ownOnly;  // the profile's entries the shared setup lacks
+};
+
+// Merges `shared` into `target`: an entry of `target` still equal to what Veerline wrote is
+// Veerline's, to update or drop; any other entry is the profile's own and wins. Linear in the
+// number of entries.
+Merged mergeEntries(const Json& target, const Written& written, const Json& shared) {
+    Merged merged;
+    std::unordered_map<std::string_view, const Json*> offered;
+    for (const auto& [name, value] : membersOf(shared)) offered.emplace(name, &value);
+    std::unordered_set<std::string_view> present;
+    auto& out = members(merged.entries);
+    auto& now = members(merged.written);
+    for (const auto& [name, value] : membersOf(target)) {
+        present.insert(name);
+        auto found = offered.find(name);
+        if (!written.holds(name, nlohmann::json(value))) {
+            if (found == offered.end()) merged.ownOnly.push_back(name);
+            out.emplace_back(name, value);
             continue;
         }
-        if (!sameValue(*current, *offered)) {
-            *current = *offered;
-            changed = true;
+        if (found == offered.end()) {
+            merged.changed = true;
+            continue;
         }
-        now[entry.key()] = *offered;
+        if (!sameValue(nlohmann::json(value), nlohmann::json(*found->second))) merged.changed = true;
+        out.emplace_back(name, *found->second);
+        now.emplace_back(name, *found->second);
     }
-    for (const auto& entry : shared.items()) {
-        if (target.contains(entry.key())) continue;
-        target[entry.key()] = entry.value();
-        now[entry.key()] = entry.value();
-        changed = true;
+    for (const auto& [name, value] : membersOf(shared)) {
+        if (present.contains(name)) continue;
+        out.emplace_back(name, value);
+        now.emplace_back(name, value);
+        merged.changed = true;
     }
-    written = std::move(now);
-    return changed;
+    return merged;
+}
+
+// The source's settings without what signs in or picks an account; `kept` names what was left out.
+Json sharedSettings(const Json& source, std::vector<std::string>& kept) {
+    Json shared = Json::object();
+    for (const auto& [key, value] : membersOf(source)) {
+        if (sharing::SignInKeys::isClaudeSetting(key)) {
+            kept.push_back(key);
+            continue;
+        }
+        if (key == "env" && value.is_object()) {
+            Json variables = Json::object();
+            for (const auto& [name, variable] : membersOf(value)) {
+                if (sharing::SignInKeys::isClaudeVariable(name)) {
+                    kept.push_back("env." + name);
+                } else {
+                    members(variables).emplace_back(name, variable);
+                }
+            }
+            if (!variables.empty() || value.empty()) members(shared).emplace_back(key, std::move(variables));
+            continue;
+        }
+        members(shared).emplace_back(key, value);
+    }
+    return shared;
 }
 
 void removeOrThrow(const std::string& path) {
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) throw ioErrorFromErrno("remove " + path, errno);
 }
 
-void renameOrThrow(const std::string& from, const std::string& to) {
-    if (::rename(from.c_str(), to.c_str()) != 0) throw ioErrorFromErrno("move " + from + " to " + to, errno);
+void moveOrThrow(const std::string& from, const std::string& to) {
+    if (int error = moveIntoPlace(from, to); error != 0) throw ioErrorFromErrno("move " + from + " to " + to, error);
 }
+
+// Thrown from a write's last check when someone changed the file since it was read.
+struct ChangedMeanwhile {};
 
 }  // namespace
 
@@ -86,6 +168,7 @@ struct ProfileSharing::Run {
     bool dryRun;
     std::string folder;
     Json record = Json::object();
+    Json saved = Json::object();  // the record as it is on disk
     std::string recordedSource;
     ShareReport report;
 
@@ -97,26 +180,57 @@ struct ProfileSharing::Run {
     }
 
     std::string shown(const std::string& path) const { return sharing.paths_.abbreviate(path); }
+    std::string recordPath() const { return folder + "/" + std::string(recordName); }
     void change(std::string item) { report.changes.push_back(std::move(item)); }
 
-    // A JSON file that must hold an object; nothing when it is absent.
-    std::optional<Json> readObject(const std::string& path, bool own) const {
-        auto text = own ? sharing::readOwnFile(path) : readRegularFile(path, sharing::maxSharedFileSize);
+    // A source file that must hold a JSON object; nothing when it is absent.
+    std::optional<Json> readSourceObject(const std::string& path) const {
+        auto text = readRegularFile(path, sharing::maxSharedFileSize);
         if (!text) return std::nullopt;
-        return parsedObject(*text, path);
-    }
-
-    Json parsedObject(const std::string& text, const std::string& path) const {
-        Json json = Json::parse(text, nullptr, false);
-        if (!json.is_object()) throw VeerlineError::io("Couldn't read " + shown(path) + ": it isn't a JSON object.");
-        return json;
+        return JsonInput::objectOrThrow(*text, shown(path));
     }
 
     void loadRecord() {
-        if (auto loaded = readObject(folder + "/" + std::string(recordName), true)) record = std::move(*loaded);
+        if (auto text = sharing::readOwnFile(recordPath())) record = JsonInput::objectOrThrow(*text, shown(recordPath()));
+        saved = record;
         if (auto source = record.find("source"); source != record.end() && source->is_string()) {
             recordedSource = source->get<std::string>();
         }
+    }
+
+    void saveRecord() {
+        if (dryRun || record == saved) return;
+        sharing::replaceFile(recordPath(), encoded(record), 0600);
+        saved = record;
+    }
+
+    // Before a file changes, the record on disk says what it will hold now and still what it
+    // held before, so that a write that fails or is killed halfway never leaves Veerline's
+    // entries looking like the profile's own.
+    void writing(const char* key, Json now) {
+        // A copy: adding "previous" to the record may move its members.
+        Json current = record.contains(key) ? record[key] : Json();
+        if (current != now && current.is_object() && !current.empty()) {
+            Json& previous = record["previous"];
+            if (!previous.is_object()) previous = Json::object();
+            if (!previous[key].is_array()) previous[key] = Json::array();
+            previous[key].push_back(std::move(current));
+        }
+        record[key] = std::move(now);
+        saveRecord();
+    }
+
+    // After the file is written: only what it holds now is Veerline's.
+    void written(const char* key) {
+        auto previous = record.find("previous");
+        if (previous == record.end()) return;
+        if (previous->is_object()) previous->erase(key);
+        if (!previous->is_object() || previous->empty()) record.erase(previous);
+    }
+
+    bool lineBreakAdded() const {
+        auto found = record.find("lineBreakAdded");
+        return found != record.end() && found->is_boolean() && found->get<bool>();
     }
 
     bool created(const std::string& item, bool add = false) {
@@ -144,97 +258,159 @@ struct ProfileSharing::Run {
             if (offered && !current) {
                 change(name);
                 if (!dryRun) {
-                    if (ours) {
-                        removeOrThrow(item);
-                    } else if (kind != EntryKind::missing) {
+                    if (kind != EntryKind::missing && !ours) {
                         if (entryKind(aside) != EntryKind::missing) {
                             throw VeerlineError::io("Couldn't move " + shown(item) + " aside: " + shown(aside) +
                                                     " is already there. Move one of them away, then try again.");
                         }
-                        renameOrThrow(item, aside);
+                        moveOrThrow(item, aside);
                     }
-                    if (::symlink(wanted.c_str(), item.c_str()) != 0) throw ioErrorFromErrno("link " + item, errno);
+                    if (int error = placeLinkAtomically(item, wanted); error != 0) throw ioErrorFromErrno("link " + item, error);
                 }
             } else if (!offered && (ours || restore)) {
                 change(name);
                 if (!dryRun && ours) removeOrThrow(item);
-                if (!dryRun && restore) renameOrThrow(aside, item);
+                if (!dryRun && restore) moveOrThrow(aside, item);
             }
             if (entryKind(aside) != EntryKind::missing) report.keptAside.push_back(name + std::string(asideSuffix));
         }
     }
 
     // Merges `shared` into the object of the profile's JSON file `name` (or its member
-    // `within`), the record's `recordKey` saying what Veerline wrote there before.
+    // `within`), the record's `recordKey` saying what Veerline wrote there before. The file is
+    // read again right before it is replaced: if anyone changed it meanwhile, the merge starts over.
     void mergeInto(const std::string& name, const std::string& within, const char* recordKey, const Json& shared,
-                   std::string label) {
+                   const std::string& label, const char* ownLabel) {
         const std::string path = folder + "/" + name;
-        std::optional<std::string> text = sharing::readOwnFile(path);
-        std::optional<Json> existing = text ? std::optional(parsedObject(*text, path)) : std::nullopt;
-        Json file = existing.value_or(Json::object());
-        Json entries = within.empty() ? file : file.value(within, Json::object());
+        // Claude Code rewrites .claude.json all the time, under a lock of its own.
+        std::optional<sharing::ClaudeStateLock> lock;
+        if (!dryRun && name == ".claude.json") lock.emplace(path, shown(path));
+        const std::size_t changes = report.changes.size(), onlyHere = report.onlyHere.size();
+        for (int attempt = 1;; ++attempt) {
+            report.changes.resize(changes);
+            report.onlyHere.resize(onlyHere);
+            std::optional<std::string> text = sharing::readOwnFile(path);
+            const auto identity = FileIdentity::of(path);
+            try {
+                if (mergeOnce(path, text, within, recordKey, shared, label, ownLabel, [&] {
+                        if (sharing::readOwnFile(path) != text || FileIdentity::of(path) != identity) throw ChangedMeanwhile{};
+                    })) {
+                    return;
+                }
+            } catch (const ChangedMeanwhile&) {
+                if (attempt == 5) {
+                    throw VeerlineError::io("Couldn't update " + shown(path) +
+                                            ": it kept changing while Veerline merged it. Try again.");
+                }
+            }
+        }
+    }
+
+    template <typename Check>
+    bool mergeOnce(const std::string& path, const std::optional<std::string>& text, const std::string& within,
+                   const char* recordKey, const Json& shared, const std::string& label, const char* ownLabel,
+                   Check&& unchanged) {
+        Json file = text ? JsonInput::objectOrThrow(*text, shown(path)) : Json::object();
+        Json::iterator member = within.empty() ? file.end() : file.find(within);
+        const bool hadEntries = within.empty() || member != file.end();
+        static const Json none = Json::object();
+        const Json& entries = within.empty() ? file : (hadEntries ? *member : none);
         if (!entries.is_object()) {
             throw VeerlineError::io("Couldn't read " + shown(path) + ": its \"" + within + "\" isn't a JSON object.");
         }
-        const bool hadEntries = within.empty() || file.contains(within);
-        Json& written = record[recordKey];
-        if (!written.is_object()) written = Json::object();
-        if (!mergeEntries(entries, written, shared)) return;
-        change(std::move(label));
-        if (dryRun) return;
+        Merged merged = mergeEntries(entries, Written(record, recordKey), shared);
+        for (const std::string& own : merged.ownOnly) {
+            if (within.empty() && sharing::SignInKeys::isClaudeSetting(own)) continue;
+            report.onlyHere.push_back(std::string(ownLabel) + " " + own);
+        }
+        if (!merged.changed) {
+            record[recordKey] = std::move(merged.written);
+            if (!dryRun) written(recordKey);
+            return true;
+        }
+        change(label);
+        if (dryRun) return true;
+        const std::string name = path.substr(folder.size() + 1);
         if (within.empty()) {
-            file = std::move(entries);
-        } else if (entries.empty() && created(name + " " + within)) {
-            file.erase(within);
+            file = std::move(merged.entries);
+        } else if (merged.entries.empty() && created(name + " " + within)) {
+            file.erase(member);
         } else {
             if (!hadEntries) created(name + " " + within, true);
-            file[within] = std::move(entries);
+            if (hadEntries) {
+                *member = std::move(merged.entries);
+            } else {
+                members(file).emplace_back(within, std::move(merged.entries));
+            }
         }
+        if (!text) created(name, true);
+        writing(recordKey, merged.written);
         if (file.empty() && created(name)) {
+            unchanged();
             removeOrThrow(path);
-            return;
+        } else {
+            // Indented by two like the tools write them; a file without a final line break keeps none.
+            std::string content = encoded(file);
+            if (text && !text->ends_with('\n')) content.pop_back();
+            sharing::replaceFile(path, content, sharing::fileModeOr(path, 0600), unchanged);
         }
-        if (!existing) created(name, true);
-        // Indented by two like the tools write them; a file without a final line break keeps none.
-        std::string content = encoded(file);
-        if (text && !text->ends_with('\n')) content.pop_back();
-        sharing::replaceFile(path, content, sharing::fileModeOr(path, 0600));
+        written(recordKey);
+        return true;
     }
 
     void claudeFiles(bool sharingOn) {
         Json settings = Json::object();
         Json servers = Json::object();
         if (sharingOn) {
-            if (auto source = readObject(sharing.source_ + "/settings.json", false)) settings = std::move(*source);
-            // Sign-in belongs to each profile: a key helper never travels.
-            settings.erase("apiKeyHelper");
-            if (auto state = readObject(sharing.claudeStateFile(), false)) {
+            if (auto source = readSourceObject(sharing.source_ + "/settings.json")) {
+                settings = sharedSettings(*source, report.signInKept);
+            }
+            if (auto state = readSourceObject(sharing.claudeStateFile())) {
                 if (auto found = state->find("mcpServers"); found != state->end() && found->is_object()) servers = *found;
             }
         }
-        mergeInto("settings.json", "", "settings", settings, "settings.json");
-        mergeInto(".claude.json", "mcpServers", "mcpServers", servers, "MCP servers");
+        mergeInto("settings.json", "", "settings", settings, "settings.json", "setting");
+        mergeInto(".claude.json", "mcpServers", "mcpServers", servers, "MCP servers", "MCP server");
     }
 
     void codexConfig(bool sharingOn) {
         const std::string path = folder + "/config.toml";
-        std::string text = sharing::readOwnFile(path).value_or("");
-        std::string own = sharing::CodexConfig::withoutBlock(text, record.value("lineBreakAdded", false));
-        std::string wanted = own;
-        std::vector<std::string> servers;
-        bool lineBreakAdded = false;
         const std::string sourcePath = sharing.source_ + "/config.toml";
-        if (sharingOn) {
-            if (auto source = readRegularFile(sourcePath, sharing::maxSharedFileSize)) {
-                wanted = sharing::CodexConfig::withSharedServers(own, shown(path), *source, shown(sourcePath), servers,
-                                                                 lineBreakAdded);
+        std::optional<std::string> source;
+        if (sharingOn) source = readRegularFile(sourcePath, sharing::maxSharedFileSize);
+        if (source) report.signInKept = sharing::CodexConfig::signInKeys(*source, shown(sourcePath));
+        const Written veerlines(record, "mcpServers");
+        // Records of the first version listed the names only: those servers sat in Veerline's block.
+        std::set<std::string> listed;
+        if (auto names = record.find("mcpServers"); names != record.end() && names->is_array()) {
+            for (const Json& name : *names) {
+                if (name.is_string()) listed.insert(name.get<std::string>());
             }
         }
-        record["mcpServers"] = servers;
-        record["lineBreakAdded"] = lineBreakAdded;
-        if (wanted == text) return;
+        std::optional<std::string> existing = sharing::readOwnFile(path);
+        const std::string text = existing.value_or("");
+        auto merged = sharing::CodexConfig::merge(
+            text, shown(path), lineBreakAdded(), source ? &*source : nullptr, shown(sourcePath),
+            [&](const std::string& name, const nlohmann::json& value) {
+                return listed.contains(name) || veerlines.holds(name, value);
+            });
+        for (const std::string& own : merged.ownServers) report.onlyHere.push_back("MCP server " + own);
+        if (merged.text == text) {
+            record["mcpServers"] = std::move(merged.written);
+            record["lineBreakAdded"] = merged.lineBreakAdded;
+            return;
+        }
         change("MCP servers");
-        if (!dryRun) sharing::replaceFile(path, wanted, sharing::fileModeOr(path, 0600));
+        if (dryRun) return;
+        record["lineBreakAdded"] = merged.lineBreakAdded;
+        writing("mcpServers", std::move(merged.written));
+        sharing::replaceFile(path, merged.text, sharing::fileModeOr(path, 0600), [&] {
+            if (sharing::readOwnFile(path) != existing) {
+                throw VeerlineError::io("Couldn't update " + shown(path) + ": it changed while Veerline merged it. "
+                                        "Run `veerline share sync` again.");
+            }
+        });
+        written("mcpServers");
     }
 
     void files(bool sharingOn) {
@@ -258,6 +434,32 @@ std::string ProfileSharing::claudeStateFile() const {
     return source_ + "/.claude.json";
 }
 
+void ProfileSharing::checkSource() const {
+    std::vector<std::string> read = tool_ == ToolKind::codex ? std::vector<std::string>{"config.toml"}
+                                                              : std::vector<std::string>{"settings.json", ".claude.json"};
+    read.insert(read.end(), linkedNames(tool_).begin(), linkedNames(tool_).end());
+    std::vector<std::string> roots;
+    for (const std::string& own : {paths_.supportDirectory(), paths_.home + "/.veerline"}) {
+        roots.push_back(PathUtil::realPath(own).value_or(own));
+    }
+    auto refuse = [&](const std::string& path, const std::string& what) {
+        auto resolved = PathUtil::realPath(path);
+        if (!resolved) return;
+        for (const std::string& root : roots) {
+            if (!PathUtil::isSameOrInside(*resolved, root, false)) continue;
+            throw VeerlineError::io("Veerline won't share " + paths_.abbreviate(source_) + ": " + what + " leads into " +
+                                    paths_.abbreviate(*resolved) +
+                                    ", among Veerline's own files, where each profile keeps its sign-in. Share a "
+                                    "folder of your own.");
+        }
+    };
+    refuse(source_, "it");
+    for (const std::string& name : read) {
+        const std::string path = name == ".claude.json" ? claudeStateFile() : source_ + "/" + name;
+        refuse(path, path == source_ + "/" + name ? "its " + name : paths_.abbreviate(path));
+    }
+}
+
 ShareReport ProfileSharing::apply(const Profile& profile, bool dryRun) const {
     Run run(*this, dryRun, profile);
     const std::string& folder = run.folder;
@@ -278,13 +480,10 @@ ShareReport ProfileSharing::apply(const Profile& profile, bool dryRun) const {
         }
     }
     run.loadRecord();
-    const std::string before = run.record.dump();
     run.record["source"] = source_;
-    run.record["version"] = 1;
+    run.record["version"] = 2;
     run.files(true);
-    if (!dryRun && run.record.dump() != before) {
-        sharing::replaceFile(folder + "/" + std::string(recordName), encoded(run.record), 0600);
-    }
+    run.saveRecord();
     return run.report;
 }
 
@@ -294,7 +493,7 @@ ShareReport ProfileSharing::undo(const Profile& profile) const {
     if (entryKind(PathUtil::parent(run.folder)) == EntryKind::link) return run.report;
     run.loadRecord();
     run.files(false);
-    removeOrThrow(run.folder + "/" + std::string(recordName));
+    removeOrThrow(run.recordPath());
     return run.report;
 }
 
@@ -305,8 +504,18 @@ std::vector<ShareReport> ProfileSharing::applyAll(const Paths& paths, const Prof
     for (const auto& [tool, source] : settings.sources) {
         if (only && *only != tool) continue;
         ProfileSharing sharing(paths, tool, source);
+        std::optional<std::string> refused;
+        try {
+            sharing.checkSource();
+        } catch (const VeerlineError& error) {
+            refused = error.errorDescription();
+        }
         for (const Profile& profile : document.profiles) {
             if (profile.storage != Profile::Storage::managed || !profile.uses(tool)) continue;
+            if (refused) {
+                reports.push_back(ShareReport::failure(tool, profile.name, *refused));
+                continue;
+            }
             try {
                 reports.push_back(sharing.apply(profile, dryRun));
             } catch (const VeerlineError& error) {

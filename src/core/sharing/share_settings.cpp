@@ -4,6 +4,7 @@
 
 #include "base/error.h"
 #include "base/file_io.h"
+#include "base/json_input.h"
 #include "profiles/profile_document.h"
 #include "profiles/profile_store.h"
 #include "sharing/share_files.h"
@@ -27,7 +28,9 @@ ShareSettings ShareSettings::load(const Paths& paths) {
         return VeerlineError::storeCorrupt(paths.abbreviate(path),
                                            why + ". Fix it, or delete it and run `veerline share on` again.");
     };
-    nlohmann::json json = nlohmann::json::parse(*text, nullptr, false);
+    JsonInput::Problem problem = JsonInput::Problem::none;
+    nlohmann::json json = JsonInput::parse(*text, &problem).value_or(nullptr);
+    if (problem == JsonInput::Problem::tooDeep) throw damaged(JsonInput::describe(problem));
     if (!json.is_object()) throw damaged("it isn't a JSON object");
     if (json.value("version", nlohmann::json()) != 1) throw damaged("its \"version\" isn't 1");
     const nlohmann::json& entries = json.contains("tools") ? json["tools"] : nlohmann::json();

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
+#include "base/json_input.h"
 #include "shell/shell_integration.h"
 
 namespace veerline {
@@ -87,7 +88,7 @@ std::string InstallState::encoded(const std::string& displayPath) const {
 
 std::optional<InstallState> InstallState::decoded(std::string_view text) noexcept {
     try {
-        json document = json::parse(text, nullptr, false);
+        json document = JsonInput::parse(text).value_or(nullptr);
         if (!document.is_object()) return std::nullopt;
         InstallState state;
         if (!requiredInteger(document, "version", state.version)) return std::nullopt;

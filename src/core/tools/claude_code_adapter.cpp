@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
+#include "base/json_input.h"
 #include "tools/process_runner.h"
 
 namespace veerline {
@@ -25,8 +26,8 @@ std::optional<ClaudeCodeAdapter::AuthStatus> ClaudeCodeAdapter::parseAuthStatus(
     auto first = text.find('{');
     auto last = text.rfind('}');
     if (first == std::string_view::npos || last == std::string_view::npos || last < first) return std::nullopt;
-    auto object = nlohmann::json::parse(text.substr(first, last - first + 1), nullptr, false);
-    if (object.is_discarded() || !object.is_object()) return std::nullopt;
+    auto object = JsonInput::parse(text.substr(first, last - first + 1)).value_or(nullptr);
+    if (!object.is_object()) return std::nullopt;
     auto loggedIn = object.find("loggedIn");
     if (loggedIn == object.end() || !loggedIn->is_boolean()) return std::nullopt;
 
