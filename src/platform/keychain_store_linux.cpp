@@ -27,8 +27,9 @@ namespace {
 // The functions used here, from libsecret and the GLib libraries it loads.
 struct Library {
 #define VEERLINE_SECRET_FUNCTIONS(X)                                                                       \
-    X(g_cancellable_cancel) X(g_cancellable_new) X(g_dbus_error_quark) X(g_error_free) X(g_error_matches) X(g_hash_table_insert) X(g_hash_table_new)     \
-    X(g_hash_table_unref) X(g_io_error_quark) X(g_list_append) X(g_list_free) X(g_list_free_full)           \
+    X(g_cancellable_cancel) X(g_cancellable_new) X(g_dbus_error_quark) X(g_error_free) X(g_error_matches)   \
+    X(g_hash_table_insert) X(g_hash_table_new) X(g_hash_table_unref) X(g_io_error_quark) X(g_list_append)   \
+    X(g_list_free) X(g_list_free_full)                                                                      \
     X(g_list_length) X(g_object_unref) X(g_str_equal) X(g_str_hash) X(secret_error_get_quark)               \
     X(secret_item_delete_sync) X(secret_item_get_locked) X(secret_item_get_secret)                          \
     X(secret_item_load_secret_sync) X(secret_item_set_secret_sync) X(secret_service_get_sync)               \
@@ -212,10 +213,11 @@ ServicePtr connect() {
     ErrorSlot error;
     Deadline deadline(callLimit);
     ServicePtr service(lib().secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, deadline.get(), error.out()));
-    if (deadline.expired()) throw deadline.failure(error);
     // Not reaching the service at all (no session bus, nothing answering on it) is one cause
     // for the user, whatever GLib calls it.
-    if (!service) throw notAvailable(error ? error.get()->message : "no answer");
+    if (!service) {
+        throw deadline.expired() ? deadline.failure(error) : notAvailable(error ? error.get()->message : "no answer");
+    }
     return service;
 }
 
@@ -242,7 +244,7 @@ ItemList unlockedItems(SecretService* service, const Attributes& attributes) {
         Deadline deadline(callLimit);
         items.reset(g.secret_service_search_sync(service, nullptr, attributes.get(), SECRET_SEARCH_ALL, deadline.get(),
                                                  error.out()));
-        if (error || deadline.expired()) throw deadline.failure(error);
+        if (error) throw deadline.failure(error);
     }
     GList* locked = nullptr;
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
@@ -257,7 +259,7 @@ ItemList unlockedItems(SecretService* service, const Attributes& attributes) {
     guint wanted = g.g_list_length(locked);
     g.g_list_free(locked);
     ItemList unlockedOwner(unlocked);
-    if (error || deadline.expired()) throw deadline.failure(error);
+    if (error) throw deadline.failure(error);
     // A prompt the user dismissed unlocks nothing and reports no error.
     if (count < 0 || static_cast<guint>(count) < wanted) throw lockedCollection();
     return items;
