@@ -204,8 +204,8 @@ void addShellCommands(CLI::App& app, const Context& context, Action& chosen) {
 
     CLI::App* installCommand = group->add_subcommand("install", "Install the shims and the PATH block");
     addWriteFlags(installCommand);
-    installCommand->footer("Shows the change to every start-up file and asks first. The files are backed up, "
-                           "and `veerline shell uninstall` restores them.");
+    installCommand->footer("Shows the change to every start-up file and asks first. The files are backed up; "
+                           "`veerline shell uninstall` takes the block out again and keeps your own lines.");
     onSelected(installCommand, chosen, [&context, options] { return install(context, *options); });
 
     CLI::App* uninstallCommand = group->add_subcommand("uninstall", "Remove the shims and the PATH block");
