@@ -5,10 +5,15 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <openssl/crypto.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <iostream>
 #include <memory>
 
 #include "base/error.h"
+#include "base/file_io.h"
 #include "base/json_input.h"
 #include "cli/cli.h"
 #include "cli/options.h"
@@ -16,14 +21,17 @@
 #include "cli/secret_input.h"
 #include "platform/platform.h"
 #include "profiles/profile_store.h"
+#include "resolution/binary_locator.h"
 #include "secrets/secret_store.h"
-#include "shell/shell_integration.h"
 #include "shell/shell_quote.h"
 #include "tools/claude_code_adapter.h"
 
 namespace veerline::cli {
 
 namespace {
+
+// Claude Code's settings are a small JSON file a person edits.
+constexpr std::size_t settingsFileLimit = 8 * 1024 * 1024;
 
 struct SecretOptions {
     std::string profile;
@@ -73,8 +81,14 @@ int getSecret(const Context& context, const SecretOptions& options) {
                   << ShellQuote::quote(key.name) << " " << toolkind::rawValue(key.tool) << "`.\n";
         return 1;
     }
-    std::cout.write(secret->data(), static_cast<std::streamsize>(secret->size()));
-    std::cout << "\n";
+    // The key feeds programs (Claude Code's key helper): its bytes go out exactly, past the
+    // escaping of control characters that guards the terminal from names in files. A line feed
+    // follows only on a terminal, for the prompt's sake.
+    std::cout.flush();
+    int error = writeAll(STDOUT_FILENO, *secret);
+    OPENSSL_cleanse(secret->data(), secret->size());
+    if (error == 0 && context.outputIsTerminal) error = writeAll(STDOUT_FILENO, "\n");
+    if (error != 0) throw ioErrorFromErrno("write to standard output", error);
     return 0;
 }
 
@@ -103,6 +117,28 @@ int removeProfileSecrets(const Profile& profile) {
     }
 }
 
+namespace {
+
+// The `veerline` that Claude Code runs for the key: the one the user runs from PATH, else this one.
+// Never a copy inside ~/.veerline, which `shell uninstall` deletes. A link on PATH stays a link,
+// so that an upgrade that moves the program behind it keeps the helper working.
+std::string helperExecutable(const Context& context) {
+    const std::string own = context.paths.home + "/.veerline";
+    auto outsideOwnFolder = [&](const std::string& path) {
+        auto real = PathUtil::realPath(path);
+        return real && !PathUtil::isSameOrInside(*real, own, true) && !PathUtil::isSameOrInside(path, own, true);
+    };
+    const std::string* searchPath = lookup(context.environment, "PATH");
+    BinaryLocator locator(searchPath ? *searchPath : std::string(), {own + "/bin", own + "/libexec"});
+    if (auto onPath = locator.find("veerline"); onPath && outsideOwnFolder(*onPath)) return *onPath;
+    if (auto self = platform::executablePath(); self && outsideOwnFolder(*self)) return *self;
+    throw VeerlineError::io("Couldn't find a veerline outside " + context.paths.abbreviate(own) +
+                            " for Claude Code to ask for the key (the copy there goes with `veerline shell "
+                            "uninstall`). Put Veerline's own veerline on your PATH and try again.");
+}
+
+}  // namespace
+
 int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile) {
     if (profile.storage == Profile::Storage::system) {
         throw VeerlineError::unsupported(curlyQuoted(profile.name) +
@@ -111,13 +147,12 @@ int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile) {
     }
     ClaudeCodeAdapter adapter(ToolContext{context.paths, context.environment});
     std::string settingsFile = adapter.dataDirectory(profile).value_or("") + "/settings.json";
-    ShellIntegration files(context.paths, context.environment);
 
     // A damaged settings file stops everything before a key is stored, and is never replaced.
     nlohmann::ordered_json settings = nlohmann::ordered_json::object();
-    if (PathUtil::isRegularFile(settingsFile)) {
-        JsonInput::Problem problem = JsonInput::Problem::none;
-        settings = JsonInput::parseOrdered(files.read(settingsFile), &problem).value_or(nullptr);
+    JsonInput::Problem problem = JsonInput::Problem::none;
+    if (auto text = readRegularFile(settingsFile, settingsFileLimit)) {
+        settings = JsonInput::parseOrdered(*text, &problem).value_or(nullptr);
         if (!settings.is_object()) {
             const std::string why = problem == JsonInput::Problem::tooDeep ? JsonInput::describe(problem)
                                                                              : "it isn't a JSON object";
@@ -125,17 +160,23 @@ int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile) {
                                     ". Fix it or move it away, then try again.");
         }
     }
-    auto self = platform::executablePath();
-    if (!self) throw VeerlineError::io("Couldn't find where this veerline is installed, so Claude Code couldn't ask it for the key.");
+    const std::string helper = helperExecutable(context);
 
     Target key{profile.id, profile.name, ToolKind::claudeCode};
     std::string secret = readSecret(apiKeyPrompt(key));
     KeychainStore().write(secret, key.service(), std::string(KeychainStore::apiKeyAccount));
     adapter.createDataDirectory(profile);
-    // Claude Code runs this command whenever it needs the key; the id survives renames.
-    settings["apiKeyHelper"] = ShellQuote::quote(*self) + " secret get " + ShellQuote::quote(profile.id.rawValue) + " " +
-                               std::string(toolkind::rawValue(ToolKind::claudeCode));
-    files.write(settings.dump(2) + "\n", settingsFile);
+    // Claude Code runs this command through a shell whenever it needs the key; the id survives
+    // renames.
+    settings["apiKeyHelper"] = ShellQuote::quote(helper) + " secret get " + ShellQuote::quote(profile.id.rawValue) +
+                               " " + std::string(toolkind::rawValue(ToolKind::claudeCode));
+    // Through a link to the settings the user keeps elsewhere, that file is updated and the link stays.
+    std::string target = settingsFile;
+    if (struct stat info {}; ::lstat(settingsFile.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) {
+        target = PathUtil::realPath(settingsFile).value_or(settingsFile);
+    }
+    // Private like the tool's other files: it names how the profile signs in.
+    writeFileAtomically(target, settings.dump(2) + "\n", 0600, context.paths.abbreviate(settingsFile));
     std::cout << "Stored the " << key.keyName() << " of " << curlyQuoted(profile.name) << "; Claude Code asks Veerline for it ("
               << context.paths.abbreviate(settingsFile) << ").\n";
     return 0;

@@ -1,5 +1,6 @@
 #include "cli/secret_input.h"
 
+#include <openssl/crypto.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -37,17 +38,15 @@ private:
 }  // namespace
 
 std::string readSecret(const std::string& prompt) {
+    const bool terminal = ::isatty(STDIN_FILENO) == 1;
+    // Room for the key and a line ending; one byte more tells that the input goes on.
+    const std::size_t bound = maxSecretSize + 2;
     std::string secret;
-    if (::isatty(STDIN_FILENO) == 1) {
-        std::cerr << prompt << std::flush;
-        {
-            EchoOff echoOff;
-            std::getline(std::cin, secret);
-        }
-        std::cerr << "\n";
-    } else {
+    auto readInput = [&] {
         char buffer[4096];
-        for (;;) {
+        // On a terminal the key is one line; otherwise all of the input, but never past the bound:
+        // `yes | veerline secret set ...` must end, not fill the memory.
+        while (secret.size() <= bound && !(terminal && secret.find('\n') != std::string::npos)) {
             ssize_t count = ::read(STDIN_FILENO, buffer, sizeof buffer);
             if (count == 0) break;
             if (count < 0) {
@@ -56,9 +55,25 @@ std::string readSecret(const std::string& prompt) {
             }
             secret.append(buffer, static_cast<std::size_t>(count));
         }
+        if (auto end = secret.find('\n'); terminal && end != std::string::npos) secret.resize(end + 1);
+    };
+    if (terminal) {
+        std::cerr << prompt << std::flush;
+        {
+            EchoOff echoOff;
+            readInput();
+        }
+        std::cerr << "\n";
+    } else {
+        readInput();
     }
     if (!secret.empty() && secret.back() == '\n') secret.pop_back();
     if (!secret.empty() && secret.back() == '\r') secret.pop_back();
+    if (secret.size() > maxSecretSize) {
+        OPENSSL_cleanse(secret.data(), secret.size());
+        throw UsageError("The key on standard input is over " + std::to_string(maxSecretSize / 1024) +
+                         " KiB, far more than any API key. Nothing was stored.");
+    }
     if (secret.empty()) throw UsageError("No secret was given on standard input.");
     return secret;
 }

@@ -146,9 +146,11 @@ int status(const Context& context, const ShellOptions& options) {
         return 0;
     }
     const Paths& paths = context.paths;
+    // A start-up file without a block only lacks something once anything else is installed.
+    const bool anythingInstalled = status.binariesInstalled || !status.blocks.empty();
     if (status.isInstalled()) {
         std::cout << "Installed.\n";
-    } else if (status.binariesInstalled || !status.blocks.empty() || !status.missingBlocks.empty()) {
+    } else if (anythingInstalled) {
         std::cout << "Partly installed. Run `veerline shell install` to repair it.\n";
     } else {
         std::cout << "Not installed. Run `veerline shell install` to use profiles in the terminal.\n";
@@ -161,7 +163,7 @@ int status(const Context& context, const ShellOptions& options) {
                                    : "block in place, but lines after it may put other folders before the shims")
                   << "\n";
     }
-    for (const auto& path : status.missingBlocks) {
+    for (const auto& path : anythingInstalled ? status.missingBlocks : std::vector<std::string>{}) {
         std::cout << paths.abbreviate(path) << ": no block, and your shell reads this file\n";
     }
     if (status.isInstalled()) {
@@ -202,14 +204,14 @@ void addShellCommands(CLI::App& app, const Context& context, Action& chosen) {
 
     CLI::App* installCommand = group->add_subcommand("install", "Install the shims and the PATH block");
     addWriteFlags(installCommand);
-    installCommand->footer("Shows the change to every start-up file and asks first. The files are backed up, "
-                           "and `veerline shell uninstall` restores them.");
+    installCommand->footer("Shows the change to every start-up file and asks first. The files are backed up; "
+                           "`veerline shell uninstall` takes the block out again and keeps your own lines.");
     onSelected(installCommand, chosen, [&context, options] { return install(context, *options); });
 
     CLI::App* uninstallCommand = group->add_subcommand("uninstall", "Remove the shims and the PATH block");
     addWriteFlags(uninstallCommand);
-    uninstallCommand->footer("Files you haven't edited since the install get their backup back byte for byte; "
-                             "otherwise only the block is taken out.");
+    uninstallCommand->footer("Takes out Veerline's block and nothing else: lines you added, above or below it, stay. "
+                             "A file that holds nothing new since the install comes back byte for byte.");
     onSelected(uninstallCommand, chosen, [&context, options] { return uninstall(context, *options); });
 
     CLI::App* statusCommand = group->add_subcommand("status", "Show what is installed");

@@ -10,8 +10,12 @@
 #include <dlfcn.h>
 #include <libsecret/secret.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "base/error.h"
 #include "secrets/secret_store.h"
@@ -23,8 +27,9 @@ namespace {
 // The functions used here, from libsecret and the GLib libraries it loads.
 struct Library {
 #define VEERLINE_SECRET_FUNCTIONS(X)                                                                       \
-    X(g_dbus_error_quark) X(g_error_free) X(g_error_matches) X(g_hash_table_insert) X(g_hash_table_new)     \
-    X(g_hash_table_unref) X(g_io_error_quark) X(g_list_append) X(g_list_free) X(g_list_free_full)           \
+    X(g_cancellable_cancel) X(g_cancellable_new) X(g_dbus_error_quark) X(g_error_free) X(g_error_matches)   \
+    X(g_hash_table_insert) X(g_hash_table_new) X(g_hash_table_unref) X(g_io_error_quark) X(g_list_append)   \
+    X(g_list_free) X(g_list_free_full)                                                                      \
     X(g_list_length) X(g_object_unref) X(g_str_equal) X(g_str_hash) X(secret_error_get_quark)               \
     X(secret_item_delete_sync) X(secret_item_get_locked) X(secret_item_get_secret)                          \
     X(secret_item_load_secret_sync) X(secret_item_set_secret_sync) X(secret_service_get_sync)               \
@@ -106,6 +111,53 @@ private:
     GError* error_ = nullptr;
 };
 
+// How long one Secret Service call may take. A bus can take a call and never answer (a keyring
+// daemon that hangs, a stub owning the name): without a limit `secret get`, and Claude Code
+// waiting on it through the key helper, would hang with it. Calls that may put up a prompt to
+// unlock the keyring wait for a person typing a password, so they get longer.
+constexpr std::chrono::seconds callLimit{5};
+constexpr std::chrono::seconds promptLimit{60};
+
+// Cancels the calls made with get() once its time is up. GCancellable may be cancelled from
+// any thread; the blocked call then returns G_IO_ERROR_CANCELLED.
+class Deadline {
+public:
+    explicit Deadline(std::chrono::seconds limit)
+        : limit_(limit), cancellable_(lib().g_cancellable_new()), watcher_([this] { watch(); }) {}
+    ~Deadline() {
+        {
+            std::lock_guard guard(lock_);
+            finished_ = true;
+        }
+        wake_.notify_all();
+        watcher_.join();
+    }
+    Deadline(const Deadline&) = delete;
+    Deadline& operator=(const Deadline&) = delete;
+
+    GCancellable* get() const noexcept { return cancellable_.get(); }
+    bool expired() const noexcept { return expired_; }
+
+    // The failure to report for a call that ended with `error`.
+    VeerlineError failure(const ErrorSlot& error) const;
+
+private:
+    void watch() {
+        std::unique_lock guard(lock_);
+        if (wake_.wait_for(guard, limit_, [this] { return finished_; })) return;
+        expired_ = true;
+        lib().g_cancellable_cancel(cancellable_.get());
+    }
+
+    std::chrono::seconds limit_;
+    std::unique_ptr<GCancellable, GObjectUnref> cancellable_;
+    std::mutex lock_;
+    std::condition_variable wake_;
+    bool finished_ = false;
+    std::atomic<bool> expired_{false};
+    std::thread watcher_;  // last: it starts once everything it uses is there
+};
+
 VeerlineError notAvailable(const std::string& detail) {
     return VeerlineError::keychain(
         statusNotAvailable, "No Secret Service is running, so Veerline can't reach your secrets (" + detail +
@@ -149,12 +201,23 @@ VeerlineError failure(const ErrorSlot& slot) {
     return VeerlineError::keychain(statusFailed, "The Secret Service failed: " + detail + ".");
 }
 
+VeerlineError Deadline::failure(const ErrorSlot& error) const {
+    if (!expired_) return veerline::failure(error);
+    return VeerlineError::keychain(statusFailed, "The Secret Service didn't answer within " +
+                                                     std::to_string(limit_.count()) +
+                                                     " seconds. Check that your keyring (gnome-keyring, KeePassXC...) "
+                                                     "is running and responds, then try again.");
+}
+
 ServicePtr connect() {
     ErrorSlot error;
-    ServicePtr service(lib().secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, error.out()));
+    Deadline deadline(callLimit);
+    ServicePtr service(lib().secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, deadline.get(), error.out()));
     // Not reaching the service at all (no session bus, nothing answering on it) is one cause
     // for the user, whatever GLib calls it.
-    if (!service) throw notAvailable(error ? error.get()->message : "no answer");
+    if (!service) {
+        throw deadline.expired() ? deadline.failure(error) : notAvailable(error ? error.get()->message : "no answer");
+    }
     return service;
 }
 
@@ -176,9 +239,13 @@ private:
 ItemList unlockedItems(SecretService* service, const Attributes& attributes) {
     const Library& g = lib();
     ErrorSlot error;
-    ItemList items(g.secret_service_search_sync(service, nullptr, attributes.get(), SECRET_SEARCH_ALL, nullptr,
-                                                error.out()));
-    if (error) throw failure(error);
+    ItemList items;
+    {
+        Deadline deadline(callLimit);
+        items.reset(g.secret_service_search_sync(service, nullptr, attributes.get(), SECRET_SEARCH_ALL, deadline.get(),
+                                                 error.out()));
+        if (error) throw deadline.failure(error);
+    }
     GList* locked = nullptr;
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
         if (g.secret_item_get_locked(static_cast<SecretItem*>(entry->data))) {
@@ -187,11 +254,12 @@ ItemList unlockedItems(SecretService* service, const Attributes& attributes) {
     }
     if (locked == nullptr) return items;
     GList* unlocked = nullptr;
-    gint count = g.secret_service_unlock_sync(service, locked, nullptr, &unlocked, error.out());
+    Deadline deadline(promptLimit);
+    gint count = g.secret_service_unlock_sync(service, locked, deadline.get(), &unlocked, error.out());
     guint wanted = g.g_list_length(locked);
     g.g_list_free(locked);
     ItemList unlockedOwner(unlocked);
-    if (error) throw failure(error);
+    if (error) throw deadline.failure(error);
     // A prompt the user dismissed unlocks nothing and reports no error.
     if (count < 0 || static_cast<guint>(count) < wanted) throw lockedCollection();
     return items;
@@ -206,7 +274,8 @@ std::optional<std::string> KeychainStore::read(const std::string& service, const
     if (!items) return std::nullopt;
     auto* item = static_cast<SecretItem*>(items->data);
     ErrorSlot error;
-    if (!lib().secret_item_load_secret_sync(item, nullptr, error.out())) throw failure(error);
+    Deadline deadline(callLimit);
+    if (!lib().secret_item_load_secret_sync(item, deadline.get(), error.out())) throw deadline.failure(error);
     ValuePtr value(lib().secret_item_get_secret(item));
     if (!value) return std::nullopt;
     gsize length = 0;
@@ -224,14 +293,17 @@ void KeychainStore::write(std::string_view secret, const std::string& service, c
     // An existing item keeps its label and collection; only its secret changes.
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
         auto* item = static_cast<SecretItem*>(entry->data);
-        if (!lib().secret_item_set_secret_sync(item, value.get(), nullptr, error.out())) {
-            throw failure(error);
+        Deadline deadline(callLimit);
+        if (!lib().secret_item_set_secret_sync(item, value.get(), deadline.get(), error.out())) {
+            throw deadline.failure(error);
         }
     }
     if (items) return;
+    // Storing into a locked collection asks to unlock it first.
+    Deadline deadline(promptLimit);
     if (!lib().secret_service_store_sync(secretService.get(), nullptr, attributes.get(), SECRET_COLLECTION_DEFAULT,
-                                   "Veerline", value.get(), nullptr, error.out())) {
-        throw failure(error);
+                                         "Veerline", value.get(), deadline.get(), error.out())) {
+        throw deadline.failure(error);
     }
 }
 
@@ -242,7 +314,8 @@ void KeychainStore::remove(const std::string& service, const std::string& accoun
     for (GList* entry = items.get(); entry != nullptr; entry = entry->next) {
         ErrorSlot error;
         auto* item = static_cast<SecretItem*>(entry->data);
-        if (!lib().secret_item_delete_sync(item, nullptr, error.out())) throw failure(error);
+        Deadline deadline(callLimit);
+        if (!lib().secret_item_delete_sync(item, deadline.get(), error.out())) throw deadline.failure(error);
     }
 }
 

@@ -82,6 +82,10 @@ bool interactiveBashReadsBashrc() noexcept;
 // nothing to search there: other systems keep no such folders.
 bool hasApplicationBundles() noexcept;
 
+// Where Veerline's desktop app turns the shell integration on, for advice that names it; nothing
+// where there is no such app (Linux), so that advice gives the command alone.
+std::optional<std::string_view> shellIntegrationSetting() noexcept;
+
 // An application bundle and the version its Info.plist declares (CFBundleShortVersionString).
 struct InstalledApp {
     std::string path;

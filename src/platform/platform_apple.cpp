@@ -106,6 +106,10 @@ bool hasApplicationBundles() noexcept {
     return true;
 }
 
+std::optional<std::string_view> shellIntegrationSetting() noexcept {
+    return "Settings \u2192 Terminal \u2192 Use profiles in the terminal";
+}
+
 namespace {
 
 // A CoreFoundation object released when it goes out of scope.

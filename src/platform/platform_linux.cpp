@@ -278,6 +278,10 @@ bool hasApplicationBundles() noexcept {
     return false;
 }
 
+std::optional<std::string_view> shellIntegrationSetting() noexcept {
+    return std::nullopt;
+}
+
 std::optional<InstalledApp> findApplication(std::string_view, const std::vector<std::string>&) noexcept {
     return std::nullopt;
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <sstream>
 
@@ -150,6 +151,85 @@ TEST_F(CliShellTest, InstallAsksFirstAndUninstallRestoresTheStartUpFiles) {
     EXPECT_EQ(readFile(home + "/.zshrc"), "export PATH=/opt/bin:$PATH\n") << "the user's own line stays";
     EXPECT_FALSE(exists(home + "/.veerline"));
     EXPECT_EQ(cli({"shell", "uninstall"}).exitCode, 1) << "still asks first without a terminal";
+}
+
+// Uninstall takes out Veerline's lines and nothing else, also after the user edited the file and
+// installed again; the file comes back byte for byte only when it holds nothing new.
+TEST_F(CliShellTest, UninstallKeepsWhatTheUserAddedAcrossInstallsInRealBashAndZsh) {
+    const std::string alias = "alias ll='ls -l'\n";
+    const std::string zshSnippet = *ShellIntegration::promptSnippet("zsh") + "\n";
+    const std::string bashSnippet = *ShellIntegration::promptSnippet("bash") + "\n";
+    struct Row {
+        std::string name;
+        std::string file;                   // below home; its shell reads it in real terminals
+        std::optional<std::string> before;  // nothing: the install creates the file
+        std::function<std::string(const std::string&)> edit;
+        bool installAgain;
+        std::string after;
+        std::string defined;                // what the shell knows after uninstall, when anything
+    };
+    auto append = [](std::string text) { return [text](const std::string& file) { return file + text; }; };
+    const std::vector<Row> rows = {
+        {"alias appended, then installed again", ".zshrc", "# mine\n", append(alias), true, "# mine\n" + alias,
+         "ll="},
+        {"prompt snippet appended, then installed again", ".zshrc", std::nullopt, append(zshSnippet), true,
+         zshSnippet, "_veerline_update"},
+        {"alias put above the block, then installed again", ".bashrc", "export A=1",
+         [&](const std::string& file) { return alias + file; }, true, alias + "export A=1\n", "ll="},
+        {"prompt snippet appended to a file without a final line feed", ".bashrc", "export A=1",
+         append(bashSnippet), false, "export A=1\n" + bashSnippet, "_veerline_update"},
+        {"nothing added, installed twice", ".bashrc", "export A=1", append(""), true, "export A=1", ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        removeTree(home);
+        makeDirs(home);
+        if (row.before) writeFile(home + "/" + row.file, *row.before);
+        const std::string path = home + "/" + row.file;
+        const bool zsh = row.file == ".zshrc";
+        const std::string probe = std::string("command -v claude; alias ll; ") +
+                                  (zsh ? "whence -w _veerline_update" : "declare -F _veerline_update") + "; true";
+        const Args interactive = {zsh ? "/bin/zsh" : "/bin/bash", "-i", "-c", probe};
+
+        ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
+        writeFile(path, row.edit(readFile(path)));
+        if (row.installAgain) {
+            ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
+        }
+        EXPECT_TRUE(shell(interactive).out.starts_with(home + "/.veerline/bin/claude\n"));
+
+        RunResult uninstalled = cli({"shell", "uninstall", "--yes"});
+        ASSERT_EQ(uninstalled.exitCode, 0) << uninstalled.err;
+        EXPECT_EQ(readFile(path), row.after);
+        RunResult after = shell(interactive);
+        EXPECT_FALSE(has(after.out, "/.veerline/")) << after.out;
+        if (!row.defined.empty()) {
+            EXPECT_TRUE(has(after.out, row.defined)) << after.out << after.err;
+        }
+        EXPECT_TRUE(cli({"shell", "status"}).out.starts_with("Not installed.")) << "right after uninstall";
+    }
+}
+
+// What `shell status` and the doctor's shim check say, and what they tell the user to do, as the
+// setup moves from nothing installed to a terminal that predates the install.
+TEST_F(CliShellTest, StatusAndDoctorAdviseWhatFitsTheSetup) {
+    writeFile(home + "/.bashrc", "# mine\n");
+    auto shimFix = [&] {
+        json checks = json::parse(cli({"doctor", "--json"}).out);
+        for (const json& check : checks) {
+            if (check["id"] == "shim.claude-code") return check.value("fix", std::string());
+        }
+        return std::string("no shim check");
+    };
+    EXPECT_TRUE(cli({"shell", "status"}).out.starts_with("Not installed.")) << "nothing was ever installed";
+    EXPECT_EQ(shimFix(), "Run `veerline shell install`.") << "the command only: there's no app setting here";
+
+    ASSERT_EQ(cli({"shell", "install", "--yes"}).exitCode, 0);
+    EXPECT_EQ(shimFix(), "Open a new terminal: this one started before the shell integration was installed, or "
+                         "changed PATH since.")
+        << "this terminal's PATH predates the install; the block is last";
+    writeFile(home + "/.bashrc", readFile(home + "/.bashrc") + "export PATH=/opt/bin:$PATH\n");
+    EXPECT_TRUE(shimFix().starts_with("Move the Veerline block to the end of your shell file"));
 }
 
 TEST_F(CliShellTest, VersionHelpAndUsageErrors) {

@@ -188,7 +188,9 @@ private:
         if (!PathUtil::isExecutableFile(shims + "/" + command)) {
             add(id, Level::info, "Shell integration for `" + command + "` isn't installed",
                 "Folder rules only apply once it is.",
-                "Turn on Settings → Terminal → Use profiles in the terminal, or run `veerline shell install`.");
+                platform::shellIntegrationSetting()
+                    ? "Turn on " + std::string(*platform::shellIntegrationSetting()) + ", or run `veerline shell install`."
+                    : std::string("Run `veerline shell install`."));
             return;
         }
         auto first = BinaryLocator(doctor_.context.environment, paths_).findIncludingExcluded(command);
@@ -200,11 +202,18 @@ private:
                 return;
             }
         }
+        // With every block last, the block isn't what lets PATH skip the shims: this terminal
+        // started before the install (or changed PATH since), and a new one starts with the shims.
+        const auto blocks = ShellIntegration(paths_, doctor_.context.environment).status().blocks;
+        const bool blocksLast = !blocks.empty() && std::all_of(blocks.begin(), blocks.end(),
+                                                               [](const auto& block) { return block.isLast; });
         add(id, Level::warning, "`" + command + "` skips Veerline in this shell",
             "PATH finds " + (first ? paths_.abbreviate(*first) : std::string("nothing")) + " before " +
                 paths_.abbreviate(shims) + ".",
-            "Move the Veerline block to the end of your shell file (`veerline shell install` does this), then open "
-            "a new terminal.");
+            blocksLast ? "Open a new terminal: this one started before the shell integration was installed, or "
+                         "changed PATH since."
+                       : "Move the Veerline block to the end of your shell file (`veerline shell install` does this), "
+                         "then open a new terminal.");
     }
 
     void desktopApp(const ProfileDocument& document) {

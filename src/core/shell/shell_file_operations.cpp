@@ -77,37 +77,29 @@ void ShellIntegration::replaceOwnFile(const std::string& contents, const std::st
 
 void ShellIntegration::atomicReplace(const std::string& contents, const std::string& displayPath,
                                      const std::string& target, mode_t mode) const {
-    auto failure = [&](int errorNumber) {
-        return ioErrorFromErrno("write " + paths_.abbreviate(displayPath), errorNumber);
-    };
-    TemporaryFile temporary(PathUtil::parent(target) + "/." + lastComponent(target) + std::string(temporaryMarker) +
-                            std::to_string(::getpid()));
-    const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW;
-    FileDescriptor fd(::open(temporary.path().c_str(), flags, 0600));
-    if (!fd && errno == EEXIST) {
-        // Left by an earlier process with this id.
-        ::unlink(temporary.path().c_str());
-        fd = FileDescriptor(::open(temporary.path().c_str(), flags, 0600));
-    }
-    if (!fd) throw failure(errno);
-    if (int error = writeAll(fd.get(), contents); error != 0) throw failure(error);
-    ::fchmod(fd.get(), mode);
-    if (int error = fd.close(); error != 0) throw failure(error);
-    if (::rename(temporary.path().c_str(), target.c_str()) != 0) throw failure(errno);
-    temporary.keep();
+    writeFileAtomically(target, contents, mode, paths_.abbreviate(displayPath));
 }
 
 void ShellIntegration::copyAtomically(const std::string& source, const std::string& destination) const {
-    auto failure = [&](const std::string& cause) {
-        return VeerlineError::io("Couldn't install " + paths_.abbreviate(destination) + ": " + cause);
+    const std::string shown = paths_.abbreviate(destination);
+    auto failure = [&](const std::string& cause) { return VeerlineError::io("Couldn't install " + shown + ": " + cause); };
+    // The message of a failed read or write, without its own "Couldn't ... PATH: " in front.
+    auto causeOf = [](const VeerlineError& error, const std::string& prefix) {
+        std::string text = error.errorDescription();
+        return text.starts_with(prefix) ? text.substr(prefix.size()) : text;
     };
-    TemporaryFile temporary(destination + ".tmp." + std::to_string(::getpid()));
-    std::error_code error;
-    std::filesystem::remove(temporary.path(), error);
-    if (!std::filesystem::copy_file(source, temporary.path(), error)) throw failure(error.message());
-    ::chmod(temporary.path().c_str(), 0755);
-    if (::rename(temporary.path().c_str(), destination.c_str()) != 0) throw failure(std::strerror(errno));
-    temporary.keep();
+    std::optional<std::string> bytes;
+    try {
+        bytes = readRegularFile(source, executableLimit);
+    } catch (const VeerlineError& error) {
+        throw failure(causeOf(error, "Couldn't read " + source + ": "));
+    }
+    if (!bytes) throw failure(std::strerror(ENOENT));
+    try {
+        writeFileAtomically(destination, *bytes, 0755, shown);
+    } catch (const VeerlineError& error) {
+        throw failure(causeOf(error, "Couldn't write " + shown + ": "));
+    }
 }
 
 void ShellIntegration::symlink(const std::string& link, const std::string& destination) const {

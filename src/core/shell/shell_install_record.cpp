@@ -108,46 +108,51 @@ std::vector<ShellIntegration::FileChange> ShellIntegration::planUninstall() cons
         FileKind kind = kindOf(path);
         if (kind != FileKind::regular && kind != FileKind::linkToRegular) continue;
         FileChange change{path, true, read(path), {}};
+        if (auto line = unclosedBlockLine(change.before)) {
+            throw VeerlineError::io("Couldn't take the block out of " + paths_.abbreviate(path) + ": line " +
+                                    std::to_string(*line) + " opens a block (\u201C" + std::string(beginMarker) +
+                                    "\u201D) that no \u201C" + std::string(endMarker) +
+                                    "\u201D line closes. Close or remove it, then try again.");
+        }
+        // Only Veerline's own lines go; whatever the user added since, above or below the block
+        // and across later installs, stays.
+        change.after = removingBlock(change.before);
         const InstallState::FileRecord* record = state ? state->record(path) : nullptr;
-        std::optional<std::string> after;
-        if (record != nullptr && sha256(change.before) == record->installedSHA256) {
-            // Untouched since the install: the exact old contents (or link) come back.
-            struct stat info {};
-            if (record->backupPath && ::lstat(record->backupPath->c_str(), &info) == 0) {
-                if (S_ISLNK(info.st_mode)) {
-                    // The link comes back; as text, the file is then gone.
-                    if (linkToRestore(record, change.before)) after = std::string();
-                } else {
-                    try {
-                        after = readBounded(*record->backupPath, startupFileLimit, false);
-                    } catch (const VeerlineError&) {
-                    }
-                    // A backup taken when the file already held a block (the record was lost
-                    // and Veerline installed again) must not bring the block back.
-                    if (after && !unclosedBlockLine(*after)) after = removingBlock(*after);
-                }
-            }
-            if (!after && !record->existedBefore) after = std::string();
+        if (auto seen = contentsBeforeInstall(record)) {
+            // The file otherwise holds exactly what the first install saw: it comes back byte
+            // for byte, without the line feed the install had to add.
+            if (change.after == *seen || (record->addedNewline && change.after == *seen + "\n")) change.after = *seen;
         }
-        if (!after) {
-            if (auto line = unclosedBlockLine(change.before)) {
-                throw VeerlineError::io("Couldn't take the block out of " + paths_.abbreviate(path) + ": line " +
-                                        std::to_string(*line) + " opens a block (\u201C" + std::string(beginMarker) +
-                                        "\u201D) that no \u201C" + std::string(endMarker) +
-                                        "\u201D line closes. Close or remove it, then try again.");
-            }
-            after = removingBlock(change.before);
-            if (record != nullptr && record->addedNewline && after->ends_with('\n')) after->pop_back();
-        }
-        change.after = std::move(*after);
         plan.push_back(std::move(change));
     }
     return plan;
 }
 
+std::optional<std::string> ShellIntegration::contentsBeforeInstall(const InstallState::FileRecord* record) const {
+    if (record == nullptr) return std::nullopt;
+    if (!record->backupPath) {
+        if (record->existedBefore) return std::nullopt;
+        return std::string();
+    }
+    struct stat info {};
+    if (::lstat(record->backupPath->c_str(), &info) != 0) return std::nullopt;
+    // A link to nothing read as text is empty.
+    if (S_ISLNK(info.st_mode)) return std::string();
+    try {
+        std::string backup = readBounded(*record->backupPath, startupFileLimit, false);
+        // A backup taken when the file already held a block (the record was lost and Veerline
+        // installed again) must not bring the block back.
+        if (unclosedBlockLine(backup)) return std::nullopt;
+        return removingBlock(backup);
+    } catch (const VeerlineError&) {
+        return std::nullopt;
+    }
+}
+
 std::optional<std::string> ShellIntegration::linkToRestore(const InstallState::FileRecord* record,
                                                            const std::string& current) const {
-    if (record == nullptr || !record->backupPath || sha256(current) != record->installedSHA256) return std::nullopt;
+    // Only when nothing of the user's is in the file besides the block.
+    if (record == nullptr || !record->backupPath || !removingBlock(current).empty()) return std::nullopt;
     struct stat info {};
     if (::lstat(record->backupPath->c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) return std::nullopt;
     std::error_code error;
@@ -162,15 +167,9 @@ void ShellIntegration::applyUninstall(const std::vector<FileChange>& plan) const
         const InstallState::FileRecord* record = state ? state->record(change.path) : nullptr;
         if (auto destination = linkToRestore(record, change.before)) {
             // The file was a link to nothing before the install: make it that link again.
-            TemporaryFile temporary(PathUtil::parent(change.path) + "/." +
-                                    change.path.substr(change.path.rfind('/') + 1) + ".veerline-tmp." +
-                                    std::to_string(::getpid()));
-            ::unlink(temporary.path().c_str());
-            if (::symlink(destination->c_str(), temporary.path().c_str()) != 0 ||
-                ::rename(temporary.path().c_str(), change.path.c_str()) != 0) {
-                throw ioErrorFromErrno("write " + paths_.abbreviate(change.path), errno);
+            if (int error = placeLinkAtomically(change.path, *destination); error != 0) {
+                throw ioErrorFromErrno("write " + paths_.abbreviate(change.path), error);
             }
-            temporary.keep();
         } else if (record != nullptr && !record->existedBefore) {
             // The install created this file: nothing of the user's left means it goes.
             if (change.after.empty() && kindOf(change.path) == FileKind::regular) {

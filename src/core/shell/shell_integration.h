@@ -125,8 +125,8 @@ public:
 
     // Backs up files seen for the first time, writes the planned contents and saves the record.
     void recordInstall(const std::vector<FileChange>& plan) const;
-    // What uninstall does to each shell file: the backup back when the file is exactly as the
-    // last install left it, otherwise only the block removed. Writes nothing.
+    // What uninstall does to each shell file: only Veerline's block removed, and the file as it was
+    // before the first install, byte for byte, when it otherwise holds exactly that. Writes nothing.
     std::vector<FileChange> planUninstall() const;
     void applyUninstall(const std::vector<FileChange>& plan) const;
 
@@ -152,6 +152,8 @@ public:
 private:
     // Start-up files are text a person edits: anything larger is not one.
     static constexpr std::size_t startupFileLimit = 8 * 1024 * 1024;
+    // Veerline's executables are a few megabytes; the bound only stops a runaway read.
+    static constexpr std::size_t executableLimit = 512 * 1024 * 1024;
     // The app-path hint is one path.
     static constexpr std::size_t appPathLimit = 16 * 1024;
 
@@ -169,8 +171,11 @@ private:
     // folder under a name no other backup has; returns the backup's path.
     std::string backUp(const FileChange& change, const std::string& stamp) const;
     bool isOwnBackup(const std::string& path) const noexcept;
+    // What the record's file held before the first install, without any block; nothing when that
+    // can't be known (no record, or a backup that is gone or can't be read).
+    std::optional<std::string> contentsBeforeInstall(const InstallState::FileRecord* record) const;
     // The destination of the link to nothing that uninstall puts back at the record's file, when
-    // the file is exactly as the install left it.
+    // nothing but the block is in the file.
     std::optional<std::string> linkToRestore(const InstallState::FileRecord* record, const std::string& current) const;
 
     Paths paths_;

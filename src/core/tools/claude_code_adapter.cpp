@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/error.h"
+#include "base/file_io.h"
 #include "base/json_input.h"
 #include "tools/process_runner.h"
 
@@ -16,7 +17,38 @@ std::optional<std::string> stringMember(const nlohmann::json& object, const char
     return found->get<std::string>();
 }
 
+// Claude Code's settings are a small JSON file a person edits.
+constexpr std::size_t settingsFileLimit = 8 * 1024 * 1024;
+
 }  // namespace
+
+std::optional<std::string> ClaudeCodeAdapter::keyHelperProblem(const Profile& profile) const {
+    auto folder = dataDirectory(profile);
+    if (!folder) return std::nullopt;
+    const std::string settingsFile = *folder + "/settings.json";
+    std::optional<std::string> helper;
+    try {
+        auto text = readRegularFile(settingsFile, settingsFileLimit);
+        if (!text) return std::nullopt;
+        auto settings = JsonInput::parse(*text).value_or(nullptr);
+        if (!settings.is_object()) return std::nullopt;
+        helper = stringMember(settings, "apiKeyHelper");
+    } catch (const VeerlineError&) {
+        // Claude Code reports settings it can't read itself.
+        return std::nullopt;
+    }
+    if (!helper || helper->empty()) return std::nullopt;
+    // Claude Code runs the helper through a shell and signs in with what it prints. Its output is
+    // looked at only to see that there is a key; none of it goes into the message.
+    ProcessResult result = ProcessRunner::runSync("/bin/sh", {"-c", *helper}, helperEnvironment(profile),
+                                                  context().commandTimeout);
+    const bool gaveKey = !result.timedOut && result.exitCode == 0 &&
+                         result.standardOutput.find_first_not_of(" \t\r\n") != std::string::npos;
+    const std::string helperName = "The API key helper in " + context().paths.abbreviate(settingsFile);
+    if (result.timedOut) return helperName + " didn't answer in time.";
+    if (!gaveKey) return helperName + " gives no key (exit " + std::to_string(result.exitCode) + ").";
+    return std::nullopt;
+}
 
 std::optional<std::string> ClaudeCodeAdapter::binaryPath() const {
     return context().locator().find(std::string(binaryName));
@@ -61,6 +93,8 @@ ToolStatus ClaudeCodeAdapter::status(const Profile& profile) const noexcept {
         if (!binary) return ToolStatus::notInstalled();
         auto folder = dataDirectory(profile);
         if (folder && !PathUtil::isDirectory(*folder)) return ToolStatus::notSetUp();
+        // A helper that yields no key fails every start, whatever `claude auth status` says.
+        if (auto problem = keyHelperProblem(profile)) return ToolStatus::needsAttention(*problem);
 
         ProcessResult result = ProcessRunner::runSync(*binary, {"auth", "status"}, helperEnvironment(profile),
                                                       context().commandTimeout);

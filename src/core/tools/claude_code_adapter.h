@@ -33,6 +33,11 @@ public:
     // ignored. Nothing unless it is an object with a boolean "loggedIn".
     static std::optional<AuthStatus> parseAuthStatus(std::string_view text);
 
+    // What is wrong with the "apiKeyHelper" in a managed profile's settings.json, found by running
+    // it as Claude Code does (the key it prints is never kept); nothing without a helper or when
+    // it gives a key.
+    std::optional<std::string> keyHelperProblem(const Profile& profile) const;
+
     bool isInstalled() const override;
     Environment environment(const Profile& profile) const override;
     // `environment` and `prepare` without an adapter: the resolver calls these, and so links none

@@ -33,7 +33,9 @@ protected:
     static DoctorCheck notIntegrated(const std::string& id, const std::string& command) {
         return DoctorCheck("shim." + id, Level::info, "Shell integration for `" + command + "` isn't installed",
                            "Folder rules only apply once it is.",
-                           "Turn on Settings → Terminal → Use profiles in the terminal, or run `veerline shell install`.");
+                           platform::shellIntegrationSetting()
+                               ? "Turn on " + std::string(*platform::shellIntegrationSetting()) + ", or run `veerline shell install`."
+                               : "Run `veerline shell install`.");
     }
     Checks run(bool deep = false) const { return Doctor(ToolContext{paths, environment}, [this] { return document; }, desktop).run(deep); }
     Checks withID(const std::string& id) const {

@@ -154,8 +154,8 @@ TEST_F(ShellIntegrationTest, FileOperationsAreAtomicKeepModesAndLinksAndLeaveNoT
     writeFile(source, "#!/bin/sh\n", 0600);
     shell.copyAtomically(source, tool);
     EXPECT_EQ(fileMode(tool), 0755u);
-    // A stale temporary file of this process is replaced, and an existing copy overwritten.
-    writeFile(tool + ".tmp." + std::to_string(::getpid()), "stale");
+    // What a killed copy left is swept, and an existing copy overwritten.
+    writeFile(home + "/.tool.2147483647.0.tmp", "stale");
     writeFile(source, "v2", 0600);
     shell.copyAtomically(source, tool);
     EXPECT_EQ(readFile(tool), "v2");
