@@ -306,7 +306,9 @@ std::vector<ShareReport> ProfileSharing::applyAll(const Paths& paths, const Prof
         if (only && *only != tool) continue;
         ProfileSharing sharing(paths, tool, source);
         for (const Profile& profile : document.profiles) {
-            if (profile.storage != Profile::Storage::managed || !profile.uses(tool)) continue;
+            if (profile.storage != Profile::Storage::managed || !profile.uses(tool) || !document.isUsable(profile.id)) {
+                continue;
+            }
             try {
                 reports.push_back(sharing.apply(profile, dryRun));
             } catch (const VeerlineError& error) {
