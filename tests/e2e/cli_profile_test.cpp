@@ -280,7 +280,7 @@ TEST_F(CliProfileTest, StaleEntriesLeaveEveryCommandWorkingAndTheirOwnCommandRep
         writeFile(profilesFile, document.dump(), 0600);
         for (const Args& args : reading) {
             RunResult result = cli(args);
-            EXPECT_EQ(result.exitCode, args.back() == "nobody-here" ? 1 : 0) << args[0] << " " << args[1] << ": " << result.err;
+            EXPECT_EQ(result.exitCode, args.back() == "nobody-here" ? 1 : 0) << args.front() << ": " << result.err;
             EXPECT_EQ(result.err.find("Couldn't read"), std::string::npos) << result.err;
         }
         for (const Args& args : saving) expectFailure(args, 1, entry.saveMessage);
