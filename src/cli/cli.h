@@ -12,6 +12,7 @@
 #include "base/environment.h"
 #include "base/paths.h"
 #include "profiles/profile.h"
+#include "base/error.h"
 #include "profiles/profile_document.h"
 
 namespace CLI {
@@ -97,8 +98,13 @@ int removeProfileSecrets(const Profile& profile);
 int loginClaudeCodeWithApiKey(const Context& context, const Profile& profile);
 
 // A profile typed by the user: by name as the document's look-up finds it, else by id.
-// Throws VeerlineError::profileNotFound with the text as typed.
+// Throws VeerlineError::profileNotFound with the text as typed, and invalidProfile naming the id
+// when the id can't safely name the profile's folders and keys (see `ProfileDocument::isUsable`).
 const Profile& findProfile(const ProfileDocument& document, const std::string& nameOrID);
 Profile& findProfile(ProfileDocument& document, const std::string& nameOrID);
+// The same, whatever its id: for the edits that only take it out of the document.
+const Profile& findAnyProfile(const ProfileDocument& document, const std::string& nameOrID);
+// The refusal to act on a profile whose id `reason` says is unusable, with the way out.
+VeerlineError unusableProfileError(const Profile& profile, const std::string& reason);
 
 }  // namespace veerline::cli

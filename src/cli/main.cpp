@@ -12,6 +12,7 @@
 #include <cstring>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "build_info.h"
 #include "cli/cli.h"
@@ -48,14 +49,18 @@ void onSelected(CLI::App* command, Action& chosen, Action action) {
 }
 
 const Profile& findProfile(const ProfileDocument& document, const std::string& nameOrID) {
-    if (const Profile* byName = document.profile(std::string_view(nameOrID))) return *byName;
-    if (const Profile* byID = document.profile(ProfileID(nameOrID))) return *byID;
-    throw VeerlineError::profileNotFound(nameOrID);
+    const Profile& found = findAnyProfile(document, nameOrID);
+    if (auto reason = document.unusableIDReason(found.id)) throw unusableProfileError(found, *reason);
+    return found;
 }
 
 Profile& findProfile(ProfileDocument& document, const std::string& nameOrID) {
-    if (Profile* byName = document.profile(std::string_view(nameOrID))) return *byName;
-    if (Profile* byID = document.profile(ProfileID(nameOrID))) return *byID;
+    return const_cast<Profile&>(findProfile(std::as_const(document), nameOrID));
+}
+
+const Profile& findAnyProfile(const ProfileDocument& document, const std::string& nameOrID) {
+    if (const Profile* byName = document.profile(std::string_view(nameOrID))) return *byName;
+    if (const Profile* byID = document.profile(ProfileID(nameOrID))) return *byID;
     throw VeerlineError::profileNotFound(nameOrID);
 }
 

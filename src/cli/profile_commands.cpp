@@ -15,6 +15,7 @@
 #include "cli/output.h"
 #include "base/error.h"
 #include "profiles/profile_store.h"
+#include "shell/shell_quote.h"
 #include "base/unicode.h"
 
 namespace veerline::cli {
@@ -135,21 +136,55 @@ struct Removal {
     Profile profile;
     std::size_t rules = 0;
     bool wasDefault = false;
+    bool missing = false;  // only the rules and default of an id no profile holds
 };
+
+// `profile remove ID` for an id no profile holds any more: takes the rules and the terminal
+// default that still point at it, which keep every other change from being saved.
+std::optional<Removal> removeLeftovers(ProfileDocument& document, const std::string& typed) {
+    const ProfileID id(typed);
+    if (document.profile(id) != nullptr) return std::nullopt;
+    Removal result{Profile(id, typed)};
+    result.rules = std::erase_if(document.rules, [&](const FolderRule& rule) { return rule.profileID == id; });
+    result.wasDefault = document.cliDefault == id;
+    if (result.rules == 0 && !result.wasDefault) return std::nullopt;
+    if (result.wasDefault) document.cliDefault.reset();
+    result.missing = true;
+    return result;
+}
 
 int removeProfile(const Context& context, const ProfileOptions& options) {
     Removal removal = ProfileStore(context.paths).update([&](ProfileDocument& document) {
-        Removal result{findProfile(document, options.name)};
-        const ProfileID id = result.profile.id;
-        std::erase_if(document.profiles, [&](const Profile& profile) { return profile.id == id; });
-        result.rules = std::erase_if(document.rules, [&](const FolderRule& rule) { return rule.profileID == id; });
-        if (document.cliDefault == id) {
-            document.cliDefault.reset();
-            result.wasDefault = true;
+        if (document.profile(std::string_view(options.name)) == nullptr) {
+            if (std::optional<Removal> leftovers = removeLeftovers(document, options.name)) return *leftovers;
+        }
+        // A profile with an unusable id can still leave the document, which repairs it, as long
+        // as nothing is deleted by that id.
+        const Profile& found = options.keepData ? findAnyProfile(document, options.name)
+                                                : findProfile(document, options.name);
+        Removal result{found};
+        const ProfileID id = found.id;
+        document.profiles.erase(document.profiles.begin() + (&found - document.profiles.data()));
+        // Rules and the default of an id another profile still holds are that profile's.
+        if (document.profile(id) == nullptr) {
+            result.rules = std::erase_if(document.rules, [&](const FolderRule& rule) { return rule.profileID == id; });
+            if (document.cliDefault == id) {
+                document.cliDefault.reset();
+                result.wasDefault = true;
+            }
         }
         return result;
     });
 
+    if (removal.missing) {
+        std::cout << "No profile has the id " << curlyQuoted(options.name) << ".";
+        if (removal.rules > 0) {
+            std::cout << " Removed " << (removal.rules == 1 ? "its folder rule" : "its " + std::to_string(removal.rules) + " folder rules") << ".";
+        }
+        std::cout << "\n";
+        if (removal.wasDefault) std::cout << "There's no terminal default now.\n";
+        return 0;
+    }
     std::cout << "Removed " << curlyQuoted(removal.profile.name);
     if (removal.rules > 0) {
         std::cout << " and its " << removal.rules << (removal.rules == 1 ? " folder rule" : " folder rules");
@@ -162,6 +197,12 @@ int removeProfile(const Context& context, const ProfileOptions& options) {
 }
 
 }  // namespace
+
+VeerlineError unusableProfileError(const Profile& profile, const std::string& reason) {
+    return VeerlineError::invalidProfile(reason + " Veerline won't make folders or keys of it: remove " +
+                                         curlyQuoted(profile.name) + " with `veerline profile remove " +
+                                         ShellQuote::quote(profile.name) + " --keep-data` and add it again.");
+}
 
 void addProfileCommands(CLI::App& app, const Context& context, Action& chosen) {
     CLI::App* group = app.add_subcommand("profile", "List, add, rename, change and remove profiles");

@@ -149,6 +149,12 @@ int which(const Context& context, const RuleOptions& options) {
     ProfileDocument document = ProfileStore(context.paths).load();
     std::string cwd = context.workingDirectory();
     Resolution resolution = RuleResolver(document, context.paths.home).resolve(options.whichPath.value_or(cwd), cwd);
+    if (resolution.profile) {
+        if (auto reason = document.unusableIDReason(resolution.profile->id)) {
+            resolution.warnings.push_back(*reason + " The shims pass " + curlyQuoted(resolution.profile->name) +
+                                          " over, so the tools run with their default setup here.");
+        }
+    }
     if (options.json) {
         std::cout << encodeStoredJSON(resolutionJSON(resolution));
         return 0;

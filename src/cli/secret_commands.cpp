@@ -54,9 +54,9 @@ Target target(const Context& context, const SecretOptions& options, bool allowRe
     try {
         const Profile& profile = findProfile(document, options.profile);
         return {profile.id, profile.name, tool};
-    } catch (const VeerlineError&) {
+    } catch (const VeerlineError& error) {
         ProfileID id(options.profile);
-        if (!allowRemoved || !id.isValid()) throw;
+        if (error.kind() != VeerlineError::Kind::profileNotFound || !allowRemoved || !id.isValid()) throw;
         return {id, options.profile, tool};
     }
 }

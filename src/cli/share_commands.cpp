@@ -117,7 +117,7 @@ int shareOff(const Context& context, const ShareOptions& options) {
         std::string source = shared != settings.sources.end() ? shared->second : ShareSettings::defaultSource(tool, context.paths);
         ProfileSharing sharing(context.paths, tool, source);
         for (const Profile& profile : document.profiles) {
-            if (profile.storage != Profile::Storage::managed) continue;
+            if (profile.storage != Profile::Storage::managed || !document.isUsable(profile.id)) continue;
             try {
                 reports.push_back(sharing.undo(profile));
             } catch (const VeerlineError& error) {

@@ -166,7 +166,9 @@ std::vector<UsageRow> usageRows(const ProfileDocument& document, const UsageOpti
     if (options.profile) {
         profiles.push_back(&findProfile(document, *options.profile));
     } else {
-        for (const Profile& profile : document.profiles) profiles.push_back(&profile);
+        for (const Profile& profile : document.profiles) {
+            if (document.isUsable(profile.id)) profiles.push_back(&profile);
+        }
     }
     std::optional<ToolKind> onlyTool;
     if (options.tool) onlyTool = parseTool(*options.tool);
@@ -305,7 +307,7 @@ int status(const Context& context, bool json) {
     // Every tool is asked at once: each status command may take seconds.
     for (const Profile& profile : document.profiles) {
         for (const auto& adapter : adapters) {
-            if (!profile.uses(adapter->kind())) continue;
+            if (!profile.uses(adapter->kind()) || !document.isUsable(profile.id)) continue;
             rows.push_back({&profile, adapter->kind(), std::async(std::launch::async, [adapter, &profile] {
                                 return adapter->status(profile);
                             }), {}, {}, {}});

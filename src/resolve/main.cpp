@@ -116,8 +116,10 @@ private:
 [[noreturn]] void promptMode(const Run& run) {
     if (std::optional<ProfileDocument> document = loadDocument(run.env, run.paths)) {
         std::string cwd = run.workingDirectory();
-        Resolution resolution = RuleResolver(std::move(*document), run.paths.home).resolve(cwd, cwd);
-        if (resolution.profile) {
+        RuleResolver resolver(std::move(*document), run.paths.home);
+        Resolution resolution = resolver.resolve(cwd, cwd);
+        // The prompt names what the shims apply: nothing for a profile whose id they won't use.
+        if (resolution.profile && resolver.document.isUsable(resolution.profile->id)) {
             // Shown in the prompt: a control character must not act on the terminal. Written
             // straight to the descriptor: stdio would first ask what kind of file it is.
             std::string line = unicode::escapingControlCharacters(resolution.profile->name) + "\n";

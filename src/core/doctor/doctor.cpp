@@ -38,6 +38,10 @@ constexpr std::array<CommandLineTool, 2> commandLineTools = {
     CommandLineTool{ClaudeCodeAdapter::binaryName, ToolKind::claudeCode},
     CommandLineTool{CodexAdapter::binaryName, ToolKind::codex}};
 
+std::string curlyQuoted(std::string_view text) {
+    return "\u201C" + std::string(text) + "\u201D";
+}
+
 std::string counted(std::size_t count, const char* noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
@@ -149,17 +153,36 @@ private:
                 ProfileDocument document = doctor_.loadDocument();
                 add("profiles", Level::ok, "Profiles file is readable",
                     counted(document.profiles.size(), "profile") + ", " + counted(document.rules.size(), "folder rule"));
+                unusableProfiles(document);
                 return document;
             }
             problem = "There's no way to read the profiles file.";
         } catch (const VeerlineError& error) {
             problem = error.errorDescription();
+            // Deleting is only advice for a file nothing can read: a newer Veerline reads this one.
+            if (error.kind() == VeerlineError::Kind::storeTooNew) {
+                add("profiles", Level::failure, "Profiles file is from a newer Veerline", problem,
+                    "Update Veerline to the version that saved it.");
+                return ProfileDocument::empty();
+            }
         } catch (const std::exception& error) {
             problem = error.what();
         }
         add("profiles", Level::failure, "Profiles file can't be read", problem,
             "Restore " + paths_.abbreviate(paths_.profilesFile()) + " from a backup, or delete it to start over.");
         return ProfileDocument::empty();
+    }
+
+    // Profiles the shims pass over and commands refuse, because their id can't name a folder.
+    void unusableProfiles(const ProfileDocument& document) {
+        for (const Profile& profile : document.profiles) {
+            auto reason = document.unusableIDReason(profile.id);
+            if (!reason) continue;
+            add("profile.id", Level::warning, curlyQuoted(profile.name) + " can't be used",
+                *reason + " Its folder rules and tools are passed over.",
+                "Remove it with `veerline profile remove " + ShellQuote::quote(profile.name) +
+                    " --keep-data` and add it again.");
+        }
     }
 
     void binary(const CommandLineTool& tool, const ProfileDocument& document) {
@@ -237,7 +260,7 @@ private:
     void dataFolders(const ProfileDocument& document) {
         Findings notWritable;
         for (const Profile& profile : document.profiles) {
-            if (profile.storage != Profile::Storage::managed) continue;
+            if (profile.storage != Profile::Storage::managed || !document.isUsable(profile.id)) continue;
             for (ToolKind tool : profile.tools()) {
                 std::string folder = paths_.dataDirectory(tool, profile.id);
                 if (PathUtil::isDirectory(folder) && ::access(folder.c_str(), W_OK) != 0) {
@@ -290,13 +313,27 @@ private:
     }
 
     void folderRules(const ProfileDocument& document) {
+        const std::string noProfile = "points at a profile that doesn't exist";
         for (const FolderRule& rule : document.rules) {
+            const Profile* profile = document.profile(rule.profileID);
+            if (profile == nullptr) {
+                add("rule.stale", Level::warning, "A folder rule " + noProfile,
+                    rule.path + " → " + curlyQuoted(rule.profileID.rawValue) + ". The rule never applies, and "
+                    "changes to your profiles can't be saved while it is there.",
+                    "Remove the rule: `veerline rule remove " + ShellQuote::quote(rule.path) + "`.");
+                continue;
+            }
             std::string folder = PathUtil::normalize(PathUtil::expandTilde(rule.folderPath(), paths_.home));
             if (PathUtil::isDirectory(folder)) continue;
-            const Profile* profile = document.profile(rule.profileID);
             add("rule.missing", Level::warning, "A folder rule points at a missing folder",
-                rule.path + " → " + (profile ? profile->name : std::string("?")) + ". Was it moved or renamed?",
+                rule.path + " → " + profile->name + ". Was it moved or renamed?",
                 "Update or remove the rule: `veerline rule remove " + ShellQuote::quote(rule.path) + "`.");
+        }
+        if (document.cliDefault && document.profile(*document.cliDefault) == nullptr) {
+            add("default.stale", Level::warning, "The terminal default " + noProfile,
+                "It names " + curlyQuoted(document.cliDefault->rawValue) + ". No profile applies where no rule or dotfile does, "
+                "and changes to your profiles can't be saved while it is set.",
+                "Clear it with `veerline default --clear`, or choose another with `veerline default PROFILE`.");
         }
     }
 
@@ -432,7 +469,7 @@ private:
         std::vector<Question> questions;
         for (const auto& adapter : adapters) {
             for (const Profile& profile : document.profiles) {
-                if (!profile.uses(adapter->kind())) continue;
+                if (!profile.uses(adapter->kind()) || !document.isUsable(profile.id)) continue;
                 questions.push_back({adapter.get(), &profile, profile.name + " · " + displayName(adapter->kind()), {}});
             }
         }

@@ -238,6 +238,21 @@ std::vector<FolderRule> ProfileDocument::rulesFor(const ProfileID& id) const {
     return result;
 }
 
+std::optional<std::string> ProfileDocument::unusableIDReason(const ProfileID& id) const {
+    if (!id.isValid()) return curlyQuoted(id.rawValue) + " isn't a valid profile id.";
+    auto holders = std::count_if(profiles.begin(), profiles.end(), [&](const Profile& each) { return each.id == id; });
+    if (holders > 1) return "Two profiles share the id " + curlyQuoted(id.rawValue) + ".";
+    return std::nullopt;
+}
+
+bool ProfileDocument::isUsable(const ProfileID& id) const noexcept {
+    try {
+        return !unusableIDReason(id);
+    } catch (...) {
+        return false;
+    }
+}
+
 namespace {
 
 // The position of the first key equal to an earlier one, or npos: where a set filled in order

@@ -55,6 +55,12 @@ struct ProfileDocument {
     // Throws VeerlineError (invalidProfile or invalidRule) for the first problem found.
     void validate() const;
 
+    // Why `id` must not name a folder, a key or anything else of its own: it isn't valid, or more
+    // than one profile holds it (they would share data). Nothing when it is safe to use. A loaded
+    // document is not validated, so everything that turns an id into a path asks this first.
+    std::optional<std::string> unusableIDReason(const ProfileID& id) const;
+    bool isUsable(const ProfileID& id) const noexcept;
+
     bool operator==(const ProfileDocument&) const = default;
 };
 

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
@@ -110,13 +111,7 @@ ProfileDocument ProfileStore::load() const {
     const std::string path = paths_.profilesFile();
     std::optional<std::string> bytes = readRegularFile(path, maxFileSize);
     if (!bytes) return ProfileDocument::empty();
-    ProfileDocument document = decode(*bytes);
-    try {
-        document.validate();
-    } catch (const VeerlineError& error) {
-        throw VeerlineError::storeCorrupt(path, error.errorDescription());
-    }
-    return document;
+    return decode(*bytes);
 }
 
 ProfileDocument ProfileStore::decode(std::string_view bytes) const {
@@ -174,9 +169,38 @@ void ProfileStore::ensureSupportDirectory() const {
     }
 }
 
+namespace {
+
+// Whether `part` is `whole` with some elements left out, the order kept.
+template <typename T>
+bool leavesOut(const std::vector<T>& whole, const std::vector<T>& part) {
+    auto next = whole.begin();
+    for (const T& element : part) {
+        next = std::find(next, whole.end(), element);
+        if (next == whole.end()) return false;
+        ++next;
+    }
+    return true;
+}
+
+// An edit that only takes profiles, rules or the terminal default out, and leaves nothing pointing
+// at a profile it took. It can add no problem to the document, so it is saved even while problems
+// it did not cause remain: otherwise two of them would each block the repair of the other.
+bool onlyTakesOut(const ProfileDocument& loaded, const ProfileDocument& edited) {
+    if (edited.version != loaded.version || !leavesOut(loaded.profiles, edited.profiles) ||
+        !leavesOut(loaded.rules, edited.rules) || (edited.cliDefault && edited.cliDefault != loaded.cliDefault)) {
+        return false;
+    }
+    auto keeps = [&](const ProfileID& id) { return loaded.profile(id) == nullptr || edited.profile(id) != nullptr; };
+    return std::all_of(edited.rules.begin(), edited.rules.end(), [&](const FolderRule& rule) { return keeps(rule.profileID); }) &&
+           (!edited.cliDefault || keeps(*edited.cliDefault));
+}
+
+}  // namespace
+
 void ProfileStore::commit(const ProfileDocument& loaded, const ProfileDocument& edited) const {
     if (edited == loaded) return;
-    edited.validate();
+    if (!onlyTakesOut(loaded, edited)) edited.validate();
     write(edited);
 }
 

@@ -39,15 +39,16 @@ public:
 
     const Paths& paths() const noexcept { return paths_; }
 
-    // The document on disk, or the empty one when there is no file. Throws VeerlineError: a file
-    // that is not a regular file, too large, written by a newer version, not a document, or a
-    // document that breaks its own rules (storeCorrupt with the rule's message) is refused, so
-    // that nobody acts on ids or names Veerline would never have saved.
+    // The document on disk, or the empty one when there is no file. Throws VeerlineError for a
+    // file that is not a regular file, too large, written by a newer version or not a document.
+    // It is not validated: one stale rule must not lock the user out of the commands that repair
+    // it. Whoever turns an id into a path asks `ProfileDocument::isUsable` first.
     ProfileDocument load() const;
 
     // Runs `edit(ProfileDocument&)` on the current document under the lock, validates and saves
-    // the result unless it is unchanged, and returns what `edit` returned. Nothing is written
-    // when anything throws. `edit` must not call `update` itself.
+    // the result unless it is unchanged, and returns what `edit` returned. An edit that only takes
+    // entries out, leaving nothing pointing at a profile it took, is saved without validating.
+    // Nothing is written when anything throws. `edit` must not call `update` itself.
     template <typename Edit>
     auto update(Edit&& edit) const {
         using Result = std::remove_cvref_t<std::invoke_result_t<Edit&, ProfileDocument&>>;

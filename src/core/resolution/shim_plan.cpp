@@ -67,10 +67,12 @@ Changes changes(const std::string& toolName, const Environment& environment, con
         const std::vector<std::string> toolVariables = variables(*kind);
         const std::set<std::string> managed = managedNames(lookup(environment, std::string(markerVariable)));
 
-        Resolution resolution = RuleResolver(std::move(document), paths.home).resolve(cwd, cwd);
+        RuleResolver resolver(std::move(document), paths.home);
+        Resolution resolution = resolver.resolve(cwd, cwd);
         Environment profileEnvironment;
         bool applies = false;
-        if (resolution.profile && resolution.profile->uses(*kind)) {
+        // A profile whose id can't safely name a folder runs the tool as if no profile applied.
+        if (resolution.profile && resolution.profile->uses(*kind) && resolver.document.isUsable(resolution.profile->id)) {
             profileEnvironment = environmentFor(*kind, paths, *resolution.profile);
             applies = true;
         }
@@ -125,7 +127,7 @@ Changes changes(const std::string& toolName, const Environment& environment, con
 void prepare(const Changes& changes, const std::string& toolName, const Paths& paths,
              const Environment& /*environment: preparing needs none of it*/) noexcept {
     try {
-        if (!changes.prepare) return;
+        if (!changes.prepare || !changes.prepare->id.isValid()) return;
         auto kind = tool(toolName);
         if (!kind) return;
         // A ready folder costs one stat: Codex's config file can only be there inside a folder.

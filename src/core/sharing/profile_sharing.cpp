@@ -511,7 +511,9 @@ std::vector<ShareReport> ProfileSharing::applyAll(const Paths& paths, const Prof
             refused = error.errorDescription();
         }
         for (const Profile& profile : document.profiles) {
-            if (profile.storage != Profile::Storage::managed || !profile.uses(tool)) continue;
+            if (profile.storage != Profile::Storage::managed || !profile.uses(tool) || !document.isUsable(profile.id)) {
+                continue;
+            }
             if (refused) {
                 reports.push_back(ShareReport::failure(tool, profile.name, *refused));
                 continue;

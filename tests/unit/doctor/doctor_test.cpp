@@ -63,6 +63,7 @@ TEST_F(DoctorTest, FromAFreshHomeToEverythingWrongAtOnce) {
     document.profiles = {Profile(ProfileID("w"), "Work", ProfileColor::blue, std::nullopt,
                                  {ToolKind::claudeDesktop, ToolKind::claudeCode, ToolKind::codex})};
     document.rules = {{"~/work/**", ProfileID("w")}, {"~/gone", ProfileID("w")}, {"/nowhere it's", ProfileID("x")}};
+    document.cliDefault = ProfileID("gone");
     desktop = DesktopInstall(home + "/C.app", "");
     for (const std::string& tool : {tools + "/claude", paths.shimDirectory() + "/claude", tools + "/ccswitch"})
         testing::writeFile(tool, "#!/bin/sh\n", 0755);
@@ -94,7 +95,13 @@ TEST_F(DoctorTest, FromAFreshHomeToEverythingWrongAtOnce) {
         {"env.CLAUDE_CONFIG_DIR", Level::warning, "You export CLAUDE_CONFIG_DIR yourself",
          "CLAUDE_CONFIG_DIR=~/.claude-work. Veerline leaves it alone, so folder rules won't change it.",
          "Remove the `export CLAUDE_CONFIG_DIR=…` line from your shell file if you want Veerline to choose."},
-        apiKey("ANTHROPIC_API_KEY"), apiKey("CODEX_API_KEY"), missing("~/gone", "Work", "'~/gone'"), missing("/nowhere it's", "?", R"('/nowhere it'\''s')"),
+        apiKey("ANTHROPIC_API_KEY"), apiKey("CODEX_API_KEY"), missing("~/gone", "Work", "'~/gone'"),
+        {"rule.stale", Level::warning, "A folder rule points at a profile that doesn't exist",
+         "/nowhere it's → \u201Cx\u201D. The rule never applies, and changes to your profiles can't be saved while it is there.",
+         R"(Remove the rule: `veerline rule remove '/nowhere it'\''s'`.)"},
+        {"default.stale", Level::warning, "The terminal default points at a profile that doesn't exist",
+         "It names \u201Cgone\u201D. No profile applies where no rule or dotfile does, and changes to your profiles can't be saved while it is set.",
+         "Clear it with `veerline default --clear`, or choose another with `veerline default PROFILE`."},
         {"shell.block", Level::warning, "Something in ~/.bashrc comes after the Veerline block",
          "Lines after it can put another `claude` or `codex` ahead of the shim in new terminals.",
          "Run `veerline shell install --yes` to move the block to the end."},

@@ -279,6 +279,62 @@ TEST_F(ProfileStoreTest, OnlyAChangedValidEditIsSavedAndAFailedSaveKeepsTheOldFi
     EXPECT_FALSE(leftTemporaryFiles());
 }
 
+TEST_F(ProfileStoreTest, LoadsWhatOnlyASaveRefusesAndUsesNoIdThatCantNameAFolder) {
+    using nlohmann::json;
+    const json work = {{"id", "w"}, {"name", "Work"}};
+    struct Case {
+        const char* what;
+        json document;
+        std::string message;  // of a save that keeps the problem
+        std::vector<bool> usable;
+    };
+    const Case cases[] = {
+        {"stale rule", {{"profiles", {work}}, {"rules", {{{"path", "~/a"}, {"profileID", "ghost"}}}}},
+         "The rule for ~/a points at a profile that doesn't exist.", {true}},
+        {"stale default", {{"profiles", {work}}, {"rules", json::array()}, {"cliDefault", "ghost"}},
+         "The terminal default points at a profile that doesn't exist.", {true}},
+        {"crafted id", {{"profiles", {work, {{"id", "../x"}, {"name", "X"}}}}, {"rules", json::array()}},
+         "\u201C../x\u201D isn't a valid profile id.", {true, false}},
+        {"shared id", {{"profiles", {work, {{"id", "w"}, {"name", "Other"}}}}, {"rules", json::array()}},
+         "Two profiles share the id \u201Cw\u201D.", {false, false}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        json document = c.document;
+        document["version"] = 1;
+        const std::string text = document.dump();
+        testing::writeFile(paths.profilesFile(), text, 0600);
+        const ProfileDocument loaded = store.load();
+        EXPECT_EQ(loaded, decodeDocument(text));
+        for (std::size_t i = 0; i < c.usable.size(); ++i) {
+            EXPECT_EQ(loaded.isUsable(loaded.profiles[i].id), c.usable[i]) << i;
+            EXPECT_EQ(loaded.unusableIDReason(loaded.profiles[i].id).value_or("usable"), c.usable[i] ? "usable" : c.message);
+        }
+        EXPECT_EQ(messageOf([&] { addProfile("n", "New"); }), c.message);
+        EXPECT_EQ(testing::readFile(paths.profilesFile()), text);
+        // Taking the problem out saves.
+        store.update([](ProfileDocument& edited) {
+            edited.rules.clear();
+            edited.cliDefault.reset();
+            edited.profiles.erase(edited.profiles.begin() + 1, edited.profiles.end());
+        });
+        EXPECT_EQ(store.load().profiles, std::vector<Profile>{loaded.profiles[0]});
+    }
+
+    // With two problems, taking either out is saved; taking a profile a rule still needs is not.
+    json both = cases[2].document;
+    both["rules"] = {{{"path", "~/a"}, {"profileID", "ghost"}}, {{"path", "~/w"}, {"profileID", "w"}}};
+    both["version"] = 1;
+    testing::writeFile(paths.profilesFile(), both.dump(), 0600);
+    store.update([](ProfileDocument& edited) { edited.rules.erase(edited.rules.begin()); });
+    EXPECT_EQ(store.load().rules.size(), 1u);
+    EXPECT_EQ(messageOf([&] { addProfile("n", "New"); }), cases[2].message);
+    EXPECT_EQ(messageOf([&] { store.update([](ProfileDocument& edited) { edited.profiles.erase(edited.profiles.begin()); }); }),
+              cases[2].message);
+    store.update([](ProfileDocument& edited) { edited.profiles.pop_back(); });
+    EXPECT_EQ(store.load().profiles.size(), 1u);
+}
+
 TEST_F(ProfileStoreTest, ConcurrentWritersLoseNothingAndReadersSeeWholeFiles) {
     constexpr int kWriters = 8;
     constexpr int kUpdatesEach = 12;

@@ -45,6 +45,16 @@ TEST(ShimTest, PlansTheProfilesVariablesAndDropsWhatAnEarlierShimLeft) {
     for (const auto& [where, given, expected] : cases) {
         EXPECT_EQ(ShimPlan::changes("claude", given, dir / "home/" + where, document, paths).applied(given), expected) << where;
     }
+    // A profile whose id can't name a folder of its own is passed over like no profile at all.
+    const Environment inherited = cases[2].given;
+    for (const std::string id : {"work", "../work", ""}) {
+        ProfileDocument crafted = document;
+        crafted.profiles = {Profile{ProfileID(id), "Work"}, Profile{ProfileID("work"), "Twin"}};
+        crafted.rules[0].profileID = ProfileID(id);
+        auto changes = ShimPlan::changes("claude", inherited, dir / "home/work", crafted, paths);
+        EXPECT_EQ(changes.applied(inherited), (Environment{{"KEEP", "1"}})) << id;
+        EXPECT_FALSE(changes.prepare) << id;
+    }
 
     // Preparing creates what is missing only: Codex's folder again while it lacks config.toml.
     const std::string codex = paths.dataDirectory(ToolKind::codex, ProfileID("work"));
