@@ -179,7 +179,8 @@ int removeProfile(const Context& context, const ProfileOptions& options) {
     if (removal.missing) {
         std::cout << "No profile has the id " << curlyQuoted(options.name) << ".";
         if (removal.rules > 0) {
-            std::cout << " Removed " << (removal.rules == 1 ? "its folder rule" : "its " + std::to_string(removal.rules) + " folder rules") << ".";
+            std::cout << " Removed its " << (removal.rules == 1 ? "folder rule" : std::to_string(removal.rules) + " folder rules")
+                      << ".";
         }
         std::cout << "\n";
         if (removal.wasDefault) std::cout << "There's no terminal default now.\n";

@@ -331,8 +331,9 @@ private:
         }
         if (document.cliDefault && document.profile(*document.cliDefault) == nullptr) {
             add("default.stale", Level::warning, "The terminal default " + noProfile,
-                "It names " + curlyQuoted(document.cliDefault->rawValue) + ". No profile applies where no rule or dotfile does, "
-                "and changes to your profiles can't be saved while it is set.",
+                "It names " + curlyQuoted(document.cliDefault->rawValue) +
+                    ". No profile applies where no rule or dotfile does, and changes to your profiles can't be "
+                    "saved while it is set.",
                 "Clear it with `veerline default --clear`, or choose another with `veerline default PROFILE`.");
         }
     }

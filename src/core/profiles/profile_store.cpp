@@ -192,7 +192,8 @@ bool onlyTakesOut(const ProfileDocument& loaded, const ProfileDocument& edited) 
         return false;
     }
     auto keeps = [&](const ProfileID& id) { return loaded.profile(id) == nullptr || edited.profile(id) != nullptr; };
-    return std::all_of(edited.rules.begin(), edited.rules.end(), [&](const FolderRule& rule) { return keeps(rule.profileID); }) &&
+    return std::all_of(edited.rules.begin(), edited.rules.end(),
+                       [&](const FolderRule& rule) { return keeps(rule.profileID); }) &&
            (!edited.cliDefault || keeps(*edited.cliDefault));
 }
 

@@ -72,7 +72,8 @@ Changes changes(const std::string& toolName, const Environment& environment, con
         Environment profileEnvironment;
         bool applies = false;
         // A profile whose id can't safely name a folder runs the tool as if no profile applied.
-        if (resolution.profile && resolution.profile->uses(*kind) && resolver.document.isUsable(resolution.profile->id)) {
+        if (resolution.profile && resolution.profile->uses(*kind) &&
+            resolver.document.isUsable(resolution.profile->id)) {
             profileEnvironment = environmentFor(*kind, paths, *resolution.profile);
             applies = true;
         }
