@@ -256,21 +256,23 @@ bool sameFileContents(const std::string& first, const std::string& second) noexc
     }
 }
 
-std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit, Links links) {
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit, Links links,
+                                           const std::string& shownPath) {
+    const std::string& shown = shownPath.empty() ? path : shownPath;
     struct stat info {};
     int openError = 0;
     bool notRegular = false;
     FileDescriptor file = openRegularFile(path, links, info, openError, notRegular);
     if (notRegular) {
         const char* what = links == Links::refuse && openError == ELOOP ? "it's a symbolic link." : "it isn't a regular file.";
-        throw VeerlineError::io("Couldn't read " + path + ": " + what);
+        throw VeerlineError::io("Couldn't read " + shown + ": " + what);
     }
     if (!file) {
         if (openError == ENOENT) return std::nullopt;
-        throw ioErrorFromErrno("read " + path, openError);
+        throw ioErrorFromErrno("read " + shown, openError);
     }
     auto tooLarge = [&] {
-        return VeerlineError::io("Couldn't read " + path + ": the file is too large (over " + describeSize(limit) +
+        return VeerlineError::io("Couldn't read " + shown + ": the file is too large (over " + describeSize(limit) +
                                  ").");
     };
     if (info.st_size > 0 && static_cast<std::uintmax_t>(info.st_size) > limit) throw tooLarge();
@@ -290,11 +292,11 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
         do {
             count = ::read(file.get(), bytes.data(), wanted);
         } while (count < 0 && errno == EINTR);
-        if (count < 0) throw ioErrorFromErrno("read " + path, errno);
+        if (count < 0) throw ioErrorFromErrno("read " + shown, errno);
         bytes.resize(static_cast<std::size_t>(count));
         if (bytes.size() == size) return bytes;
     }
-    if (int error = readAll(file.get(), bytes, bound); error != 0) throw ioErrorFromErrno("read " + path, error);
+    if (int error = readAll(file.get(), bytes, bound); error != 0) throw ioErrorFromErrno("read " + shown, error);
     if (bytes.size() > limit) throw tooLarge();
     return bytes;
 }

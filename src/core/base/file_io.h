@@ -123,9 +123,9 @@ enum class Links { follow, refuse };
 // file is opened non-blocking (a FIFO cannot hang a prompt), must be a regular file by fstat
 // before a byte is read (no device, FIFO, socket or folder), and may hold at most `limit` bytes.
 // With Links::refuse a symbolic link at `path` is refused too. Throws VeerlineError::io,
-// "Couldn't read PATH: WHY", when any of that fails.
+// "Couldn't read SHOWN: WHY", SHOWN being `shownPath` or `path`, when any of that fails.
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t limit,
-                                           Links links = Links::follow);
+                                           Links links = Links::follow, const std::string& shownPath = {});
 
 // Whether both paths are regular files (links followed) with the same bytes, opened and judged
 // as readRegularFile does and compared a piece at a time; false when either can't be read.

@@ -31,8 +31,8 @@ public:
     bool number_float(Float value, const String&) { return add(Json(value)); }
     bool string(String& value) { return add(Json(std::move(value))); }
     bool binary(Binary& value) { return add(Json::binary(std::move(value))); }
-    bool start_object(std::size_t) { return open(Json::object()); }
-    bool start_array(std::size_t) { return open(Json::array()); }
+    bool start_object(std::size_t) { return enter(Json::object()); }
+    bool start_array(std::size_t) { return enter(Json::array()); }
     bool end_object() { return close(); }
     bool end_array() { return close(); }
     bool key(String& name) {
@@ -55,7 +55,7 @@ private:
     };
     std::vector<Frame> frames_;
 
-    bool open(Json container) {
+    bool enter(Json container) {
         if (frames_.size() >= JsonInput::maxDepth) {
             problem = JsonInput::Problem::tooDeep;
             return false;

@@ -33,20 +33,12 @@ std::string ShellIntegration::read(const std::string& path) const {
 }
 
 std::string ShellIntegration::readBounded(const std::string& path, std::size_t limit, bool followLink) const {
-    auto failure = [&](const std::string& cause) {
-        return VeerlineError::io("Couldn't read " + paths_.abbreviate(path) + ": " + cause);
-    };
-    // O_NONBLOCK: opening a pipe must not wait for a writer that never comes.
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW)));
-    if (!fd) throw failure(errno == ELOOP && !followLink ? "It's a symbolic link." : std::strerror(errno));
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0) throw failure(std::strerror(errno));
-    if (!S_ISREG(info.st_mode)) throw failure("It isn't a regular file.");
-    std::string text;
-    if (int error = readAll(fd.get(), text, limit + 1); error != 0) throw failure(std::strerror(error));
-    if (text.size() > limit) throw failure("It's too large (over " + std::to_string(limit / 1024) + " KB).");
+    const std::string shown = paths_.abbreviate(path);
+    std::optional<std::string> read = readRegularFile(path, limit, followLink ? Links::follow : Links::refuse, shown);
+    if (!read) throw ioErrorFromErrno("read " + shown, ENOENT);
+    std::string text = std::move(*read);
     if (!unicode::isValidUTF8(text)) {
-        throw failure("The file \u201C" + lastComponent(path) +
+        throw VeerlineError::io("Couldn't read " + shown + ": The file \u201C" + lastComponent(path) +
                       "\u201D couldn't be opened using text encoding Unicode (UTF-8).");
     }
     return text;

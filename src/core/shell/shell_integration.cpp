@@ -130,9 +130,7 @@ public:
 
     // Private copies: created new, 0600, never through a link.
     bool put(const char* name, const std::string& contents) const {
-        FileDescriptor fd(::open((path_ + "/" + name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                 0600));
-        return fd && writeAll(fd.get(), contents) == 0 && fd.close() == 0;
+        return writeNewFile(path_ + "/" + name, contents, 0600) == 0;
     }
 
 private:
