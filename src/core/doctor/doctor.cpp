@@ -64,8 +64,9 @@ std::string displayName(ToolKind kind) {
     return std::string(toolkind::displayName(kind));
 }
 
-// Far more than any start-up file a shell reads at every start.
-constexpr std::size_t startupFileLimit = 8 * 1024 * 1024;
+// Far more than any start-up file a shell reads at every start, yet a bound on what a run holds:
+// a larger file (a huge sparse one, say) is skipped unread.
+constexpr std::size_t startupFileLimit = 64 * 1024 * 1024;
 
 // The whole file when it is a regular file of a start-up file's size and is UTF-8: a FIFO, a
 // device or a huge sparse file in its place is skipped like an unreadable one.
