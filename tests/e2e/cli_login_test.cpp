@@ -12,14 +12,10 @@ TEST(CliLoginTest, ToolArgumentsKeysFromStandardInputAndUsageErrors) {
     TempDir root{"veerline-cli-login"};
     std::string home = root / "home", tools = root / "tools", key = "sk-proj-abcdefghij12345";
     makeDirs(home);
-    writeFakeTool(tools + "/claude");
-    writeFakeTool(tools + "/codex");
+    for (const char* name : {"claude", "codex"}) writeFakeTool(tools + "/" + name);
     auto cli = [&](const std::vector<std::string>& args, const std::string& input = "") {
-        RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}};
-        options.cwd = home;
-        options.input = input;
-        return run(VEERLINE_CLI_BINARY, args, options);
+        return run(VEERLINE_CLI_BINARY, args,
+                   {{{"HOME", home}, {"PATH", tools + ":/usr/bin:/bin"}}, home, input, std::nullopt, {}});
     };
     std::string id = cli({"profile", "add", "Work", "--tools", "claude,codex"}).out;
     std::string codexHome = home + "/Library/Application Support/Veerline/codex/" + id.substr(0, id.find('\n'));
@@ -53,18 +49,16 @@ TEST(CliLoginTest, ToolArgumentsKeysFromStandardInputAndUsageErrors) {
     EXPECT_NE(readFile(codexHome + "/auth.json").find("\"OPENAI_API_KEY\": \"" + key + "\""), std::string::npos);
     EXPECT_NE(readFile(codexHome + "/config.toml").find("= \"auto\""), std::string::npos);
 
+    auto usage = [](const std::string& command) { return "Run `veerline " + command + " --help` for usage.\n"; };
+    const std::string afterDashes = "Options for the other program go after `--`: veerline ";
     const std::vector<std::pair<std::vector<std::string>, std::string>> usageErrors = {
-        {{"login", "Work", "codex", "--api-key"},
-         "veerline: No secret was given on standard input.\nRun `veerline login --help` for usage.\n"},
-        {{"login", "Work"}, "veerline: tool is required\nRun `veerline login --help` for usage.\n"},
-        {{"login", "Work", "cursor"}, "Run `veerline login --help` for usage.\n"},
-        {{"profile", "set", "Work", "--color", "red"}, "Run `veerline profile set --help` for usage.\n"},
-        {{"run", "Work", "claude", "--version"},
-         "Options for the other program go after `--`: veerline run Work -- claude --version\n"
-         "Run `veerline run --help` for usage.\n"},
+        {{"login", "Work", "codex", "--api-key"}, "veerline: No secret was given on standard input.\n" + usage("login")},
+        {{"login", "Work"}, "veerline: tool is required\n" + usage("login")},
+        {{"login", "Work", "cursor"}, usage("login")},
+        {{"profile", "set", "Work", "--color", "red"}, usage("profile set")},
+        {{"run", "Work", "claude", "--version"}, afterDashes + "run Work -- claude --version\n" + usage("run")},
         {{"login", "Work", "codex", "--print", "--device-auth"},
-         "Options for the other program go after `--`: veerline login Work codex --print -- --device-auth\n"
-         "Run `veerline login --help` for usage.\n"}};
+         afterDashes + "login Work codex --print -- --device-auth\n" + usage("login")}};
     for (const auto& [args, ending] : usageErrors) {
         RunResult result = cli(args);
         EXPECT_EQ(result.exitCode, 2) << args.back();

@@ -14,6 +14,7 @@
 #include <set>
 
 #include "e2e/temp_home.h"
+#include "support/folder_entries.h"
 
 namespace veerline::testing {
 namespace {
@@ -61,15 +62,6 @@ protected:
                     result.err.starts_with("veerline: " + message + " ")) << result.err;
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(exists(profilesFile) ? readFile(profilesFile) : "", before);
-    }
-
-    // Every path below `outside` with its content, to compare before and after.
-    std::map<std::string, std::string> outsideFiles() const {
-        std::map<std::string, std::string> files;
-        for (const auto& entry : fs::recursive_directory_iterator(outside)) {
-            files[entry.path()] = entry.is_symlink() ? "link" : entry.is_regular_file() ? readFile(entry.path()) : "";
-        }
-        return files;
     }
 
     // A profiles file with a rule for the home folder and the terminal default on the first profile.
@@ -149,9 +141,8 @@ TEST_F(CliProfileTest, ProfilesFromAddAndListThroughRenameAndDefaultToRemove) {
 TEST_F(CliProfileTest, RulesAreStoredAsFullPathsWithTildeAndWhichExplainsTheSource) {
     std::string work = addProfile({"Work"});
     std::string personal = addProfile({"Personal"});
-    makeDirs(home + "/code/app");
-    makeDirs(home + "/work/app/sub");
-    makeDirs(root / "real/project");
+    for (const std::string& folder : {home + "/code/app", home + "/work/app/sub", root / "real/project"})
+        makeDirs(folder);
     makeSymlink(root / "real/project", home + "/linked");
 
     ok({"rule", "add", "app", "work"}, home + "/code");
@@ -271,7 +262,7 @@ TEST_F(CliProfileTest, StaleEntriesLeaveEveryCommandWorkingAndTheirOwnCommandRep
     const std::vector<Args> saving = {{"profile", "add", "New"}, {"profile", "rename", "Work", "Job"},
                                       {"profile", "set", "Work", "--badge", "X"}, {"rule", "add", "~/p", "Work"}};
     makeDirs(home + "/code/oss");
-    const auto before = outsideFiles();
+    const auto before = treeOf(outside);
 
     for (const Stale& entry : entries) {
         SCOPED_TRACE(entry.name);
@@ -311,7 +302,7 @@ TEST_F(CliProfileTest, StaleEntriesLeaveEveryCommandWorkingAndTheirOwnCommandRep
         EXPECT_FALSE(repaired.contains("cliDefault"));
         ok({"profile", "add", "New"});
     }
-    EXPECT_EQ(outsideFiles(), before);
+    EXPECT_EQ(treeOf(outside), before);
 }
 
 TEST_F(CliProfileTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByTheShims) {
@@ -334,14 +325,13 @@ TEST_F(CliProfileTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByTheShims
     };
     writeFile(support + "/claude-code/keep/canary", "keep");
     writeFile(support + "/codex/keep/canary", "keep");
-    const auto before = outsideFiles();
+    const auto before = treeOf(outside);
 
     for (const auto& [profiles, message] : cases) {
         const std::string text = writeProfiles(profiles);
         for (const auto& command : commands) expectFailure(command, 1, message);
-        for (const Args& args : {Args{"profile", "list"}, Args{"default"}, Args{"share", "status"}, Args{"usage"}}) {
+        for (const Args& args : {Args{"profile", "list"}, Args{"default"}, Args{"share", "status"}, Args{"usage"}})
             EXPECT_EQ(cli(args).exitCode, 0) << args[0];
-        }
         EXPECT_NE(ok({"which"}).find("The shims pass \u201CEvil\u201D over"), std::string::npos);
         json checks = json::parse(cli({"doctor", "--json"}).out);
         EXPECT_TRUE(std::any_of(checks.begin(), checks.end(), [](const json& check) {
@@ -355,14 +345,14 @@ TEST_F(CliProfileTest, CraftedIdsAreRefusedByEveryCommandAndPassedOverByTheShims
         }
         EXPECT_EQ(prompt(home), "");
         EXPECT_EQ(readFile(support + "/claude-code/keep/canary") + readFile(support + "/codex/keep/canary"), "keepkeep");
-        EXPECT_EQ(outsideFiles(), before) << text;
+        EXPECT_EQ(treeOf(outside), before) << text;
 
         // Taken out of the document without deleting anything by its id, it leaves the rest usable.
         ok({"profile", "remove", "Evil", "--keep-data"});
         EXPECT_EQ(stored()["profiles"].size(), profiles.size() - 1) << text;
         ok({"profile", "add", "New"});
         EXPECT_EQ(readFile(support + "/claude-code/keep/canary") + readFile(support + "/codex/keep/canary"), "keepkeep");
-        EXPECT_EQ(outsideFiles(), before) << text;
+        EXPECT_EQ(treeOf(outside), before) << text;
     }
 }
 
@@ -403,7 +393,7 @@ TEST_F(CliProfileTest, SpecialFilesNeitherHangNorSwampAReader) {
 
 TEST_F(CliProfileTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowedToDelete) {
     const json work = json::array({{{"id", "work-aaaa"}, {"name", "Work"}}});
-    const auto before = outsideFiles();
+    const auto before = treeOf(outside);
     writeProfiles(work);
 
     // A data folder that is a link goes as a link.
@@ -428,7 +418,7 @@ TEST_F(CliProfileTest, LinksAreWrittenThroughToRegularFilesAndNeverFollowedToDel
     EXPECT_EQ(locked.exitCode, 1);
     EXPECT_TRUE(locked.err.starts_with("veerline: Couldn't open " + support + "/.profiles.lock: ")) << locked.err;
     // Nothing outside was removed, written or created by any of the above.
-    EXPECT_EQ(outsideFiles(), before);
+    EXPECT_EQ(treeOf(outside), before);
     fs::remove(support + "/.profiles.lock");
 
     // The profiles file kept elsewhere through a link stays a link.

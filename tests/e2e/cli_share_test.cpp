@@ -9,24 +9,13 @@
 #include <future>
 #include <map>
 
-#include "support/test_support.h"
+#include "support/folder_entries.h"
 
 namespace veerline::testing {
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-
-// Every entry under `root`, links as their targets, files as their bytes, folders as "/".
-std::map<std::string, std::string> tree(const std::string& root) {
-    std::map<std::string, std::string> entries;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        std::string& content = entries[fs::relative(entry.path(), root).string()];
-        content = entry.is_symlink() ? "-> " + fs::read_symlink(entry.path()).string()
-                  : entry.is_directory() ? "/" : readFile(entry.path().string());
-    }
-    return entries;
-}
 
 class CliShareTest : public ::testing::Test {
 protected:
@@ -37,8 +26,7 @@ protected:
     std::string path = tools + ":/usr/bin:/bin";
 
     void SetUp() override {
-        writeFakeTool(tools + "/claude");
-        writeFakeTool(tools + "/codex");
+        for (const char* name : {"claude", "codex"}) writeFakeTool(tools + "/" + name);
         writeFile(home + "/.claude/CLAUDE.md", "Shared rules.\n");
         writeFile(home + "/.claude/settings.json",
                   R"({"model": "opus", "theme": "dark", "apiKeyHelper": "/usr/bin/source-helper"})");
@@ -58,33 +46,33 @@ protected:
     }
 
     RunResult cli(const std::vector<std::string>& args, const std::string& input = "") const {
-        RunOptions options;
-        options.environment = {{"HOME", home}, {"PATH", path}, {"SHELL", "/bin/bash"}};
-        options.cwd = home;
-        options.input = input;
-        return run(VEERLINE_CLI_BINARY, args, options);
+        return run(VEERLINE_CLI_BINARY, args,
+                   {{{"HOME", home}, {"PATH", path}, {"SHELL", "/bin/bash"}}, home, input, std::nullopt, {}});
+    }
+
+    // A command that must succeed.
+    RunResult ok(const std::vector<std::string>& args, const std::string& input = "") const {
+        RunResult result = cli(args, input);
+        EXPECT_EQ(result.exitCode, 0) << args[0] << " " << args[1] << ": " << result.err;
+        return result;
     }
 
     // A tool run as the user would, through the shims when they are installed.
     RunResult tool(const std::string& name, const std::vector<std::string>& args,
                    std::map<std::string, std::string> environment = {}) const {
         environment.insert({{"HOME", home}, {"PATH", home + "/.veerline/bin:" + tools + ":/usr/bin:/bin"}});
-        RunOptions options;
-        options.environment = std::move(environment);
-        options.cwd = home;
         const std::string shim = home + "/.veerline/bin/" + name;
-        return run(exists(shim) ? shim : tools + "/" + name, args, options);
+        return run(exists(shim) ? shim : tools + "/" + name, args, {std::move(environment), home, "", std::nullopt, {}});
     }
 
-    std::string added(const std::string& name) {
-        RunResult result = cli({"profile", "add", name, "--tools", "claude,codex"});
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        return result.out.substr(0, result.out.find('\n'));
+    std::string added(const std::string& name) const {
+        const std::string out = ok({"profile", "add", name, "--tools", "claude,codex"}).out;
+        return out.substr(0, out.find('\n'));
     }
 
     std::map<std::string, std::string> sourceTree() const {
-        auto entries = tree(home + "/.claude");
-        for (const auto& [name, content] : tree(home + "/.codex")) entries["codex/" + name] = content;
+        auto entries = treeOf(home + "/.claude");
+        for (const auto& [name, content] : treeOf(home + "/.codex")) entries["codex/" + name] = content;
         entries[".claude.json"] = readFile(home + "/.claude.json");
         return entries;
     }
@@ -99,8 +87,7 @@ protected:
 TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     auto source = sourceTree();
     const std::string work = added("Work");
-    const std::string claude = support + "/claude-code/" + work;
-    const std::string codex = support + "/codex/" + work;
+    const std::string claude = support + "/claude-code/" + work, codex = support + "/codex/" + work;
     ASSERT_EQ(cli({"env", "Work"}).exitCode, 0);
     writeFile(claude + "/CLAUDE.md", "Work rules.\n");
     writeFile(claude + "/settings.json", "{\n  \"apiKeyHelper\": \"veerline secret get work claude-code\",\n"
@@ -108,19 +95,16 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     // As the tool writes it: indented by two, no final line break.
     writeFile(claude + "/.claude.json", "{\n  \"oauthAccount\": {\n    \"emailAddress\": \"work@example.com\"\n  },\n"
                                         "  \"mcpServers\": {\n    \"files\": {\n      \"command\": \"own-files\"\n    }\n  }\n}", 0600);
-    const auto ownClaude = tree(claude);
-    const auto ownCodex = tree(codex);
+    const auto ownClaude = treeOf(claude), ownCodex = treeOf(codex);
 
-    RunResult on = cli({"share", "on"});
-    ASSERT_EQ(on.exitCode, 0) << on.err;
+    RunResult on = ok({"share", "on"});
     EXPECT_NE(on.out.find("Kept “Work” (Claude Code)'s own CLAUDE.md as"), std::string::npos) << on.out;
     EXPECT_EQ(fs::read_symlink(claude + "/CLAUDE.md"), home + "/.claude/CLAUDE.md");
     EXPECT_EQ(readFile(claude + "/CLAUDE.md.veerline-own"), "Work rules.\n");
     EXPECT_EQ(readFile(claude + "/commands/review.md"), "Review the diff.\n");
     EXPECT_EQ(fs::read_symlink(codex + "/prompts"), home + "/.codex/prompts");
-    json settings = json::parse(readFile(claude + "/settings.json"));
-    EXPECT_EQ(settings, json::parse(R"({"apiKeyHelper": "veerline secret get work claude-code", "model": "sonnet",
-                                        "theme": "dark"})"));
+    EXPECT_EQ(json::parse(readFile(claude + "/settings.json")),
+              json::parse(R"({"apiKeyHelper": "veerline secret get work claude-code", "model": "sonnet", "theme": "dark"})"));
     // The profile's own server wins.
     EXPECT_EQ(json::parse(readFile(claude + "/.claude.json")), json::parse(R"({"oauthAccount": {"emailAddress":
         "work@example.com"}, "mcpServers": {"files": {"command": "own-files"}, "search": {"command": "search-server"}}})"));
@@ -158,8 +142,7 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
     EXPECT_EQ(status["claude-code"]["profiles"][0]["keptAside"], json::array({"CLAUDE.md.veerline-own"}));
     EXPECT_EQ(status["codex"]["profiles"][1]["outOfDate"], json::array({"MCP servers"}));
 
-    RunResult sync = cli({"share", "sync"});
-    ASSERT_EQ(sync.exitCode, 0) << sync.err;
+    ok({"share", "sync"});
     EXPECT_EQ(doctorCheck("sharing")["level"], "ok");
     EXPECT_EQ(json::parse(readFile(homeClaude + "/.claude.json"))["mcpServers"]["tickets"]["command"], "tickets");
     EXPECT_NE(readFile(codex + "/config.toml").find("[mcp_servers.tickets]"), std::string::npos);
@@ -168,20 +151,18 @@ TEST_F(CliShareTest, SharesSyncsAndGivesEveryProfileItsOwnFilesBack) {
 
     // A shared key the user changed in a profile is that profile's own from then on.
     writeFile(homeClaude + "/settings.json", R"({"model": "opus", "theme": "light"})");
-    RunResult off = cli({"share", "off"});
-    ASSERT_EQ(off.exitCode, 0) << off.err;
-    EXPECT_EQ(tree(claude), ownClaude);
-    EXPECT_EQ(tree(codex), ownCodex);
-    EXPECT_EQ(tree(homeClaude), (std::map<std::string, std::string>{{"settings.json", "{\n  \"theme\": \"light\"\n}"}}));
+    ok({"share", "off"});
+    EXPECT_EQ(treeOf(claude), ownClaude);
+    EXPECT_EQ(treeOf(codex), ownCodex);
+    EXPECT_EQ(treeOf(homeClaude), (std::map<std::string, std::string>{{"settings.json", "{\n  \"theme\": \"light\"\n}"}}));
     EXPECT_EQ(json::parse(cli({"share", "status", "--json"}).out)["codex"], json::parse(R"({"shared": false})"));
     EXPECT_EQ(sourceTree(), source) << "the source is only ever read";
 }
 
 TEST_F(CliShareTest, EveryCommandThatMakesADataFolderStartsItShared) {
     ASSERT_EQ(cli({"share", "on"}).exitCode, 0);
-    RunResult add = cli({"profile", "add", "Solo", "--tools", "claude", "--storage", "system"});
-    ASSERT_EQ(add.exitCode, 0) << add.err;
-    const std::string solo = add.out.substr(0, add.out.find('\n'));
+    const std::string add = ok({"profile", "add", "Solo", "--tools", "claude", "--storage", "system"}).out;
+    const std::string solo = add.substr(0, add.find('\n'));
     const std::string claude = support + "/claude-code/" + solo, codex = support + "/codex/" + solo;
     EXPECT_FALSE(exists(claude));
     auto codexShared = [&] {
@@ -189,20 +170,17 @@ TEST_F(CliShareTest, EveryCommandThatMakesADataFolderStartsItShared) {
     };
     auto shared = [&] { return codexShared() && fs::read_symlink(claude + "/CLAUDE.md") == home + "/.claude/CLAUDE.md"; };
 
-    RunResult set = cli({"profile", "set", "Solo", "--storage", "managed", "--tools", "claude,codex"});
-    ASSERT_EQ(set.exitCode, 0) << set.err;
+    RunResult set = ok({"profile", "set", "Solo", "--storage", "managed", "--tools", "claude,codex"});
     EXPECT_TRUE(shared()) << set.err;
 
     fs::remove_all(claude), fs::remove_all(codex);
-    RunResult login = cli({"login", "Solo", "codex", "--api-key"}, "sk-solo");
-    ASSERT_EQ(login.exitCode, 0) << login.err;
+    RunResult login = ok({"login", "Solo", "codex", "--api-key"}, "sk-solo");
     EXPECT_NE(readFile(codex + "/auth.json").find("sk-solo"), std::string::npos);
     EXPECT_EQ(readFile(home + "/.codex/auth.json"), R"({"OPENAI_API_KEY": "sk-x"})");
     EXPECT_TRUE(codexShared()) << login.err;
 
     fs::remove_all(claude), fs::remove_all(codex);
-    RunResult install = cli({"shell", "install", "--yes"});
-    ASSERT_EQ(install.exitCode, 0) << install.err;
+    RunResult install = ok({"shell", "install", "--yes"});
     EXPECT_TRUE(shared()) << install.err;
 }
 
@@ -268,9 +246,13 @@ TEST_F(CliShareTest, BadInputAndFoldersThatCannotBeSharedAreNamedAndLeftAsTheyWe
 // What signs in or picks an account stays in the source: no profile gets it, `share status` names it.
 TEST_F(CliShareTest, SignInAndAccountKeysNeverReachAProfile) {
     struct Row {
-        const char* tool;
+        std::string tool;
         std::string key;  // "env.NAME" for a variable under Claude Code's "env"
         bool keptAside;
+    };
+    auto pointer = [](std::string key) {
+        std::replace(key.begin(), key.end(), '.', '/');
+        return json::json_pointer("/" + key);
     };
     const std::vector<Row> rows = {
         {"claude-code", "env.ANTHROPIC_API_KEY", true}, {"claude-code", "env.ANTHROPIC_AUTH_TOKEN", true},
@@ -290,13 +272,10 @@ TEST_F(CliShareTest, SignInAndAccountKeysNeverReachAProfile) {
     json settings = json::object();
     std::string config;
     for (const Row& row : rows) {
-        const std::string value = "source-" + row.key;
-        if (row.tool == std::string("codex")) {
-            config += row.key + " = \"" + value + "\"\n";
-        } else if (row.key.starts_with("env.")) {
-            settings["env"][row.key.substr(4)] = value;
+        if (row.tool == "codex") {
+            config += row.key + " = \"source-" + row.key + "\"\n";
         } else {
-            settings[row.key] = value;
+            settings[pointer(row.key)] = "source-" + row.key;
         }
     }
     writeFile(home + "/.claude/settings.json", settings.dump());
@@ -312,10 +291,9 @@ TEST_F(CliShareTest, SignInAndAccountKeysNeverReachAProfile) {
         EXPECT_EQ(std::find(kept.begin(), kept.end(), row.key) != kept.end(), row.keptAside) << row.key << " " << kept;
         const bool named = text.find(" " + row.key + ",") != std::string::npos || text.find(" " + row.key + "\n") != std::string::npos;
         EXPECT_EQ(named, row.keptAside) << row.key;
-        const bool shared = row.tool == std::string("codex") ? profileConfig.find("source-" + row.key) != std::string::npos
-                            : row.key.starts_with("env.") ? profile.contains("env") && profile["env"].contains(row.key.substr(4))
-                                                          : profile.contains(row.key);
-        EXPECT_EQ(shared, !row.keptAside && row.tool != std::string("codex")) << row.key;
+        const bool shared = row.tool == "codex" ? profileConfig.find("source-" + row.key) != std::string::npos
+                                                : profile.contains(pointer(row.key));
+        EXPECT_EQ(shared, !row.keptAside && row.tool != "codex") << row.key;
     }
 }
 
@@ -413,8 +391,7 @@ TEST_F(CliShareTest, ASyncThatFailsHalfwayIsTakenBackInFull) {
     const std::string work = support + "/claude-code/" + added("Work");
     writeFile(work + "/settings.json", R"({"theme": "own"})");
     writeFile(work + "/.claude.json", R"({"mcpServers": []})");
-    RunResult on = cli({"share", "on", "claude"});
-    EXPECT_EQ(on.exitCode, 1);
+    EXPECT_EQ(cli({"share", "on", "claude"}).exitCode, 1);
     EXPECT_EQ(json::parse(readFile(work + "/settings.json"))["model"], "opus");
     writeFile(work + "/.claude.json", R"({"mcpServers": {}})");
     ASSERT_EQ(cli({"share", "off"}).exitCode, 0);
@@ -441,18 +418,15 @@ TEST_F(CliShareTest, SharedSetupChangesThroughTheShimsAndSurvivesToolRewrites) {
     const std::string codexServers = readFile(codex + "/config.toml");
     EXPECT_NE(codexServers.find("docs-v2"), std::string::npos) << codexServers;
     EXPECT_EQ(codexServers.find("docs-server"), std::string::npos) << codexServers;
-    for (const char* name : {"codex", "claude"}) {
-        RunResult edit = cli({"share", "edit", name, "--", "mcp", "add", "--scope", "user", "team", "--", "team-server"});
-        ASSERT_EQ(edit.exitCode, 0) << edit.err;
-    }
+    for (const char* name : {"codex", "claude"})
+        ok({"share", "edit", name, "--", "mcp", "add", "--scope", "user", "team", "--", "team-server"});
     EXPECT_NE(readFile(home + "/.codex/config.toml").find("team-server"), std::string::npos);
     EXPECT_NE(readFile(codex + "/config.toml").find("team-server"), std::string::npos);
     EXPECT_EQ(json::parse(readFile(home + "/.claude.json"))["mcpServers"]["team"]["command"], "team-server");
     EXPECT_EQ(json::parse(readFile(claude + "/.claude.json"))["mcpServers"]["team"]["command"], "team-server");
     const json status = json::parse(cli({"share", "status", "--json"}).out);
-    for (const char* name : {"codex", "claude-code"}) {
+    for (const char* name : {"codex", "claude-code"})
         EXPECT_EQ(status[name]["profiles"][0]["onlyHere"], json::array({"MCP server mine"})) << status;
-    }
     ASSERT_EQ(cli({"share", "off"}).exitCode, 0);
     const std::string taken = readFile(codex + "/config.toml");
     EXPECT_NE(taken.find("cli_auth_credentials_store"), std::string::npos) << taken;

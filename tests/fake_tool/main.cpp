@@ -73,8 +73,11 @@ Store storeOf(std::istream&& config) {
     return file;
 }
 
+std::string variable(const char* name) {
+    return std::getenv(name) ? std::getenv(name) : "";
+}
+
 int answerAsCodex(const std::vector<std::string_view>& arguments) {
-    auto variable = [](const char* name) { return std::string(std::getenv(name) ? std::getenv(name) : ""); };
     std::string folder = variable("CODEX_HOME").empty() ? variable("HOME") + "/.codex" : variable("CODEX_HOME");
     std::string authFile = folder + "/auth.json", auth = readWhole(std::ifstream(authFile));
     Store store = storeOf(std::ifstream(folder + "/config.toml"));
@@ -105,10 +108,6 @@ int answerAsCodex(const std::vector<std::string_view>& arguments) {
         return answer.exitCode;
     }
     return -1;
-}
-
-std::string variable(const char* name) {
-    return std::getenv(name) ? std::getenv(name) : "";
 }
 
 // Replaces `path` by way of a temporary file and rename, as both tools do.
@@ -210,9 +209,8 @@ int main(int argc, char** argv) {
     const std::vector<std::string_view> arguments(argv + 1, argv + argc);
     const bool addsServer = arguments.size() > 1 && arguments[0] == "mcp" && arguments[1] == "add";
     if (argc > 0 && std::string_view(argv[0]).ends_with("claude")) {
-        for (int startup = std::atoi(variable("VEERLINE_FAKE_CLAUDE_STARTUPS").c_str()); startup > 0; --startup) {
+        for (int startup = std::atoi(variable("VEERLINE_FAKE_CLAUDE_STARTUPS").c_str()); startup > 0; --startup)
             rewriteState([](nlohmann::ordered_json& state) { state["numStartups"] = state.value("numStartups", 0) + 1; });
-        }
         if (addsServer) return claudeMcpAdd(arguments);
     }
     std::string_view invokedAs = argc > 0 ? argv[0] : "";
