@@ -1,42 +1,18 @@
 // libFuzzer target for the Codex token-count line reader: whatever the bytes, it must give exactly
 // what reading the line into a JSON document and looking the figures up there gives.
 
-#include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <limits>
-#include <memory>
 #include <optional>
 
-#include <nlohmann/json.hpp>
-
+#include "fuzz_support.h"
 #include "usage/codex_line_reader.h"
 
 namespace {
 
 using nlohmann::json;
 
-void check(bool condition) {
-    if (!condition) std::abort();
-}
-
 std::int64_t figure(const json& usage, const char* key) {
     auto found = usage.find(key);
-    if (found == usage.end()) return 0;
-    if (found->is_number_unsigned()) {
-        auto value = found->get<std::uint64_t>();
-        auto most = std::numeric_limits<std::int64_t>::max();
-        return value > static_cast<std::uint64_t>(most) ? most : static_cast<std::int64_t>(value);
-    }
-    if (found->is_number_integer()) return found->get<std::int64_t>();
-    if (found->is_number_float()) {
-        // Held at the 64-bit limits, as the integers are.
-        double whole = std::trunc(found->get<double>());
-        if (whole >= 9223372036854775808.0) return std::numeric_limits<std::int64_t>::max();
-        if (whole < -9223372036854775808.0) return std::numeric_limits<std::int64_t>::min();
-        return static_cast<std::int64_t>(whole);
-    }
-    return 0;
+    return found != usage.end() && found->is_number() ? clampedInteger(*found) : 0;
 }
 
 // The same answer from the whole document.
@@ -63,9 +39,7 @@ std::optional<veerline::CodexTokenCount> fromDocument(std::string_view line) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // An exact-size copy, so that AddressSanitizer sees any read past the end.
-    std::unique_ptr<char[]> bytes(new char[std::max<std::size_t>(size, 1)]);
-    std::copy(data, data + size, bytes.get());
+    auto bytes = exactCopy(data, size);
     std::string_view line(bytes.get(), size);
     check(veerline::readCodexTokenCount(line) == fromDocument(line));
     return 0;

@@ -2,28 +2,14 @@
 // a line the JSON library reads as an object, every wanted field the library reads as a string or
 // a number must be captured with that value.
 
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <limits>
-#include <memory>
-
-#include <nlohmann/json.hpp>
-
+#include "fuzz_support.h"
 #include "usage/json_field_scanner.h"
-
-static void check(bool condition) {
-    if (!condition) std::abort();
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const veerline::JSONFieldScanner scanner({{"timestamp"}, {"requestId"}, {"message", "id"},
                                                      {"message", "usage", "input_tokens"},
                                                      {"message", "usage", "output_tokens"}, {"a"}, {"a", "b"}, {""}});
-    // An exact-size copy, so that AddressSanitizer sees any read past the end.
-    std::unique_ptr<char[]> bytes(new char[std::max<std::size_t>(size, 1)]);
-    std::copy(data, data + size, bytes.get());
+    auto bytes = exactCopy(data, size);
     std::string_view line(bytes.get(), size);
     auto result = scanner.scan(line);
     if (!result) return 0;
@@ -51,19 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         const std::int64_t* number = value.asInt();
         check(number != nullptr);
-        // Past the 64-bit range a number is held at the limit.
-        constexpr auto most = std::numeric_limits<std::int64_t>::max();
-        constexpr auto least = std::numeric_limits<std::int64_t>::min();
-        if (node->is_number_unsigned()) {
-            check(*number == (node->get<std::uint64_t>() > std::uint64_t(most) ? most : node->get<std::int64_t>()));
-        } else if (node->is_number_integer()) {
-            check(node->get<std::int64_t>() == *number);
-        } else {
-            double whole = std::trunc(node->get<double>());
-            check(whole >= 9223372036854775808.0 ? *number == most
-                  : whole < -9223372036854775808.0 ? *number == least
-                                                   : whole == static_cast<double>(*number));
-        }
+        check(*number == clampedInteger(*node));
     }
     return 0;
 }

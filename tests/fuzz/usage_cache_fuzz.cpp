@@ -1,21 +1,11 @@
 // libFuzzer target for the usage cache file's payload: whatever the bytes, decoding must stay
 // inside them, and every text a decoded event holds must point into them.
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <memory>
-
+#include "fuzz_support.h"
 #include "usage/usage_cache_file.h"
 
-static void check(bool condition) {
-    if (!condition) std::abort();
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // An exact-size copy, so that AddressSanitizer sees any read past the end.
-    std::shared_ptr<char[]> bytes(new char[std::max<std::size_t>(size, 1)]);
-    std::copy(data, data + size, bytes.get());
+    auto bytes = exactCopy(data, size);
     std::string_view payload(bytes.get(), size);
     auto entries = veerline::UsageCacheFile::decodePayload(payload, bytes);
     if (!entries) return 0;

@@ -23,12 +23,10 @@ namespace fs = std::filesystem;
 TempDir::TempDir(const std::string& prefix) {
     const char* tmp = std::getenv("TMPDIR");
     std::string base = (tmp != nullptr && tmp[0] == '/') ? tmp : "/tmp";
-    std::string pattern = base + "/" + prefix + "-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
+    std::string buffer = base + "/" + prefix + "-XXXXXX";
     if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     char* resolved = realpath(buffer.data(), nullptr);
-    path_ = resolved != nullptr ? resolved : buffer.data();
+    path_ = resolved != nullptr ? resolved : buffer;
     std::free(resolved);
 }
 
@@ -41,9 +39,7 @@ void removeTree(const std::string& path) {
     // Tests make folders read-only on purpose; give the owner write access back first.
     for (auto it = fs::recursive_directory_iterator(path, fs::directory_options::skip_permission_denied, ec);
          !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        if (it->is_directory(ec) && !it->is_symlink(ec)) {
-            ::chmod(it->path().c_str(), 0700);
-        }
+        if (it->is_directory(ec) && !it->is_symlink(ec)) ::chmod(it->path().c_str(), 0700);
     }
     ::chmod(path.c_str(), 0700);
     fs::remove_all(path, ec);
@@ -58,11 +54,10 @@ void makeDirs(const std::string& path, mode_t mode) {
 
 void writeFile(const std::string& path, const std::string& content, mode_t mode) {
     fs::create_directories(fs::path(path).parent_path());
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        if (!out) throw std::runtime_error("cannot write " + path);
-        out << content;
-    }
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) throw std::runtime_error("cannot write " + path);
+    out << content;
+    out.close();
     ::chmod(path.c_str(), mode);
 }
 

@@ -86,7 +86,6 @@ TEST(PathUtilTest, NormalizeAndContainment) {
 TEST(PathUtilTest, FoldersBehindLinksAndBoundedReads) {
     TempDir dir;
     testing::writeFile(dir / "real/inner/file", std::string(70000, 'x'));
-    testing::makeDirs(dir / "other");
     testing::makeSymlink("real", dir / "relative");
     testing::makeSymlink(dir / "relative/inner", dir / "chained");
     EXPECT_EQ(PathUtil::realPath(dir / "chained"), dir / "real/inner");
@@ -100,13 +99,11 @@ TEST(PathUtilTest, FoldersBehindLinksAndBoundedReads) {
     EXPECT_NE(FileIdentity::of(dir / "real"), identity);
     EXPECT_FALSE(FileIdentity::of(dir / "missing").has_value());
 
-    // PWD keeps the links the user went through, but only while it names the working folder.
+    // PWD is believed only as an absolute name of the working folder (links in it: resolver_test).
     std::string previous = std::filesystem::current_path().string();
     std::filesystem::current_path(dir / "real/inner");
     std::string physical = dir / "real/inner";
     EXPECT_EQ(logicalWorkingDirectory({{"PWD", physical}}), physical);
-    EXPECT_EQ(logicalWorkingDirectory({{"PWD", dir / "relative/inner"}}), dir / "relative/inner");
-    EXPECT_EQ(logicalWorkingDirectory({{"PWD", dir / "other"}}), physical);  // stale
     EXPECT_EQ(logicalWorkingDirectory({{"PWD", "inner"}}), physical);        // not absolute
     EXPECT_EQ(logicalWorkingDirectory({}), physical);
     std::filesystem::current_path(previous);
