@@ -5,11 +5,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -35,13 +33,23 @@ std::string claudeLine(long ago, const std::string& id, int input) {
            R"(,"cache_creation_input_tokens":2000,"cache_read_input_tokens":500,"output_tokens":34}},"timestamp":")" + stampAgo(ago) + "\"}\n";
 }
 
-TEST(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
+// A home with no profiles yet, its cache outside it.
+class CliReportsTest : public ::testing::Test {
+protected:
     TempDir root{"veerline-cli-reports"};
     std::string home = root / "home", support = home + "/Library/Application Support/Veerline";
-    makeDirs(home);
     RunOptions options{{{"HOME", home}, {"PATH", "/usr/bin:/bin"}, {"XDG_CACHE_HOME", root / "cache"}}, home, "", std::nullopt, {}};
-    auto cli = [&](const std::vector<std::string>& args) { return run(VEERLINE_CLI_BINARY, args, options); };
-    auto add = [&](const std::vector<std::string>& args) { std::string id = cli(args).out; return id.substr(0, id.find('\n')); };
+
+    void SetUp() override { makeDirs(home); }
+    RunResult cli(const std::vector<std::string>& args) const { return run(VEERLINE_CLI_BINARY, args, options); }
+    // The id of the profile that `args` adds.
+    std::string add(const std::vector<std::string>& args) const {
+        std::string id = cli(args).out;
+        return id.substr(0, id.find('\n'));
+    }
+};
+
+TEST_F(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
     const std::string work = add({"profile", "add", "Work", "--tools", "claude,codex"});
     const std::string personal = add({"profile", "add", "Home", "--tools", "claude", "--storage", "system"});
     writeFile(support + "/claude-code/" + work + "/projects/-w/a.jsonl",
@@ -145,16 +153,10 @@ TEST(CliReportsTest, UsageStatusStatusLineAndDoctorOverOneHome) {
 // What may sit where `veerline` reads: a FIFO or a huge file in the cache's place, folders past the
 // system's path limit among the logs, a status line input that is never closed, a window no date
 // arithmetic can take.
-TEST(CliReportsTest, UsageAndTheStatusLineStandUpToHostileFilesAndInput) {
-    TempDir root{"veerline-cli-hostile"};
-    const std::string home = root / "home", cache = root / "cache/veerline/usage-cache.bin";
-    makeDirs(home);
+TEST_F(CliReportsTest, UsageAndTheStatusLineStandUpToHostileFilesAndInput) {
+    const std::string cache = root / "cache/veerline/usage-cache.bin";
     makeDirs(root / "cache/veerline");
-    RunOptions options{{{"HOME", home}, {"PATH", "/usr/bin:/bin"}, {"XDG_CACHE_HOME", root / "cache"}}, home, "", std::nullopt, {}};
-    auto cli = [&](const std::vector<std::string>& args) { return run(VEERLINE_CLI_BINARY, args, options); };
-    std::string work = cli({"profile", "add", "Work", "--tools", "claude"}).out;
-    work = work.substr(0, work.find('\n'));
-    const std::string projects = home + "/Library/Application Support/Veerline/claude-code/" + work + "/projects";
+    const std::string projects = support + "/claude-code/" + add({"profile", "add", "Work", "--tools", "claude"}) + "/projects";
     writeFile(projects + "/-w/a.jsonl", claudeLine(60, "m1", 1200));
 
     RunResult window = cli({"usage", "--window", "99999999999999999999999d"});
@@ -178,23 +180,14 @@ TEST(CliReportsTest, UsageAndTheStatusLineStandUpToHostileFilesAndInput) {
     }
 
     // A folder whose path is one 200-byte name too long for the system.
-    makeDirs(projects);
-    const std::string name(200, 'd');
-    FileDescriptor top(::open(projects.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    FileDescriptor folder(::dup(top.get()));
-    std::string deep = projects;
-    for (bool more = true; more; deep += "/" + name) {
-        more = deep.size() + 1 + name.size() < PATH_MAX;
-        ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0755), 0);
-        folder = FileDescriptor(::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    }
-    const std::string warning = "Couldn't list " + deep + ": " + std::strerror(ENAMETOOLONG);
+    const FoldersPastPathLimit deep(projects);
+    const std::string warning = "Couldn't list " + deep.tooLong + ": " + std::strerror(ENAMETOOLONG);
     RunResult usage = cli({"usage", "--json"});
     EXPECT_EQ(json::parse(usage.out)[1]["warnings"], json::array({warning}));
     EXPECT_EQ(usage.err, "veerline: warning: " + warning + " (not counted)\n");
     EXPECT_EQ(json::parse(cli({"status", "--json"}).out)[0]["warnings"], json::array({warning}));
     EXPECT_EQ(cli({"usage"}).err, usage.err);
-    EXPECT_EQ(removeTreeAt(top.get(), name), 0);
+    EXPECT_EQ(removeTreeAt(deep.top.get(), deep.name), 0);
 
     // Standard input held open: the status line answers with what arrived.
     makeDirs(root / "w");

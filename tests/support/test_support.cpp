@@ -3,11 +3,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -85,6 +88,32 @@ void makeSymlink(const std::string& target, const std::string& linkPath) {
     if (::symlink(target.c_str(), linkPath.c_str()) != 0) {
         throw std::runtime_error("symlink " + linkPath + ": " + std::strerror(errno));
     }
+}
+
+void bindSocket(const std::string& path) {
+    const fs::path here = fs::current_path(), name = fs::path(path).filename();
+    fs::current_path(fs::path(path).parent_path());
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, name.c_str(), sizeof address.sun_path - 1);
+    const int bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), error = errno;
+    ::close(fd);
+    fs::current_path(here);
+    if (bound != 0) throw std::runtime_error("bind " + path + ": " + std::strerror(error));
+}
+
+FoldersPastPathLimit::FoldersPastPathLimit(const std::string& folder)
+    : lastThatFits(folder), top(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), last(::dup(top.get())) {
+    auto makeNext = [&] {
+        if (::mkdirat(last.get(), name.c_str(), 0755) != 0) throw std::runtime_error("mkdirat: " + std::string(std::strerror(errno)));
+    };
+    for (; lastThatFits.size() + 1 + name.size() < PATH_MAX; lastThatFits += "/" + name) {
+        makeNext();
+        last = FileDescriptor(::openat(last.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    makeNext();
+    tooLong = lastThatFits + "/" + name;
 }
 
 // Standard input comes from an unlinked temporary file, so nothing has to feed it while the child

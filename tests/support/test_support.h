@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "base/file_io.h"
+
 namespace veerline::testing {
 
 // A fresh folder under the temporary folder, removed with everything in it on destruction.
@@ -37,6 +39,17 @@ std::string readFile(const std::string& path);
 bool exists(const std::string& path);
 mode_t fileMode(const std::string& path);
 void makeSymlink(const std::string& target, const std::string& linkPath);
+// Binds a Unix socket at `path`, named from inside its folder so that a path of any length fits.
+void bindSocket(const std::string& path);
+
+// Folders of 200-byte names below `folder`, each inside the last, down to the first whose path is
+// too long for the system.
+struct FoldersPastPathLimit {
+    explicit FoldersPastPathLimit(const std::string& folder);
+    std::string name = std::string(200, 'd');
+    std::string lastThatFits, tooLong;  // the paths of the deepest two
+    FileDescriptor top, last;  // open on `folder` and on `lastThatFits`
+};
 
 struct RunResult {
     int exitCode = -1;   // the exit status, or 128 + signal

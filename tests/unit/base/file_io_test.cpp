@@ -3,9 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +18,7 @@
 #include "support/folder_entries.h"
 #include "support/test_support.h"
 #include "tools/codex_adapter.h"
+#include "usage/usage_cache_file.h"
 
 namespace veerline {
 namespace {
@@ -40,11 +39,7 @@ TEST(FileIOTest, NothingButARegularFileOfBoundedSizeIsRead) {
     const std::string fifo = dir / "fifo", socket = dir / "socket", loop = dir / "loop", sparse = dir / "sparse",
                       file = dir / "file", link = dir / "link";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    FileDescriptor listening(::socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(listening.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    testing::bindSocket(socket);
     testing::makeSymlink(loop + "2", loop);
     testing::makeSymlink(loop, loop + "2");
     testing::writeFile(sparse, "");
@@ -95,7 +90,9 @@ TEST(FileIOTest, EveryWriterSweepsWhatKilledWritersLeftButNotALiveOnesFile) {
         {"any file", home.path(), "file", [&] { writeFileAtomically(home / "file", "new", 0600); }},
         {"profiles", paths.supportDirectory(), "profiles.json",
          [&] { ProfileStore(paths).update([&](ProfileDocument& document) { document.profiles.push_back(profile); }); }},
-        {"codex starter file", codexFolder, "config.toml", [&] { CodexAdapter::prepareIn(paths, profile); }}};
+        {"codex starter file", codexFolder, "config.toml", [&] { CodexAdapter::prepareIn(paths, profile); }},
+        {"usage cache", home / "cache", "usage-cache.bin",
+         [&] { UsageCacheFile::save(home / "cache/usage-cache.bin", LocalLogUsageProvider::EventCache(), Moment()); }}};
     for (const Writer& writer : writers) {
         testing::makeDirs(writer.folder);
         const std::string target = writer.folder + "/" + writer.name;

@@ -28,10 +28,8 @@ namespace {
 using Kind = VeerlineError::Kind;
 using Args = std::vector<std::string>;
 
-Profile makeProfile(const std::string& id, const std::string& name,
-                    Profile::Storage storage = Profile::Storage::managed) {
-    return Profile(ProfileID(id), name, ProfileColor::blue, std::nullopt,
-                   {ToolKind::claudeCode, ToolKind::codex}, storage);
+Profile makeProfile(const std::string& id, const std::string& name, Profile::Storage storage = Profile::Storage::managed) {
+    return Profile(ProfileID(id), name, ProfileColor::blue, std::nullopt, {ToolKind::claudeCode, ToolKind::codex}, storage);
 }
 
 // What `step` throws, or "passed".
@@ -131,10 +129,7 @@ TEST(ProfileDocumentTest, ChecksInTheOrderUsersMeetThem) {
          "\u201Crel\u201D isn't a full path. Start it with / or ~.", Kind::invalidRule},
         {{w, p}, {{"~/code", ProfileID("w")}}, ProfileID("p"), "passed"}};
     for (const Case& c : cases) {
-        ProfileDocument document;
-        document.profiles = c.profiles;
-        document.rules = c.rules;
-        document.cliDefault = c.cliDefault;
+        const ProfileDocument document{.profiles = c.profiles, .rules = c.rules, .cliDefault = c.cliDefault};
         Kind kind = Kind::io;
         EXPECT_EQ(messageOf([&] { document.validate(); }, &kind), c.message);
         EXPECT_EQ(kind, c.message == "passed" ? Kind::io : c.kind) << c.message;

@@ -207,8 +207,7 @@ TEST_F(RuleResolverTest, ADotfileNamesTheProfileOnItsFirstMeaningfulLine) {
     EXPECT_EQ(read("\n\n  #Work\n\u00A0Work\n"), "\u00A0Work");  // only spaces and tabs are trimmed
     EXPECT_EQ(read("Caf\u00E9"), "Caf\u00E9");
     for (const char* nothing : {"", "#Work\n \t \n", "Wo\xFFrk\n"}) EXPECT_EQ(read(nothing), std::nullopt) << nothing;
-    EXPECT_EQ(RuleResolver::readReference(root / "missing"), std::nullopt);
-    EXPECT_EQ(RuleResolver::readReference(root.path()), std::nullopt);
+    for (const std::string& path : {root / "missing", root.path()}) EXPECT_EQ(RuleResolver::readReference(path), std::nullopt) << path;
 }
 
 }  // namespace

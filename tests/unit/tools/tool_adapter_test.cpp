@@ -405,9 +405,8 @@ TEST_F(ToolAdapterTest, DataFolderIsPrivateAndDeletedOnlyInsideTheSupportFolder)
 
     testing::removeTree(tools);
     testing::writeFile(tools, "a file in the way");
-    VeerlineError error = testing::failureOf([&] { claude.createDataDirectory(work); });
-    EXPECT_EQ(error.kind(), VeerlineError::Kind::io);
-    EXPECT_EQ(error.errorDescription(), "Couldn't create " + claudeFolder + ": Not a directory");
+    EXPECT_EQ(testing::failureOf([&] { claude.createDataDirectory(work); }),
+              VeerlineError::io("Couldn't create " + claudeFolder + ": Not a directory"));
 }
 
 }  // namespace

@@ -5,16 +5,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -293,25 +288,11 @@ TEST_F(LocalLogUsageProviderTest, HostileCountsLeaveTheirLineOutAndSumsSaturate)
               std::to_string(most) + " " + std::to_string(most) + " " + std::to_string(std::numeric_limits<std::int64_t>::min()));
 }
 
-// A socket's path may be short only: it is bound by name inside its folder.
-void bindSocket(const std::string& path) {
-    std::string here = std::filesystem::current_path();
-    std::filesystem::current_path(path.substr(0, path.rfind('/')));
-    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un address {};
-    address.sun_family = AF_UNIX;
-    std::string name = path.substr(path.rfind('/') + 1);
-    std::memcpy(address.sun_path, name.c_str(), name.size() + 1);
-    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-    std::filesystem::current_path(here);
-}
-
 TEST_F(LocalLogUsageProviderTest, SpecialFilesInPlaceOfALogOrTheCacheNeitherBlockNorStick) {
     const std::string cacheFile = home / "cache/usage-cache.bin", log = projects + "/p/x.jsonl";
     makeDirs(home / "cache");
     makeDirs(projects + "/p");
-    // A hole longer than the longest line kept, then a line each tool would count.
+    // After a hole longer than the longest line kept, a line each tool would count.
     const std::string lines = "\n" + claudeLine(10, "m1", 7) + "\n" + codexLine(R"({"last_token_usage":{"input_tokens":7}})") + "\n";
     const std::pair<const char*, std::function<void(const std::string&, bool)>> kinds[] = {
         {"FIFO", [](const std::string& path, bool) { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); }},
@@ -322,6 +303,7 @@ TEST_F(LocalLogUsageProviderTest, SpecialFilesInPlaceOfALogOrTheCacheNeitherBloc
              const off_t hole = isLog ? static_cast<off_t>(Provider::maxLineSize + (1 << 20)) : off_t(3) << 30;
              writeFile(path, "");
              ASSERT_EQ(::truncate(path.c_str(), hole), 0);
+             if (isLog) std::ofstream(path, std::ios::app) << lines;
          }},
     };
     for (const auto& [kind, make] : kinds) {
@@ -334,10 +316,6 @@ TEST_F(LocalLogUsageProviderTest, SpecialFilesInPlaceOfALogOrTheCacheNeitherBloc
 
         make(log, true);
         const bool sparse = std::string(kind) == "huge sparse file";
-        if (sparse) {
-            std::ofstream out(log, std::ios::app);
-            out << lines;
-        }
         for (const Provider::EventCache::Parse& parse :
              {Provider::EventCache::Parse([](const std::string& path, Moment since) { return Provider::parseClaudeFile(path, since); }),
               Provider::EventCache::Parse([](const std::string& path, Moment since) { return Provider::parseCodexFile(path, since); })}) {
@@ -365,39 +343,20 @@ TEST_F(LocalLogUsageProviderTest, ALogCutShortWhileReadGivesTheLinesReadUntilThe
     EXPECT_LT(lines, 20000);
 }
 
-TEST_F(LocalLogUsageProviderTest, SavingTheCacheSweepsWhatKilledWritersLeft) {
-    pid_t gone = ::fork();
-    if (gone == 0) ::_exit(0);
-    ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
-    const std::string leftover = home / "cache/.usage-cache.bin." + std::to_string(gone) + ".0.tmp";
-    writeFile(leftover, std::string(4096, 'x'), 0600);
-    UsageCacheFile::save(home / "cache/usage-cache.bin", Provider::EventCache(), at(0));
-    EXPECT_TRUE(exists(home / "cache/usage-cache.bin"));
-    EXPECT_FALSE(exists(leftover));
-}
-
 TEST_F(LocalLogUsageProviderTest, FoldersAndLogsPastThePathLimitAreNamedInWarnings) {
     // Folders of 200-byte names, each made inside the last, down to where one more would be too
     // long a path; there a folder and a log whose paths are.
     makeDirs(projects);
-    const std::string name(200, 'd');
-    std::string deep = projects;
-    FileDescriptor top(::open(projects.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    FileDescriptor folder(::dup(top.get()));
-    for (; deep.size() + 1 + name.size() < PATH_MAX; deep += "/" + name) {
-        ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0755), 0);
-        folder = FileDescriptor(::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    }
+    const FoldersPastPathLimit deep(projects);
     const std::string logName = std::string(194, 'f') + ".jsonl", line = claudeLine(10, "m1", 7) + "\n";
-    ASSERT_EQ(::mkdirat(folder.get(), name.c_str(), 0755), 0);
-    FileDescriptor log(::openat(folder.get(), logName.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    FileDescriptor log(::openat(deep.last.get(), logName.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     ASSERT_EQ(writeAll(log.get(), line), 0);
 
     std::vector<std::string> warnings;
     Provider(ToolContext{paths, {}}, nullptr).activities(work, ToolKind::claudeCode, {ActivitySummary::sevenDays}, at(kNow), &warnings);
-    EXPECT_EQ(warnings, (std::vector<std::string>{"Couldn't list " + deep + "/" + name + ": " + std::strerror(ENAMETOOLONG),
-                                                  "Couldn't read " + deep + "/" + logName + ": " + std::strerror(ENAMETOOLONG)}));
-    EXPECT_EQ(removeTreeAt(top.get(), name), 0);
+    EXPECT_EQ(warnings, (std::vector<std::string>{"Couldn't list " + deep.tooLong + ": " + std::strerror(ENAMETOOLONG),
+                                                  "Couldn't read " + deep.lastThatFits + "/" + logName + ": " + std::strerror(ENAMETOOLONG)}));
+    EXPECT_EQ(removeTreeAt(deep.top.get(), deep.name), 0);
 }
 
 }  // namespace
