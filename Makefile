@@ -3,17 +3,22 @@ BUILD_DIR   ?= build
 ASAN_DIR    ?= build-asan
 BENCH_DIR   ?= build-bench
 COVERAGE_DIR ?= build-coverage
-FUZZ_DIR    ?= build-fuzz
 PACKAGE_DIR ?= build-package
 DIST_DIR    ?= dist
 FUZZ_SECONDS ?= 30
 PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
+# Batched compiles (see VEERLINE_UNITY in CMakeLists.txt) halve a build from scratch; UNITY=OFF suits
+# edit-and-rebuild work, where one edited file then recompiles alone.
+UNITY       ?= ON
 JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR   := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 # A compiler cache, where there is one, makes rebuilds after a branch switch cheap.
 LAUNCHER    := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
-CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) $(LAUNCHER)
+CMAKE_FLAGS := -DVEERLINE_WERROR=$(WERROR) -DVEERLINE_UNITY=$(UNITY) $(LAUNCHER)
+# Paths below the checkout reach the cache as relative ones, so that the package's build folder
+# reuses what the main build compiled.
+export CCACHE_BASEDIR := $(CURDIR)
 # The one version, CMake's project version; a release is named after it.
 VERSION     := $(shell sed -n 's/^project.Veerline VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 RELEASE_URL ?= https://github.com/veerline/veerline/releases/download/v$(VERSION)
@@ -34,8 +39,13 @@ test-deps:
 test: test-deps build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
-test-asan:
-	cmake -S . -B $(ASAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DVEERLINE_SANITIZE=ON $(CMAKE_FLAGS)
+# One sanitizer build serves the tests and the fuzzers: clang with AddressSanitizer and UBSan,
+# optimised a little so that the fuzzers get through many inputs.
+SANITIZED := cmake -S . -B $(ASAN_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+	-DCMAKE_CXX_COMPILER=clang++ -DVEERLINE_FUZZ=ON $(CMAKE_FLAGS)
+
+test-asan: test-deps
+	$(SANITIZED)
 	cmake --build $(ASAN_DIR) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest --test-dir $(ASAN_DIR) --output-on-failure -j $(JOBS)
@@ -55,19 +65,18 @@ coverage:
 
 # Each tests/fuzz/<name>_fuzz.cpp runs FUZZ_SECONDS on a scratch copy of tests/fuzz/corpus/<name>/,
 # so the seeds in the repository stay as they are; any crash fails the run and leaves its input in
-# $(FUZZ_DIR)/artifacts/.
-fuzz:
-	cmake -S . -B $(FUZZ_DIR) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-		-DVEERLINE_FUZZ=ON -DVEERLINE_TESTS=OFF $(CMAKE_FLAGS)
-	cmake --build $(FUZZ_DIR) --target veerline-fuzzers -j $(JOBS)
-	@mkdir -p $(FUZZ_DIR)/artifacts
+# $(ASAN_DIR)/fuzz/artifacts/.
+fuzz: test-deps
+	$(SANITIZED)
+	cmake --build $(ASAN_DIR) --target veerline-fuzzers -j $(JOBS)
+	@mkdir -p $(ASAN_DIR)/fuzz/artifacts
 	@for source in tests/fuzz/*_fuzz.cpp; do \
-		name=$$(basename $$source _fuzz.cpp); scratch=$(FUZZ_DIR)/corpus/$$name; \
+		name=$$(basename $$source _fuzz.cpp); scratch=$(ASAN_DIR)/fuzz/corpus/$$name; \
 		rm -rf $$scratch && mkdir -p $$scratch && cp -R tests/fuzz/corpus/$$name/. $$scratch/ || exit 1; \
-		$(FUZZ_DIR)/$${name}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
-			-artifact_prefix=$(FUZZ_DIR)/artifacts/$$name- $$scratch > $(FUZZ_DIR)/$$name.log 2>&1 \
-			|| { tail -n 60 $(FUZZ_DIR)/$$name.log; echo "fuzz: $$name crashed (log: $(FUZZ_DIR)/$$name.log)"; exit 1; }; \
-		echo "fuzz: $$name: $$(sed -n 's/^stat::number_of_executed_units: *//p' $(FUZZ_DIR)/$$name.log) runs in $(FUZZ_SECONDS) s, no crash"; \
+		$(ASAN_DIR)/fuzz/$${name}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -print_final_stats=1 \
+			-artifact_prefix=$(ASAN_DIR)/fuzz/artifacts/$$name- $$scratch > $(ASAN_DIR)/fuzz/$$name.log 2>&1 \
+			|| { tail -n 60 $(ASAN_DIR)/fuzz/$$name.log; echo "fuzz: $$name crashed (log: $(ASAN_DIR)/fuzz/$$name.log)"; exit 1; }; \
+		echo "fuzz: $$name: $$(sed -n 's/^stat::number_of_executed_units: *//p' $(ASAN_DIR)/fuzz/$$name.log) runs in $(FUZZ_SECONDS) s, no crash"; \
 	done
 
 bench:
@@ -120,4 +129,4 @@ dist:
 	@echo "$(DIST_DIR)/veerline-$(VERSION).tar.gz, its .sha256, and $(DIST_DIR)/veerline.rb for a Homebrew tap."
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR) $(FUZZ_DIR) $(PACKAGE_DIR) $(DIST_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(BENCH_DIR) $(COVERAGE_DIR) $(PACKAGE_DIR) $(DIST_DIR)

@@ -28,7 +28,7 @@
 #include "shell/shell_quote.h"
 #include "tools/tool_registry.h"
 
-extern char** environ;
+extern "C" char** environ;
 
 namespace veerline::cli {
 

@@ -26,7 +26,7 @@
 #include "tools/claude_code_adapter.h"
 #include "tools/codex_adapter.h"
 
-extern char** environ;
+extern "C" char** environ;
 
 namespace veerline::cli {
 

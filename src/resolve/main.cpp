@@ -26,7 +26,7 @@
 #include "resolution/shim_plan.h"
 #include "platform/platform.h"
 
-extern char** environ;
+extern "C" char** environ;
 
 using namespace veerline;
 

@@ -24,7 +24,7 @@
 #include <nlohmann/json.hpp>
 #include <toml++/toml.h>
 
-extern char** environ;
+extern "C" char** environ;
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-extern char** environ;
+extern "C" char** environ;
 
 namespace veerline {
 

@@ -148,7 +148,7 @@ TEST(ProfileDocumentJSONTest, UnreadableValuesSayWhereAndWhat) {
         {R"({"id": "p", "name": "W", "tools": "codex"})", "tools: expected an array, found a string"},
         {R"(["p"])", "top level: expected an object, found an array"}};
     for (const auto& [text, message] : profiles) {
-        EXPECT_EQ(messageOf([&] { profileFromJSON(nlohmann::json::parse(text)); }), message) << text;
+        EXPECT_EQ(messageOf([&json = text] { profileFromJSON(nlohmann::json::parse(json)); }), message) << text;
     }
     const std::pair<std::string, std::string> documents[] = {
         {R"({"version": 1, "profiles": []})", R"(top level: the key "rules" is missing)"},
@@ -162,7 +162,9 @@ TEST(ProfileDocumentJSONTest, UnreadableValuesSayWhereAndWhat) {
         {"{\n  \"version\": 1,\n  oops\n}", "not valid JSON (line 3, column 3)"},
         {R"({"version": 1, "profiles": [], "rules": []} x)", "not valid JSON (line 1, column 45)"},
         {R"({"version": 1, "profiles": [], "rules": [], "size": 1e999})", "not valid JSON (a number too large to read)"}};
-    for (const auto& [text, message] : documents) EXPECT_EQ(messageOf([&] { decodeDocument(text); }), message) << text;
+    for (const auto& [text, message] : documents) {
+        EXPECT_EQ(messageOf([&json = text] { decodeDocument(json); }), message) << text;
+    }
 }
 
 TEST(ProfileDocumentJSONTest, QuickAndFullDecodersReadUsualDocumentsAlike) {
