@@ -1,6 +1,7 @@
 #include "support/test_support.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -101,6 +102,29 @@ void bindSocket(const std::string& path) {
     ::close(fd);
     fs::current_path(here);
     if (bound != 0) throw std::runtime_error("bind " + path + ": " + std::strerror(error));
+}
+
+bool holdsUnprivileged(const std::string& tree, const std::function<bool()>& check) {
+    constexpr uid_t nobody = 65534;
+    constexpr gid_t nogroup = 65534;
+    const bool root = ::geteuid() == 0;
+    if (root) {
+        if (::lchown(tree.c_str(), nobody, nogroup) != 0) throw std::runtime_error("lchown " + tree);
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(tree)) {
+            if (::lchown(entry.path().c_str(), nobody, nogroup) != 0) throw std::runtime_error("lchown " + entry.path().string());
+        }
+    }
+    pid_t child = ::fork();
+    if (child < 0) throw std::runtime_error("fork failed");
+    if (child == 0) {
+        bool dropped = !root || (::setgroups(0, nullptr) == 0 && ::setresgid(nogroup, nogroup, nogroup) == 0 &&
+                                 ::setresuid(nobody, nobody, nobody) == 0);
+        ::_exit(dropped && check() ? 0 : 1);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 FoldersPastPathLimit::FoldersPastPathLimit(const std::string& folder)

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <optional>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,11 @@ mode_t fileMode(const std::string& path);
 void makeSymlink(const std::string& target, const std::string& linkPath);
 // Binds a Unix socket at `path`, named from inside its folder so that a path of any length fits.
 void bindSocket(const std::string& path);
+
+// Whether `check` holds when run in a child process as an ordinary user: root may write
+// everywhere, so permission checks are tested without it. As root, `tree` is first given to that
+// user so that the child can reach it; otherwise the child runs as the caller.
+bool holdsUnprivileged(const std::string& tree, const std::function<bool()>& check);
 
 // Folders of 200-byte names below `folder`, each inside the last, down to the first whose path is
 // too long for the system.
