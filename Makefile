@@ -8,7 +8,7 @@ DIST_DIR    ?= dist
 FUZZ_SECONDS ?= 30
 PREFIX      ?= $(HOME)/.local
 WERROR      ?= OFF
-# Batched compiles (see VEERLINE_UNITY in CMakeLists.txt) halve a build from scratch; UNITY=OFF suits
+# Batched compiles (see VEERLINE_UNITY in CMakeLists.txt) speed up a build from scratch; UNITY=OFF suits
 # edit-and-rebuild work, where one edited file then recompiles alone.
 UNITY       ?= ON
 JOBS        ?= $(shell nproc 2>/dev/null || echo 2)
